@@ -1,0 +1,100 @@
+#include "app/startup.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "app/main_app_link.h"
+#include "app/options.h"
+#include "base/process_end.h"
+#include "base/run_paths.h"
+#include "base/text_file.h"
+#include "camera/camera_session.h"
+#include "video/frame_buffers.h"
+
+namespace kestrelbridge {
+namespace {
+
+constexpr useconds_t kStartPauseUs = 1'000'000;
+constexpr useconds_t kMainLoopPeriodUs = 1'000'000;
+constexpr std::size_t kBoardModelSize = 100;  // 99 characters and a NUL
+
+void AnnounceBoard() {
+  std::fprintf(stderr, "\nOsmo Action Wi-Fi client\n");
+  char model[kBoardModelSize];
+  ReadTextFile(kBoardModelPath, model);
+  std::fprintf(stderr, "Board model: %s\n", model);
+  std::fprintf(stderr, "Board supported\n");
+  WriteTextFile(kBoardSupportedPath, "1");
+}
+
+// Packets go to the low 16 bits of a port; say so where that is not what was asked for.
+void ReportPort(const char* option_name, std::int32_t port) {
+  const auto used = static_cast<std::uint16_t>(port);
+  if (used != port) {
+    std::fprintf(stderr, "Option --%s=%d is no UDP port, packets go to port %u\n", option_name,
+                 port, static_cast<unsigned>(used));
+  }
+}
+
+void ReadOptions(int argc, char** argv) {
+  if (ParseOptions(argc, argv) != 0) {
+    EndProcess(ExitCode::kUsageOrLink);
+  }
+  if (GetConfig().destination_port == 0) {
+    EndProcess(ExitCode::kUsageOrLink, "Destination host or port not set");
+  }
+  ReportPort("port", GetConfig().camera_port);
+  ReportPort("dst-port", GetConfig().destination_port);
+}
+
+void ConnectMainApplication(const Config& config) {
+  if (config.verbose != 0) {
+    std::fprintf(stderr, "Using interface %s\n", config.iface);
+    std::fprintf(stderr, "Init connection to main application %s:%d\n", config.destination_host,
+                 config.destination_port);
+  }
+  const bool connected = InitMainAppLink(config.destination_host, config.destination_port) == 0;
+  if (config.verbose != 0) {
+    std::fprintf(stderr, "%s\n", connected ? "Done" : "Failed");
+  }
+  if (!connected) {
+    EndProcess(ExitCode::kUsageOrLink);
+  }
+}
+
+void SetUpFrameMemory() {
+  std::fprintf(stderr, "Init telemetry buffer\n");
+  if (InitFrameBuffers() != 0) {
+    EndProcess(ExitCode::kFrameMemory, "Failed to init telemetry buffer");
+  }
+}
+
+void ConnectCamera(const Config& config) {
+  if (config.verbose != 0) {
+    std::fprintf(stderr, "Init connection to camera %s:%d via iface %s\n", config.camera_host,
+                 config.camera_port, config.iface);
+  }
+  if (InitCameraLink(config.camera_host, config.camera_port) != 0) {
+    EndProcess(ExitCode::kUsageOrLink);
+  }
+}
+
+}  // namespace
+
+void RunDaemon(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);  // the picture outlives whoever read our log
+  AnnounceBoard();
+  ReadOptions(argc, argv);
+  usleep(kStartPauseUs);
+  const Config& config = GetConfig();
+  ConnectMainApplication(config);
+  SetUpFrameMemory();
+  ConnectCamera(config);
+  for (;;) {
+    usleep(kMainLoopPeriodUs);
+  }
+}
+
+}  // namespace kestrelbridge

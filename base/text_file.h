@@ -1,0 +1,20 @@
+// Small text files: the status files that the daemon writes and the names that it reads.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+namespace kestrelbridge {
+
+// Opens the file for writing (creating or truncating it), writes the text as it is, without adding
+// a newline, and closes it. Returns 0, or -1 without writing when the file cannot be opened.
+// Any thread.
+int WriteTextFile(const char* path, std::string_view text);
+
+// Reads the start of a file into `text`, which is filled with NULs first and keeps at least one at
+// its end: at most text.size() - 1 bytes are used. A file that cannot be read leaves it empty.
+// Any thread.
+void ReadTextFile(const char* path, std::span<char> text);
+
+}  // namespace kestrelbridge

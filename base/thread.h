@@ -1,0 +1,12 @@
+// Threads of the daemon: started once, never joined, named so that `top -H` tells who works.
+#pragma once
+
+#include <pthread.h>
+
+namespace kestrelbridge {
+
+// Starts a detached-for-life thread with default attributes that runs body(argument).
+// `name` is at most 15 characters. Returns 0, or -1 when the system has no thread left.
+int StartThread(pthread_t* thread, const char* name, void* (*body)(void*), void* argument);
+
+}  // namespace kestrelbridge

@@ -1,0 +1,24 @@
+#include "camera/camera_link.h"
+
+namespace kestrelbridge {
+
+CameraLink& GetCameraLink() {
+  static constinit CameraLink link;
+  return link;
+}
+
+std::uint16_t TakePacketNumber() {
+  // Only uniqueness counts; no other memory hangs on it.
+  return GetCameraLink().outgoing_packet_counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+std::uint16_t LastReceivedSequence() {
+  return GetCameraLink().last_received_sequence.load(std::memory_order_relaxed);
+}
+
+int SendToCamera(std::span<const std::uint8_t> data) {
+  const CameraLink& link = GetCameraLink();
+  return SendTo(link.endpoint, data, link.host, static_cast<std::uint16_t>(link.port));
+}
+
+}  // namespace kestrelbridge

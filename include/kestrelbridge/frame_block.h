@@ -1,0 +1,367 @@
+// The frame block: the camera's live H.264 stream in POSIX shared memory, for the main application.
+//
+// This header is the one definition of the block's layout. It holds what a reader needs, depends on
+// the C++17 standard library and POSIX alone, and is free to be copied into your project. Link with
+// -lrt where the C library still wants it.
+//
+//   The block "kestrelbridge_framebuffer", 60,003,624 bytes. Numbers are little-endian.
+//
+//   bytes   header field      meaning
+//   0-1     clear_request     not 0: the writer zeroes the whole block before its next unit
+//   2-3     last_sequence     unit_sequence of the newest unit
+//   4-5     write_index       slot that the next unit goes to, 0 to 199
+//   6-23    reserved          0
+//   24-     200 slots of 300,018 bytes each
+//
+//   bytes   slot field        meaning
+//   0-3     chunk_length      payload bytes, 1 to 300,000 (not aligned in odd slots)
+//   4-5     unit_sequence     number of the unit, counts up from 0 with every start of the daemon
+//   6       chunk_index       0 for a unit's first chunk; the daemon's units have but one
+//   7       reserved          0
+//   8-17    slot_flags        ten bytes, each 1 once the slot has been written
+//   18-     payload           one access unit, Annex B, opened by 00 00 00 01
+//
+// How the daemon writes: payload, slot header, write_index, last_sequence, in this order. It never
+// waits for a reader: a slot is overwritten when the ring comes round to it, 200 units later. From
+// its start until its first unit, clear_request is 1 and all else is 0.
+//
+// How to read, with the class below:
+//
+//   kestrelbridge::FrameBlockMapping mapping;
+//   while (!mapping.Open()) { wait a little; }           // the daemon has not run yet
+//   kestrelbridge::FrameBlockReader reader(mapping.data());
+//   std::vector<std::uint8_t> unit;
+//   for (;;) {
+//     if (reader.Next(unit)) { use the unit; } else { wait a millisecond or two; }
+//   }
+//
+// The objects have mode 0600: run as the same user as the daemon. The mapping stays good when the
+// daemon restarts. Nothing here blocks or throws, but for std::bad_alloc of the unit's vector.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace kestrelbridge {
+
+inline constexpr char kFrameBlockName[] = "kestrelbridge_framebuffer";
+
+inline constexpr std::size_t kFrameBlockHeaderSize = 24;
+inline constexpr std::size_t kClearRequestOffset = 0;
+inline constexpr std::size_t kLastSequenceOffset = 2;
+inline constexpr std::size_t kWriteIndexOffset = 4;
+
+inline constexpr std::size_t kSlotCount = 200;
+inline constexpr std::size_t kSlotHeaderSize = 18;
+inline constexpr std::size_t kChunkCapacity = 300'000;
+inline constexpr std::size_t kSlotSize = kSlotHeaderSize + kChunkCapacity;
+inline constexpr std::size_t kChunkLengthOffset = 0;
+inline constexpr std::size_t kUnitSequenceOffset = 4;
+inline constexpr std::size_t kChunkIndexOffset = 6;
+inline constexpr std::size_t kSlotReservedOffset = 7;
+inline constexpr std::size_t kSlotFlagsOffset = 8;
+inline constexpr std::size_t kSlotFlagCount = 10;
+
+inline constexpr std::size_t kFrameBlockSize = kFrameBlockHeaderSize + kSlotCount * kSlotSize;
+static_assert(kFrameBlockSize == 60'003'624);
+static_assert(kSlotFlagsOffset + kSlotFlagCount == kSlotHeaderSize);
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+#error "the frame block is little-endian; this header needs byte swaps on this machine"
+#endif
+
+// Byte offset of slot 0 to 199 within the block.
+constexpr std::size_t SlotOffset(std::size_t slot) {
+  return kFrameBlockHeaderSize + slot * kSlotSize;
+}
+
+// The 16-bit fields are aligned in every slot, and another process writes them while we read: they
+// are accessed as a whole, with the given order.
+inline std::uint16_t LoadShared16(const std::uint8_t* field, int order) {
+  return __atomic_load_n(reinterpret_cast<const std::uint16_t*>(field), order);
+}
+inline void StoreShared16(std::uint8_t* field, std::uint16_t value, int order) {
+  __atomic_store_n(reinterpret_cast<std::uint16_t*>(field), value, order);
+}
+
+// Asks the daemon to zero the block before its next unit. `block` must be mapped for writing. Any
+// thread, any process; readers go on by themselves.
+inline void RequestClear(std::uint8_t* block) {
+  StoreShared16(block + kClearRequestOffset, 1, __ATOMIC_RELAXED);
+}
+
+// The block's mapping, read-only. Not thread-safe.
+class FrameBlockMapping {
+ public:
+  FrameBlockMapping() = default;
+  FrameBlockMapping(const FrameBlockMapping&) = delete;
+  FrameBlockMapping& operator=(const FrameBlockMapping&) = delete;
+  ~FrameBlockMapping() {
+    if (data_ != nullptr) {
+      munmap(const_cast<std::uint8_t*>(data_), kFrameBlockSize);
+    }
+  }
+
+  // Returns false, with errno set, while there is no block: the daemon has not been started since
+  // the box was, or this user may not open it (EACCES). Also false, with errno EAGAIN, while the
+  // daemon has not yet given the block its size. Try again after a moment.
+  bool Open() {
+    if (data_ != nullptr) {
+      return true;
+    }
+    const int descriptor = shm_open(kFrameBlockName, O_RDONLY | O_CLOEXEC, 0);
+    if (descriptor == -1) {
+      return false;
+    }
+    struct stat status {};
+    if (fstat(descriptor, &status) == 0 && status.st_size >= static_cast<off_t>(kFrameBlockSize)) {
+      void* mapped = mmap(nullptr, kFrameBlockSize, PROT_READ, MAP_SHARED, descriptor, 0);
+      data_ = mapped == MAP_FAILED ? nullptr : static_cast<const std::uint8_t*>(mapped);
+    } else {
+      errno = EAGAIN;
+    }
+    const int reason = errno;
+    close(descriptor);
+    errno = reason;
+    return data_ != nullptr;
+  }
+
+  // The mapped block, kFrameBlockSize bytes; null before Open succeeded.
+  const std::uint8_t* data() const { return data_; }
+
+ private:
+  const std::uint8_t* data_ = nullptr;
+};
+
+// Follows the ring and hands out whole units, in order, each once. A reader that is too slow loses
+// units, never gets a mixed one: what was overwritten is counted and skipped. One thread per
+// reader; any number of readers.
+class FrameBlockReader {
+ public:
+  enum class Start {
+    kLive,    // only units that are published from now on
+    kOldest,  // also what the ring still holds, at most 100 units
+  };
+
+  // What the reader saw beside the units that it handed out.
+  struct Counters {
+    std::uint64_t units = 0;     // handed out
+    std::uint64_t bytes = 0;     // of those
+    std::uint64_t lost = 0;      // published, but overwritten or cleared before they could be read
+    std::uint64_t laps = 0;      // times that the writer ran past this reader or cleared the ring
+    std::uint64_t restarts = 0;  // times that the daemon was started afresh
+  };
+
+  // `block` points at kFrameBlockSize mapped bytes that stay mapped as long as the reader is used.
+  explicit FrameBlockReader(const std::uint8_t* block, Start start = Start::kLive) : block_(block) {
+    const std::uint16_t write_index = WriteIndex();
+    if (write_index >= kSlotCount || RingIsFresh(write_index)) {
+      return;  // begin with the first unit of the new ring
+    }
+    if (start == Start::kOldest) {
+      Resume();
+    } else {
+      slot_ = write_index;
+      sequence_ =
+          static_cast<std::uint16_t>(LoadSlotHeader(SlotBefore(write_index, 1)).unit_sequence + 1);
+      sequence_known_ = true;
+    }
+  }
+
+  // Copies the next whole unit into `unit`, replacing what it held, and returns true; false when
+  // there is none yet. Whatever the block contains, nothing outside of it is read.
+  bool Next(std::vector<std::uint8_t>& unit) {
+    // A unit that was overwritten under our hands makes us resume further on; the writer needs the
+    // time of many units to do that again, so a few tries are enough.
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+      const std::uint16_t write_index = WriteIndex();
+      if (write_index >= kSlotCount) {
+        return false;  // spoiled by somebody; the daemon mends it with its next unit
+      }
+      if (RingIsFresh(write_index)) {
+        ExpectFreshRing();
+        return false;
+      }
+      if (write_index == slot_ && NothingNew()) {
+        return false;
+      }
+      if (TakeSlot(unit)) {
+        return true;
+      }
+      if (!Resume()) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  const Counters& counters() const { return counters_; }
+
+ private:
+  static constexpr int kMaxAttempts = 4;
+  // While the daemon writes the unit after the newest one, it overwrites the unit that is 199 older
+  // than the newest. Everything up to 198 is safe.
+  static constexpr std::uint16_t kMaxAge = kSlotCount - 2;
+  // After a lap: half of the ring is kept, half is the head start before the next lap.
+  static constexpr std::size_t kResumeAge = kSlotCount / 2;
+
+  struct SlotHeader {
+    std::uint32_t chunk_length;
+    std::uint16_t unit_sequence;
+    std::uint8_t chunk_index;
+    bool operator==(const SlotHeader& other) const {
+      return chunk_length == other.chunk_length && unit_sequence == other.unit_sequence &&
+             chunk_index == other.chunk_index;
+    }
+    bool HoldsWholeUnit() const {
+      return chunk_length >= 1 && chunk_length <= kChunkCapacity && chunk_index == 0;
+    }
+  };
+
+  std::uint16_t Load16(std::size_t offset) const {
+    return LoadShared16(block_ + offset, __ATOMIC_ACQUIRE);
+  }
+
+  // Acquire: pairs with the writer's release, so the slots before it are as their headers say.
+  std::uint16_t WriteIndex() const { return Load16(kWriteIndexOffset); }
+
+  SlotHeader LoadSlotHeader(std::size_t slot) const {
+    const std::uint8_t* bytes = block_ + SlotOffset(slot);
+    std::uint32_t length = 0;
+    for (int i = 3; i >= 0; --i) {
+      length = length << 8 | __atomic_load_n(bytes + kChunkLengthOffset + i, __ATOMIC_RELAXED);
+    }
+    return {length, LoadShared16(bytes + kUnitSequenceOffset, __ATOMIC_RELAXED),
+            __atomic_load_n(bytes + kChunkIndexOffset, __ATOMIC_RELAXED)};
+  }
+
+  // Nothing published since the daemon started or cleared the ring: the slot before the write index
+  // has never been written.
+  bool RingIsFresh(std::uint16_t write_index) const {
+    return write_index == 0 && LoadSlotHeader(kSlotCount - 1).chunk_length == 0;
+  }
+
+  static std::size_t SlotBefore(std::size_t slot, std::size_t distance) {
+    return (slot + kSlotCount - distance) % kSlotCount;
+  }
+
+  // Where the write index stands still: false when the newest unit is not the one before the
+  // expected one, that is after exactly one lap, or in a ring that was started anew.
+  bool NothingNew() const {
+    return sequence_known_ &&
+           static_cast<std::uint16_t>(Load16(kLastSequenceOffset) + 1) == sequence_;
+  }
+
+  // The numbers carry on after a clear and start again with the daemon: the next unit tells.
+  void ExpectFreshRing() {
+    if (slot_ != 0 || sequence_known_) {
+      was_reset_ = true;
+      sequence_before_reset_ = sequence_;
+    }
+    slot_ = 0;
+    sequence_known_ = false;
+  }
+
+  // Copies the unit of slot_, if it is the expected one and stayed whole meanwhile.
+  bool TakeSlot(std::vector<std::uint8_t>& unit) {
+    const SlotHeader header = LoadSlotHeader(slot_);
+    if (!header.HoldsWholeUnit() || (sequence_known_ && header.unit_sequence != sequence_)) {
+      return false;
+    }
+    unit.resize(header.chunk_length);
+    std::memcpy(unit.data(), block_ + SlotOffset(slot_) + kSlotHeaderSize, header.chunk_length);
+    // Pairs with the writer's release fence before it fills a slot: if any byte above came from a
+    // later unit, the number read below is that of the unit before it, or newer.
+    std::atomic_thread_fence(std::memory_order_acquire);
+    const auto age = static_cast<std::uint16_t>(Load16(kLastSequenceOffset) - header.unit_sequence);
+    // 65535: the newest unit's slot is announced a moment before its number is.
+    if ((age > kMaxAge && age != UINT16_MAX) || !(LoadSlotHeader(slot_) == header)) {
+      return false;
+    }
+    if (!sequence_known_) {
+      CountFirstAfterReset(header.unit_sequence);
+    }
+    slot_ = slot_ + 1 == kSlotCount ? 0 : slot_ + 1;
+    sequence_ = static_cast<std::uint16_t>(header.unit_sequence + 1);
+    sequence_known_ = true;
+    ++counters_.units;
+    counters_.bytes += header.chunk_length;
+    return true;
+  }
+
+  // Of a difference of two unit numbers.
+  static bool IsBackwards(std::uint16_t difference) { return difference > UINT16_MAX / 2; }
+
+  void CountFirstAfterReset(std::uint16_t first) {
+    if (!was_reset_) {
+      return;
+    }
+    was_reset_ = false;
+    CountGap(sequence_before_reset_, first, first == 0);
+  }
+
+  // The unit `found` turned up where `expected` was due.
+  void CountGap(std::uint16_t expected, std::uint16_t found, bool ring_begins_anew) {
+    const auto gap = static_cast<std::uint16_t>(found - expected);
+    if (gap != 0 && (ring_begins_anew || IsBackwards(gap))) {
+      ++counters_.restarts;
+      return;
+    }
+    ++counters_.laps;
+    counters_.lost += gap;
+  }
+
+  // Goes on from the oldest unit that the ring still holds in one piece with the newest one, at
+  // most kResumeAge units back and none that was handed out already. False, and nothing changed,
+  // when the writer is just at work on the ring.
+  bool Resume() {
+    const std::uint16_t write_index = WriteIndex();
+    const std::uint16_t newest = Load16(kLastSequenceOffset);
+    const auto holds_age = [&](std::size_t age) {
+      const SlotHeader header = LoadSlotHeader(SlotBefore(write_index, age + 1));
+      return header.HoldsWholeUnit() &&
+             header.unit_sequence == static_cast<std::uint16_t>(newest - age);
+    };
+    if (write_index >= kSlotCount || !holds_age(0)) {
+      return false;
+    }
+    std::size_t oldest = kResumeAge;
+    const auto unread = static_cast<std::uint16_t>(newest - sequence_);
+    if (sequence_known_ && !IsBackwards(unread) && unread < oldest) {
+      oldest = unread;
+    }
+    std::size_t age = 0;
+    while (age < oldest && holds_age(age + 1)) {
+      ++age;
+    }
+    const auto found = static_cast<std::uint16_t>(newest - age);
+    slot_ = SlotBefore(write_index, age + 1);
+    if (sequence_known_) {
+      CountGap(sequence_, found, slot_ == 0 && found == 0);
+    } else {
+      CountFirstAfterReset(found);
+    }
+    sequence_ = found;
+    sequence_known_ = true;
+    return true;
+  }
+
+  const std::uint8_t* block_;
+  std::size_t slot_ = 0;         // where the next unit will stand
+  std::uint16_t sequence_ = 0;   // and its number,
+  bool sequence_known_ = false;  // unless the ring has just begun
+  bool was_reset_ = false;       // the ring began anew under this reader
+  std::uint16_t sequence_before_reset_ = 0;
+  Counters counters_;
+};
+
+}  // namespace kestrelbridge

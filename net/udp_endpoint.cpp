@@ -1,0 +1,200 @@
+#include "net/udp_endpoint.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "base/process_end.h"
+#include "base/thread.h"
+#include "net/clock.h"
+
+namespace kestrelbridge {
+namespace {
+
+// Room for bursts of the video stream while the receive thread does not get the processor.
+constexpr int kSocketBufferBytes = 10'000'000;
+constexpr useconds_t kWaitForBufferUs = 10'000;
+
+constexpr unsigned kPeerAddressShift = 32;
+constexpr unsigned kPeerStampShift = 16;
+
+sockaddr_in ToSockaddr(UdpPeer peer) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(peer.port);
+  address.sin_addr.s_addr = peer.address;
+  return address;
+}
+
+// A plain request is capped silently by the kernel's limits; the forced one, which needs root, is
+// not.
+bool SetSocketBuffer(int socket, int forced_option, int plain_option) {
+  return setsockopt(socket, SOL_SOCKET, forced_option, &kSocketBufferBytes,
+                    sizeof kSocketBufferBytes) == 0 ||
+         setsockopt(socket, SOL_SOCKET, plain_option, &kSocketBufferBytes,
+                    sizeof kSocketBufferBytes) == 0;
+}
+
+void ConfigureSocket(int socket) {
+  const int status_flags = fcntl(socket, F_GETFL, 0);
+  if (status_flags != -1) {
+    fcntl(socket, F_SETFL, status_flags & ~O_NONBLOCK);
+  }
+  if (!SetSocketBuffer(socket, SO_RCVBUFFORCE, SO_RCVBUF)) {
+    std::fprintf(stderr, "UDP receive buffer set failed\n");
+  }
+  if (!SetSocketBuffer(socket, SO_SNDBUFFORCE, SO_SNDBUF)) {
+    std::fprintf(stderr, "UDP send buffer set failed\n");
+  }
+  const int off = 0;
+  const int on = 1;
+  setsockopt(socket, SOL_SOCKET, SO_REUSEPORT, &off, sizeof off);
+  setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+}
+
+// Dotted-decimal text of the sender, made anew only when the sender changes: on a link that is
+// nearly never.
+struct SenderText {
+  std::uint32_t address = 0;
+  char text[kAddressTextSize] = "0.0.0.0";
+
+  void Update(in_addr sender) {
+    if (sender.s_addr != address) {
+      address = sender.s_addr;
+      inet_ntop(AF_INET, &sender, text, sizeof text);
+    }
+  }
+};
+
+// Records the datagram's sender and time, and reports the link as found if it was down.
+//
+// The watchdog may take the link down at any point in between. Then the exchange below finds 0 and
+// this datagram counts as the first of the next link; and the peer is stored with a new stamp each
+// time round, so that the watchdog, which forgets only the peer that it saw before it took the link
+// down, leaves it alone.
+void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char* sender_text,
+                   std::uint16_t& stamp) {
+  const std::uint32_t now = std::max<std::uint32_t>(NowMs(), 1);  // 0 would mean "down"
+  std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
+  do {
+    ++stamp;
+    endpoint.peer.store(std::uint64_t{sender.sin_addr.s_addr} << kPeerAddressShift |
+                            std::uint64_t{stamp} << kPeerStampShift | ntohs(sender.sin_port),
+                        std::memory_order_release);
+    if (last == 0 && endpoint.on_found != nullptr) {
+      endpoint.on_found(sender_text);
+    }
+    // Pairs with the watchdog's exchange in CheckLink.
+  } while (!endpoint.last_receive_ms.compare_exchange_strong(last, now, std::memory_order_acq_rel,
+                                                             std::memory_order_acquire));
+}
+
+void* ReceiveThread(void* argument) { ReceiveLoop(*static_cast<UdpEndpoint*>(argument)); }
+
+}  // namespace
+
+int Open(UdpEndpoint& endpoint, std::uint16_t port) {
+  const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+  if (socket == -1) {
+    return -1;
+  }
+  ConfigureSocket(socket);
+  const sockaddr_in local = ToSockaddr({.address = htonl(INADDR_ANY), .port = port});
+  if (bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+    close(socket);
+    return -1;
+  }
+  endpoint.socket = socket;
+  return StartThread(&endpoint.receive_thread, "udp-receive", ReceiveThread, &endpoint);
+}
+
+void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer) {
+  endpoint.buffer_size =
+      static_cast<std::uint16_t>(std::min<std::size_t>(buffer.size(), UINT16_MAX));
+  endpoint.buffer.store(buffer.data(), std::memory_order_release);  // pairs with ReceiveLoop
+}
+
+int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, const char* host,
+           std::uint16_t port) {
+  in_addr address{};
+  if (inet_aton(host, &address) == 0) {
+    return -1;
+  }
+  return SendTo(endpoint, data, UdpPeer{.address = address.s_addr, .port = port});
+}
+
+int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpPeer destination) {
+  const sockaddr_in address = ToSockaddr(destination);
+  return static_cast<int>(sendto(endpoint.socket, data.data(), data.size(), 0,
+                                 reinterpret_cast<const sockaddr*>(&address), sizeof address));
+}
+
+UdpPeer Peer(const UdpEndpoint& endpoint) {
+  const std::uint64_t packed = endpoint.peer.load(std::memory_order_acquire);
+  return {.address = static_cast<std::uint32_t>(packed >> kPeerAddressShift),
+          .port = static_cast<std::uint16_t>(packed & 0xFFFF)};
+}
+
+bool LinkIsUp(const UdpEndpoint& endpoint) {
+  return endpoint.last_receive_ms.load(std::memory_order_acquire) != 0;
+}
+
+void CheckLink(UdpEndpoint& endpoint) {
+  std::uint64_t peer = endpoint.peer.load(std::memory_order_acquire);
+  // Before the clock is read: a datagram that arrives between the two must not look 49 days old.
+  std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
+  if (last == 0) {
+    return;
+  }
+  const std::uint32_t elapsed_ms = NowMs() - last;
+  if (elapsed_ms <= endpoint.timeout_ms) {
+    return;
+  }
+  // Fails when a datagram has just arrived: the link is up after all. Pairs with RecordReceive.
+  if (!endpoint.last_receive_ms.compare_exchange_strong(last, 0, std::memory_order_acq_rel,
+                                                        std::memory_order_relaxed)) {
+    return;
+  }
+  if (endpoint.on_lost != nullptr) {
+    endpoint.on_lost();
+    endpoint.peer.compare_exchange_strong(peer, 0, std::memory_order_acq_rel,
+                                          std::memory_order_relaxed);
+  }
+}
+
+void ReceiveLoop(UdpEndpoint& endpoint) {
+  SenderText sender_text;
+  std::uint16_t stamp = 0;
+  for (;;) {
+    std::uint8_t* buffer = endpoint.buffer.load(std::memory_order_acquire);  // see AttachBuffer
+    if (buffer == nullptr) {
+      usleep(kWaitForBufferUs);
+      continue;
+    }
+    std::size_t room = endpoint.buffer_size;
+    if (endpoint.clear_before_receive) {
+      std::fill_n(buffer, room, std::uint8_t{0});
+      --room;  // a text keeps its terminating NUL, however long it is
+    }
+    sockaddr_in sender{};
+    socklen_t sender_size = sizeof sender;
+    const ssize_t length = recvfrom(endpoint.socket, buffer, room, 0,
+                                    reinterpret_cast<sockaddr*>(&sender), &sender_size);
+    if (length <= 0) {
+      EndProcess(ExitCode::kReceiveFailed, "UDP read failed");
+    }
+    sender_text.Update(sender.sin_addr);
+    RecordReceive(endpoint, sender, sender_text.text, stamp);
+    if (endpoint.on_datagram != nullptr) {
+      endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
+                           ntohs(sender.sin_port));
+    }
+  }
+}
+
+}  // namespace kestrelbridge

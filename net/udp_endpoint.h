@@ -1,0 +1,99 @@
+// One UDP link: a socket, its receive thread, its latest peer, and a watchdog for silence.
+//
+//            first datagram: on_found              more than timeout_ms of silence,
+//   +------+ ------------------------> +----+      seen by CheckLink: on_lost
+//   | down |                           | up | ---+
+//   +------+ <------------------------ +----+    |
+//       ^                                        |
+//       +----------------------------------------+
+//
+// An endpoint lives as long as the process; there is no close. Its owner opens it, fills the
+// callback slots and flags, and attaches the receive buffer last (AttachBuffer), which is what sets
+// the receive thread to work.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace kestrelbridge {
+
+// Address of a peer. `address` is an IPv4 address in network byte order, as the socket calls want
+// it; `port` is in host byte order, 0 means that there is no peer.
+struct UdpPeer {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+};
+
+// Longest dotted-decimal address ("255.255.255.255") and its NUL.
+inline constexpr std::size_t kAddressTextSize = 16;
+
+// Receive thread: one datagram. The bytes are valid until the callback returns. The address is
+// dotted-decimal text, the port in host byte order.
+using DatagramCallback = void (*)(std::span<const std::uint8_t> datagram,
+                                  const char* sender_address, std::uint16_t sender_port);
+// Receive thread: the first datagram while the link was down.
+using FoundCallback = void (*)(const char* sender_address);
+// The thread that runs CheckLink: the link has been silent for more than timeout_ms.
+using LostCallback = void (*)();
+
+struct UdpEndpoint {
+  // Set by the owner between Open and AttachBuffer, constant afterwards.
+  DatagramCallback on_datagram = nullptr;
+  LostCallback on_lost = nullptr;
+  FoundCallback on_found = nullptr;
+  std::uint32_t timeout_ms = 1000;
+  bool clear_before_receive =
+      false;  // zero the buffer first; the datagram is then a text with a NUL
+
+  // Latest sender: address << 32 | stamp << 16 | port, in one word so that no reader sees half of
+  // it; 0 while there is none. The stamp counts datagrams, and tells the watchdog whether a peer
+  // that it is about to forget has been heard again. Written by the receive thread and the
+  // watchdog, read by any thread through Peer().
+  std::atomic<std::uint64_t> peer{0};
+
+  // NowMs() at the latest datagram, never 0 then; 0 while the link is down. Written by the receive
+  // thread and, by compare-and-exchange, the watchdog.
+  std::atomic<std::uint32_t> last_receive_ms{0};
+
+  // Receive buffer of the owner. Stored with release by AttachBuffer, loaded with acquire by the
+  // receive thread, which thereby sees everything that was set before.
+  std::atomic<std::uint8_t*> buffer{nullptr};
+  std::uint16_t buffer_size = 0;
+
+  pthread_t receive_thread{};
+  int socket = -1;
+};
+
+// Binds a UDP socket to the port on all interfaces (0: a free one) and starts the receive thread,
+// which waits for a buffer. Asks the kernel for socket buffers of 10,000,000 bytes; what it refuses
+// is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had.
+int Open(UdpEndpoint& endpoint, std::uint16_t port);
+
+// Hands the endpoint its receive buffer, at most 65,535 bytes, and so sets it to work.
+void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer);
+
+// Sends one datagram. Returns the bytes sent, or -1 also when host is no dotted-decimal address.
+// Any thread; nothing is allocated or locked.
+int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, const char* host,
+           std::uint16_t port);
+int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpPeer destination);
+
+// The latest sender; port 0 when there is none. Any thread.
+UdpPeer Peer(const UdpEndpoint& endpoint);
+
+// True between found and lost. Any thread.
+bool LinkIsUp(const UdpEndpoint& endpoint);
+
+// One step of the watchdog; the owner of the link calls it once a second from a thread of its
+// choice, always the same.
+void CheckLink(UdpEndpoint& endpoint);
+
+// Body of the receive thread. A receive that fails, or yields a datagram of length 0, ends the
+// process.
+[[noreturn]] void ReceiveLoop(UdpEndpoint& endpoint);
+
+}  // namespace kestrelbridge

@@ -1,0 +1,114 @@
+#include "video/unit_assembly.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdio>
+
+#include "base/byte_order.h"
+#include "camera/camera_link.h"
+#include "camera/packet_format.h"
+#include "video/frame_buffers.h"
+#include "video/picture_size.h"
+
+namespace kestrelbridge {
+namespace {
+
+constexpr std::size_t kUnitLengthOffset = 24;
+constexpr std::size_t kUnitHeaderEnd = 32;
+
+struct FixedByte {
+  std::size_t offset;
+  std::uint8_t value;
+};
+constexpr std::array<FixedByte, 7> kUnitHeaderBytes = {{
+    {20, 0x00},
+    {21, 0x00},
+    {22, 0x01},
+    {23, 0xFF},
+    {26, 0xFF},
+    {27, 0x00},  // bits 16-23 of the unit length: no unit is that long
+    {28, 0x4C},
+}};
+constexpr std::size_t kLastFixedByte = kUnitHeaderBytes.back().offset;
+
+constexpr std::array<std::uint8_t, 4> kStartCode = {0x00, 0x00, 0x00, 0x01};
+constexpr std::size_t kNalHeaderOffset = kStartCode.size();
+constexpr std::size_t kMinUnitLength = kNalHeaderOffset + 1;
+constexpr std::uint8_t kNalTypeMask = 0x0F;
+constexpr std::uint8_t kNalTypeSps = 7;
+
+constexpr std::size_t kStagingSize = 100'000;
+constexpr std::size_t kMaxFill = kStagingSize - 1;
+
+// The unit in progress. Touched by the camera's receive thread alone.
+constinit std::array<std::uint8_t, kStagingSize> staging{};
+constinit std::size_t fill = 0;  // bytes gathered so far
+constinit std::size_t expected_length =
+    0;  // from the unit's header; 0 while no unit is in progress
+
+bool IsUnitHeader(std::span<const std::uint8_t> datagram) {
+  return datagram.size() > kLastFixedByte &&
+         std::ranges::all_of(kUnitHeaderBytes, [&](const FixedByte& fixed) {
+           return datagram[fixed.offset] == fixed.value;
+         });
+}
+
+void Append(std::span<const std::uint8_t> unit_bytes) {
+  unit_bytes = unit_bytes.first(std::min(unit_bytes.size(), kMaxFill));  // no datagram is that long
+  if (fill + unit_bytes.size() > kMaxFill) {
+    std::fprintf(stderr, "video buffer overflow\n");
+    fill = 0;
+  }
+  std::ranges::copy(unit_bytes, staging.begin() + static_cast<std::ptrdiff_t>(fill));
+  fill += unit_bytes.size();
+}
+
+void PublishIfH264(std::span<const std::uint8_t> unit) {
+  if (unit.size() < kMinUnitLength ||
+      !std::ranges::equal(unit.first(kStartCode.size()), kStartCode)) {
+    return;
+  }
+  if ((unit[kNalHeaderOffset] & kNalTypeMask) == kNalTypeSps) {
+    FollowPictureSize(unit.subspan(kNalHeaderOffset + 1));
+  }
+  PublishVideoUnit(unit);
+}
+
+void AcknowledgeUnit() {
+  SendToCamera(BuildUnitAcknowledgement(LastReceivedSequence()));
+  TakePacketNumber();
+}
+
+void FinishUnit() {
+  if (fill == 0) {
+    return;
+  }
+  if (fill != expected_length) {
+    std::fprintf(stderr, "corrupted unit\n");
+    return;
+  }
+  PublishIfH264(std::span(staging).first(fill));
+  AcknowledgeUnit();
+}
+
+void StartUnit(std::span<const std::uint8_t> header_datagram) {
+  expected_length = LoadLe16(header_datagram, kUnitLengthOffset);
+  fill = 0;
+  Append(header_datagram.subspan(kUnitHeaderEnd));
+}
+
+}  // namespace
+
+void TakeVideoDatagram(std::span<const std::uint8_t> datagram) {
+  if (IsUnitHeader(datagram)) {
+    if (datagram.size() >= kUnitHeaderEnd) {
+      FinishUnit();
+      StartUnit(datagram);
+    }
+  } else if (expected_length != 0 && datagram.size() >= kReceivedWrapperSize) {
+    Append(datagram.subspan(kReceivedWrapperSize));
+  }
+}
+
+}  // namespace kestrelbridge
