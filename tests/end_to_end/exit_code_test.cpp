@@ -100,11 +100,20 @@ class ExitUnderFullTraffic : public testing::TestWithParam<int> {
     ASSERT_TRUE(Eventually([this] { return floods_.back()->sent_per_port() > kFullTraffic; }));
   }
 
-  void ExpectAllToEndWith(int exit_code, const std::string& message) {
+  // Every code must be the one of a message that was written. On a machine so busy that a daemon
+  // gets no processor for a second, the camera may be lost before anything else ends it; but not
+  // for all of them.
+  void ExpectDocumentedEnds(int intended_code) {
+    int intended = 0;
     for (const auto& daemon : daemons_) {
-      EXPECT_EQ(daemon->process.WaitForExit(), ExitedWith(exit_code));
-      EXPECT_GE(CountLines(daemon->process.Error(), message), 1) << daemon->process.Error();
+      const auto end = daemon->process.WaitForExit();
+      const std::string error = daemon->process.Error();
+      const bool lost = end == ExitedWith(1) && CountLines(error, "Camera connection lost") > 0;
+      const bool failed = end == ExitedWith(3) && CountLines(error, "UDP read failed") > 0;
+      EXPECT_TRUE(lost || failed) << testing::PrintToString(end) << " after " << error;
+      intended += end == ExitedWith(intended_code) ? 1 : 0;
     }
+    EXPECT_GE(intended, 1);
   }
 
   std::vector<std::unique_ptr<BusyDaemon>> daemons_;
@@ -118,7 +127,7 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
     for (const auto& daemon : daemons_) {
       daemon->camera.FallSilent();
     }
-    ExpectAllToEndWith(1, "Camera connection lost");
+    ExpectDocumentedEnds(1);
     return;
   }
   const UdpSocket sender;
@@ -129,7 +138,7 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
       return !daemon->process.IsRunning();
     }));
   }
-  ExpectAllToEndWith(3, "UDP read failed");
+  ExpectDocumentedEnds(3);
 }
 
 INSTANTIATE_TEST_SUITE_P(Run, ExitUnderFullTraffic, testing::Range(0, kRuns));
