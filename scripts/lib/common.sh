@@ -99,6 +99,11 @@ compile_jobs() {
   echo "$jobs"
 }
 
+# is_configured PRESET: whether its build was set up, and in this very place.
+is_configured() {
+  grep -qsFx "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$(build_dir "$1")/CMakeCache.txt"
+}
+
 # configure PRESET [CMAKE_OPTION...]
 configure() {
   local preset="$1" dir
@@ -108,7 +113,7 @@ configure() {
     fail "$dir/ belongs to another user; remove it (sudo rm -r $dir) and try again"
   fi
   local options=(-D "KESTRELBRIDGE_WERROR=$(in_ci && echo ON || echo OFF)")
-  if ! grep -qsFx "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$dir/CMakeCache.txt"; then
+  if ! is_configured "$preset"; then
     options+=(--fresh -G Ninja) # a new build, or one that was copied here from another place
   fi
   # cmake's own report is long; it is of interest only when it fails.
