@@ -23,8 +23,9 @@ step() {
 }
 
 # Ends the script with a plain reason.
+script_name="$(basename "$0")"
 fail() {
-  printf '\n%s%s: %s%s\n' "$red" "$(basename "$0")" "$*" "$plain" >&2
+  printf '\n%s%s: %s%s\n' "$red" "$script_name" "$*" "$plain" >&2
   exit 1
 }
 
