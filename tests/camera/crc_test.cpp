@@ -1,0 +1,34 @@
+#include "camera/crc.h"
+
+#include <gtest/gtest.h>
+
+#include <string_view>
+#include <vector>
+
+namespace kestrelbridge {
+namespace {
+
+std::span<const std::uint8_t> Bytes(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+TEST(Crc, MatchesTheKnownValues) {
+  EXPECT_EQ(FrameCrc8(Bytes("123456789")), 0xFB);
+  EXPECT_EQ(FrameCrc8(Bytes("\x55")), 0x9F);
+  EXPECT_EQ(FrameCrc16(Bytes("123456789")), 0x7109);
+  EXPECT_EQ(FrameCrc16({}), 0x3692);
+  EXPECT_EQ(FrameCrc16(std::vector<std::uint8_t>{0x55, 0x0F, 0x04, 0xA2, 0x02, 0x01, 0x06, 0x82,
+                                                 0x00, 0x00, 0x00, 0x01, 0x00}),
+            0x529D);
+}
+
+TEST(Crc, GivesTheHeaderCheckOfEveryFrameLengthInUse) {
+  const std::vector<std::pair<std::uint8_t, std::uint8_t>> rows = {
+      {13, 0x33}, {14, 0x66}, {15, 0xA2}, {17, 0x92}, {18, 0xC7}, {23, 0x38}};
+  for (const auto& [length, check] : rows) {
+    EXPECT_EQ(FrameCrc8(std::vector<std::uint8_t>{0x55, length, 0x04}), check) << int{length};
+  }
+}
+
+}  // namespace
+}  // namespace kestrelbridge

@@ -1,0 +1,72 @@
+#include "camera/frame_scanner.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "camera/crc.h"
+#include "camera/packet_format.h"
+#include "support/camera_datagrams.h"
+
+namespace kestrelbridge {
+namespace {
+
+Bytes MakeFrame(std::size_t length, std::uint8_t fill = 0x20) {
+  Bytes frame(length, fill);
+  frame[0] = kFrameStart;
+  frame[1] = static_cast<std::uint8_t>(length);
+  frame[2] = kFrameFormat;
+  frame[3] = FrameCrc8(std::span(frame).first(3));
+  SealCommandFrame(frame, 1);
+  return frame;
+}
+
+// In a heap block of exactly its size, so that AddressSanitizer sees any read beyond the batch.
+std::size_t FrameLengthAt(const Bytes& bytes) {
+  const auto exact = std::make_unique<std::uint8_t[]>(bytes.size());
+  std::ranges::copy(bytes, exact.get());
+  return CommandFrameAt({exact.get(), bytes.size()}).size();
+}
+
+TEST(CommandFrame, IsFoundUpToTheLastByteOfTheBatchAndNotBeyond) {
+  for (const std::size_t length : {4U, 13U, 80U, 255U}) {
+    Bytes batch = MakeFrame(length < 8 ? 8 : length);
+    EXPECT_EQ(FrameLengthAt(batch), batch.size());
+    batch.push_back(kFrameStart);
+    EXPECT_EQ(FrameLengthAt(batch), batch.size() - 1);
+    batch.resize(batch.size() - 2);
+    EXPECT_EQ(FrameLengthAt(batch), 0U) << "cut by the end of the batch";
+  }
+}
+
+TEST(CommandFrame, NeedsEverythingRight) {
+  const Bytes good = MakeFrame(20);
+  for (std::size_t damaged = 0; damaged < good.size(); ++damaged) {
+    Bytes frame = good;
+    frame[damaged] ^= 0x10;
+    EXPECT_EQ(FrameLengthAt(frame), 0U) << "byte " << damaged;
+  }
+  Bytes wrong_crc8 = good;
+  wrong_crc8[3] ^= 0xFF;
+  SealCommandFrame(wrong_crc8, 1);
+  EXPECT_EQ(FrameLengthAt(wrong_crc8), 0U) << "the CRC-16 alone is not enough";
+}
+
+TEST(CommandFrame, IsNeverSeenInStumps) {
+  for (const Bytes& stump : std::vector<Bytes>{{},
+                                               {0x55},
+                                               {0x55, 0x00},
+                                               {0x55, 0x02},
+                                               {0x55, 0x00, 0x04, 0x00, 0x00},
+                                               {0x55, 0x01, 0x04, 0x00, 0x00},
+                                               {0x55, 0x02, 0x04, 0x00},
+                                               {0x55, 0x03, 0x04},
+                                               {0x55, 0xFF, 0x04, 0x00}}) {
+    EXPECT_EQ(FrameLengthAt(stump), 0U);
+  }
+}
+
+}  // namespace
+}  // namespace kestrelbridge

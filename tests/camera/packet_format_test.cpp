@@ -1,0 +1,84 @@
+#include "camera/packet_format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "camera/camera_link.h"
+#include "camera/frame_sender.h"
+#include "support/camera_datagrams.h"
+#include "support/udp_socket.h"
+
+namespace kestrelbridge {
+namespace {
+
+template <typename Packet>
+Bytes ToBytes(const Packet& packet) {
+  return {packet.begin(), packet.end()};
+}
+
+TEST(PacketFormat, KeepaliveEchoesTheSequenceAndCarriesItsFrame) {
+  EXPECT_EQ(ToBytes(BuildKeepalive(0x1234, 5)),
+            (Bytes{0x31, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xB7,  // wrapper
+                   0x34, 0x12, 0x34, 0x12, 0x00, 0x00, 0x00, 0x00,  //
+                   0x80, 0x91, 0x80, 0x91, 0x00, 0x00, 0x00, 0x00,  //
+                   0xE8, 0x91, 0xE8, 0x91, 0x00, 0x00, 0x00, 0x00,  //
+                   0x0F, 0x00,                                      //
+                   0x55, 0x0F, 0x04, 0xA2, 0x02, 0x01, 0x05, 0x00,  // frame
+                   0x00, 0x00, 0x00, 0x01, 0x00, 0x07, 0xF7}));
+}
+
+TEST(PacketFormat, AcknowledgementIsABareWrapper) {
+  EXPECT_EQ(ToBytes(BuildUnitAcknowledgement(0xBEEF)),
+            (Bytes{0x22, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xA4,  //
+                   0xEF, 0xBE, 0xEF, 0xBE, 0x00, 0x00, 0x00, 0x00,  //
+                   0xEF, 0xBE, 0xEF, 0xBE, 0x00, 0x00, 0x00, 0x00,  //
+                   0x80, 0x91, 0x80, 0x91, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}));
+}
+
+TEST(PacketFormat, ConnectionRequestHasARightCheck) {
+  const auto request = BuildConnectionRequest();
+  EXPECT_EQ(request[0], 0x30);
+  EXPECT_EQ(request[kWrapperKindOffset], 0x00);
+  EXPECT_EQ(request[kWrapperCheckOffset], 0xB2);
+  EXPECT_EQ(request[47], 0x02);
+}
+
+// A camera that has sent the sequence 3, and a command of 14 bytes whose sequence and CRC-16 the
+// caller left as rubbish.
+TEST(FrameSender, StampsWrapsAndCountsEveryCommand) {
+  UdpSocket camera;
+  CameraLink& link = GetCameraLink();
+  ASSERT_EQ(Open(link.endpoint, 0), 0);
+  std::snprintf(link.host, sizeof link.host, "127.0.0.1");
+  link.port = 0x10000 + camera.port();  // packets go to the low 16 bits
+  link.last_received_sequence = 3;
+  link.outgoing_packet_counter = 0xFFFF;
+
+  Bytes frame = {0x55, 0x0E, 0x04, 0x66, 0x02, 0x01, 0xAA,
+                 0xAA, 0x40, 0x02, 0x02, 0x01, 0xAA, 0xAA};
+  EXPECT_EQ(SendCameraFrame(frame), 48);
+  const Bytes first = camera.Receive()->bytes;
+  ASSERT_EQ(first.size(), 48U);
+  EXPECT_EQ(Bytes(first.begin(), first.begin() + 34),
+            (Bytes{0x30, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xB6,  //
+                   0xFB, 0xFF, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00,  //
+                   0x80, 0x91, 0x80, 0x91, 0x00, 0x00, 0x00, 0x00,  //
+                   0xE8, 0x91, 0xE8, 0x91, 0x00, 0x00, 0x00, 0x00, 0x0E, 0x00}));
+  EXPECT_EQ(Bytes(first.begin() + 34, first.end()), frame) << "sealed in the caller's buffer";
+  EXPECT_EQ(frame[6], 0xFF);
+  EXPECT_EQ(frame[7], 0xFF);
+  EXPECT_EQ(frame[11], 0x01);
+
+  SendCameraFrame(frame);
+  EXPECT_EQ(frame[6], 0x00) << "the counter wraps";
+  EXPECT_EQ(frame[7], 0x00);
+  EXPECT_EQ(link.outgoing_packet_counter, 1);
+
+  Bytes shortest = {0x55, 0x02};
+  EXPECT_EQ(SendCameraFrame(shortest), 36);
+  EXPECT_EQ(shortest, (Bytes{0x92, 0x36})) << "no bytes covered: the CRC's start value";
+}
+
+}  // namespace
+}  // namespace kestrelbridge

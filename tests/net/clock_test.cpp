@@ -1,0 +1,22 @@
+#include "net/clock.h"
+
+#include <gtest/gtest.h>
+
+namespace kestrelbridge {
+namespace {
+
+TEST(Clock, TruncatesToMillisecondsAndWrapsAt32Bits) {
+  EXPECT_EQ(MillisecondsOf({.tv_sec = 0, .tv_nsec = 999'999}), 0U);
+  EXPECT_EQ(MillisecondsOf({.tv_sec = 2, .tv_nsec = 1'000'000}), 2001U);
+  EXPECT_EQ(MillisecondsOf({.tv_sec = 4'294'967, .tv_nsec = 295'999'999}), UINT32_MAX);
+  EXPECT_EQ(MillisecondsOf({.tv_sec = 4'294'967, .tv_nsec = 296'000'000}), 0U);
+}
+
+TEST(Clock, FollowsTheWallClock) {
+  const auto before = static_cast<std::uint32_t>(std::time(nullptr) * 1000LL);
+  const std::uint32_t now = NowMs();
+  EXPECT_LT(now - before, 60'000U);
+}
+
+}  // namespace
+}  // namespace kestrelbridge
