@@ -102,7 +102,7 @@ start_everybody() {
 
 watch_video() {
   local seconds=$((stream_seconds > 3 ? stream_seconds - 2 : 1))
-  "$bin/kestrelctl" video --stats --duration "$seconds" > >(sed -u 's/^/    /') 2>&1 &
+  "$bin/kestrelctl" video --stats --live --duration "$seconds" > >(sed -u 's/^/    /') 2>&1 &
   pids[statistics]=$!
   await_end statistics $((seconds + 10)) || give_up 'the statistics did not end'
   [[ $exit_code -eq 0 ]] || give_up 'the frame ring could not be read'
