@@ -70,11 +70,11 @@ TEST(CameraState, AReaderNeverSeesHalfAPush) {
       DecodeStatusFrame(second);
     }
   });
-  constexpr int kWanted = 500;  // of each push
+  constexpr int wanted = 500;  // of each push
   int firsts = 0;
   int seconds = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while ((firsts < kWanted || seconds < kWanted) && std::chrono::steady_clock::now() < deadline) {
+  while ((firsts < wanted || seconds < wanted) && std::chrono::steady_clock::now() < deadline) {
     const CameraState state = SnapshotCameraState();
     const TextRecord record = BuildTextRecord(state);
     const std::string texts =
@@ -96,8 +96,8 @@ TEST(CameraState, AReaderNeverSeesHalfAPush) {
   }
   done = true;
   camera.join();
-  EXPECT_GE(firsts, kWanted);
-  EXPECT_GE(seconds, kWanted);
+  EXPECT_GE(firsts, wanted);
+  EXPECT_GE(seconds, wanted);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ TEST(Format, DurationsAreHoursMinutesSeconds) {
     std::uint32_t seconds;
     const char* text;
   };
-  constexpr Row kRows[] = {
+  constexpr Row rows[] = {
       {0, "00:00:00"},        {9, "00:00:09"},           {10, "00:00:10"},
       {59, "00:00:59"},       {60, "00:01:00"},          {599, "00:09:59"},
       {600, "00:10:00"},      {3599, "00:59:59"},        {3600, "01:00:00"},
@@ -22,7 +22,7 @@ TEST(Format, DurationsAreHoursMinutesSeconds) {
       {65'535, "18:12:15"},   {359'999, "99:59:59"},     {360'000, "100:00:00"},
       {363'725, "101:02:05"}, {3'600'000, "1000:00:00"}, {UINT32_MAX, "1193046:28:15"},
   };
-  for (const Row& row : kRows) {
+  for (const Row& row : rows) {
     char text[20];
     FormatDuration(row.seconds, text);
     EXPECT_STREQ(text, row.text) << row.seconds;
@@ -34,7 +34,7 @@ TEST(Format, ShutterValuesAreWords) {
     std::uint32_t value;  // C, B, A
     const char* text;
   };
-  constexpr Row kRows[] = {
+  constexpr Row rows[] = {
       {0x00001E, "30\""},
       {0x000000, "0\""},
       {0x0000FF, "255\""},
@@ -54,7 +54,7 @@ TEST(Format, ShutterValuesAreWords) {
       {0x007FFF, "before"},
       {0xFF0100, "before"},
   };
-  for (const Row& row : kRows) {
+  for (const Row& row : rows) {
     char text[10] = "before";
     FormatShutter(row.value, text);
     EXPECT_STREQ(text, row.text) << std::hex << row.value;
@@ -66,14 +66,14 @@ TEST(Format, FreeSpaceIsInGigabytesAndEmptyWithoutAny) {
     std::uint32_t megabytes;
     const char* text;
   };
-  constexpr Row kRows[] = {{0, ""},
-                           {1, "0.0G"},
-                           {60, "0.1G"},
-                           {59'640, "59.6G"},
-                           {1'000, "1.0G"},
-                           {999'999, "1000.0G"},
-                           {UINT32_MAX, "4294967.5G"}};
-  for (const Row& row : kRows) {
+  constexpr Row rows[] = {{0, ""},
+                          {1, "0.0G"},
+                          {60, "0.1G"},
+                          {59'640, "59.6G"},
+                          {1'000, "1.0G"},
+                          {999'999, "1000.0G"},
+                          {UINT32_MAX, "4294967.5G"}};
+  for (const Row& row : rows) {
     char text[20] = "before";
     FormatFreeSpace(row.megabytes, text);
     EXPECT_STREQ(text, row.text) << row.megabytes;
@@ -85,10 +85,10 @@ TEST(Format, AperturesHaveADecimalOnlyWhenTheyNeedIt) {
     std::uint16_t hundredths;
     const char* text;
   };
-  constexpr Row kRows[] = {{0, "0"},     {200, "2"},   {280, "2.8"},    {100, "1"},
-                           {281, "2.8"}, {1100, "11"}, {2200, "22"},    {1, "0.0"},
-                           {560, "5.6"}, {1600, "16"}, {65'500, "655"}, {65'530, "655.3"}};
-  for (const Row& row : kRows) {
+  constexpr Row rows[] = {{0, "0"},     {200, "2"},   {280, "2.8"},    {100, "1"},
+                          {281, "2.8"}, {1100, "11"}, {2200, "22"},    {1, "0.0"},
+                          {560, "5.6"}, {1600, "16"}, {65'500, "655"}, {65'530, "655.3"}};
+  for (const Row& row : rows) {
     char text[10] = "before";
     FormatAperture(row.hundredths, text);
     EXPECT_STREQ(text, row.text) << row.hundredths;

@@ -215,11 +215,11 @@ TEST_F(StatusDecoding, AShutterValueThatMeansNothingLeavesTheWordBefore) {
 }
 
 TEST_F(StatusDecoding, OnlyTheStatusPushIsAlsoKnownByItsCommand) {
-  constexpr std::size_t kFlags = 8;
-  constexpr std::size_t kCommandSet = 9;
-  constexpr std::size_t kCommandId = 10;
+  constexpr std::size_t flags = 8;
+  constexpr std::size_t command_set = 9;
+  constexpr std::size_t command_id = 10;
   const auto untouched = Visible();
-  for (const std::size_t offset : {kFlags, kCommandSet, kCommandId}) {
+  for (const std::size_t offset : {flags, command_set, command_id}) {
     Bytes status = Push(test::kStatus, 0x21);
     status[offset] ^= 0x01;
     test::Seal(status);
@@ -229,9 +229,9 @@ TEST_F(StatusDecoding, OnlyTheStatusPushIsAlsoKnownByItsCommand) {
   for (const std::size_t length : {test::kSettings, test::kBattery, test::kHistogram}) {
     ClearCameraState();
     Bytes push = Push(length, 0x21);
-    push[kFlags] = 0x40;
-    push[kCommandSet] = 0x77;
-    push[kCommandId] = 0x77;
+    push[flags] = 0x40;
+    push[command_set] = 0x77;
+    push[command_id] = 0x77;
     test::Seal(push);
     DecodeStatusFrame(push);
     EXPECT_NE(Visible(), untouched) << length;

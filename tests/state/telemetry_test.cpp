@@ -147,7 +147,7 @@ TEST(Telemetry, AHistogramIsForgottenOnlyOnceItIsOlderThanThreeSeconds) {
     std::uint32_t now_ms;
     bool current;
   };
-  constexpr Row kRows[] = {
+  constexpr Row rows[] = {
       {5000, 5000, true},
       {5000, 7999, true},
       {5000, 8000, true},
@@ -158,7 +158,7 @@ TEST(Telemetry, AHistogramIsForgottenOnlyOnceItIsOlderThanThreeSeconds) {
       {1, 3001, true},
       {1, 3002, false},
   };
-  for (const Row& row : kRows) {
+  for (const Row& row : rows) {
     ClearCameraState();
     UpdateCameraState([&row](CameraState& state) {
       state.histogram_time_ms = row.stamp_ms;
@@ -185,20 +185,20 @@ TEST(Telemetry, APushThatArrivesWhileTheOldHistogramExpiresIsNotLost) {
 class TelemetryLink : public testing::Test {
  protected:
   void SetUp() override {
-    socket_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    receiver = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    ASSERT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    port_ = ntohs(address.sin_port);
+    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    port = ntohs(address.sin_port);
     // Without its receive thread: only the sending side is wanted here.
     GetMainAppLink().command_endpoint.socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   }
 
   void TearDown() override {
-    close(socket_);
+    close(receiver);
     close(GetMainAppLink().command_endpoint.socket);
     GetMainAppLink().command_endpoint.socket = -1;
     SetDestination("", 0);
@@ -215,19 +215,19 @@ class TelemetryLink : public testing::Test {
   // sent.
   std::string Received() const {
     std::array<char, 2000> buffer{};
-    const ssize_t length = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t length = recv(receiver, buffer.data(), buffer.size(), MSG_DONTWAIT);
     return length < 0 ? std::string()
                       : std::string(buffer.data(), static_cast<std::size_t>(length));
   }
 
-  int socket_ = -1;
-  std::uint16_t port_ = 0;
+  int receiver = -1;
+  std::uint16_t port = 0;
 };
 
 TEST_F(TelemetryLink, TheTextGoesOutAsOneDatagramWithoutANul) {
   CameraState state;
   state.iso = 400;
-  SetDestination("127.0.0.1", port_);
+  SetDestination("127.0.0.1", port);
   const std::string record = TextOf(BuildTextRecord(state));
   EXPECT_EQ(SendTelemetryText(state), static_cast<int>(record.size()));
   EXPECT_EQ(Received(), record);
@@ -235,7 +235,7 @@ TEST_F(TelemetryLink, TheTextGoesOutAsOneDatagramWithoutANul) {
 
 TEST_F(TelemetryLink, WithoutHostOrPortNothingIsSentAndTheTextsLengthReturned) {
   const int text_length = static_cast<int>(TextOf(BuildTextRecord({})).size()) - 1;
-  SetDestination("", port_);
+  SetDestination("", port);
   EXPECT_EQ(SendTelemetryText({}), text_length);
   SetDestination("127.0.0.1", 0);
   EXPECT_EQ(SendTelemetryText({}), text_length);
@@ -243,7 +243,7 @@ TEST_F(TelemetryLink, WithoutHostOrPortNothingIsSentAndTheTextsLengthReturned) {
 }
 
 TEST_F(TelemetryLink, AHostThatIsNoAddressLosesTheRecordOnly) {
-  SetDestination("not.an.address", port_);
+  SetDestination("not.an.address", port);
   EXPECT_EQ(SendTelemetryText({}), -1);
   EXPECT_EQ(Received(), "");
 }

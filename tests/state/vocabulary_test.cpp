@@ -153,35 +153,35 @@ TEST(Vocabulary, ExposureCompensationIsAlsoANumber) {
 }
 
 TEST(Vocabulary, ACommandWordHasItsCodeAndOtherWordsTheDefaultOrNone) {
-  constexpr std::optional<std::uint8_t> kNothing;
+  constexpr std::optional<std::uint8_t> nothing;
   struct Row {
     const Setting& setting;
     std::string_view word;
     std::optional<std::uint8_t> code;
   };
   const Row rows[] = {
-      {kCameraModel, "DJI Osmo Action", kNothing},
+      {kCameraModel, "DJI Osmo Action", nothing},
       {kCameraMode, "photo", 0},
       {kCameraMode, "video", 1},
-      {kCameraMode, "Video", kNothing},
-      {kCameraMode, "", kNothing},
+      {kCameraMode, "Video", nothing},
+      {kCameraMode, "", nothing},
       {kImageMode, "auto", 1},
       {kImageMode, "shutter", 2},
       {kImageMode, "aperture", 3},
       {kImageMode, "manual", 4},
-      {kImageMode, "manual ", kNothing},
+      {kImageMode, "manual ", nothing},
       {kShotMode, "raw", 0},
       {kShotMode, "jpg", 1},
       {kShotMode, "jpg+raw", 2},
-      {kShotMode, "JPG+RAW", kNothing},
-      {kShotMode, "", kNothing},
+      {kShotMode, "JPG+RAW", nothing},
+      {kShotMode, "", nothing},
       {kWhiteBalance, "auto", 0},
       {kWhiteBalance, "sunny", 1},
       {kWhiteBalance, "cloudy", 2},
       {kWhiteBalance, "incandescent", 4},
       {kWhiteBalance, "neon", 5},
       {kWhiteBalance, "custom", 6},
-      {kWhiteBalance, "AUTO", kNothing},
+      {kWhiteBalance, "AUTO", nothing},
       {kColorMode, "none", 0},
       {kColorMode, "art", 1},
       {kColorMode, "black white", 4},
@@ -198,10 +198,10 @@ TEST(Vocabulary, ACommandWordHasItsCodeAndOtherWordsTheDefaultOrNone) {
       {kColorMode, "", 0},
       {kAspectRatio, "4:3", 0},
       {kAspectRatio, "16:9", 1},
-      {kAspectRatio, "16:10", kNothing},
+      {kAspectRatio, "16:10", nothing},
       {kVideoStandard, "PAL", 0},
       {kVideoStandard, "NTSC", 1},
-      {kVideoStandard, "ntsc", kNothing},
+      {kVideoStandard, "ntsc", nothing},
       {kAntiFlicker, "50", 1},
       {kAntiFlicker, "60", 2},
       {kAntiFlicker, "50 Hz", 0},
