@@ -1,29 +1,17 @@
 #include "app/main_app_link.h"
 
-#include <array>
 #include <cstdio>
 #include <span>
 
+#include "base/thread.h"
 #include "control/app_commands.h"
 #include "control/remote_control.h"
 #include "net/udp_endpoint.h"
+#include "state/main_app_link_record.h"
+#include "state/telemetry.h"
 
 namespace kestrelbridge {
 namespace {
-
-constexpr std::size_t kReceiveBufferSize = 10'000;
-
-// Owned by start-up; the telemetry thread reads it.
-struct MainAppLink {
-  UdpEndpoint second_endpoint;  // nothing is sent through it
-  UdpEndpoint command_endpoint;
-  char destination_host[20] = {};
-  std::uint32_t destination_port = 0;
-  std::array<std::uint8_t, kReceiveBufferSize> second_buffer{};
-  std::array<std::uint8_t, kReceiveBufferSize> command_buffer{};
-};
-
-constinit MainAppLink main_app_link{};
 
 // The endpoint clears its buffer first, and receives a byte less than it holds: the text ends.
 void OnCommandDatagram(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
@@ -37,7 +25,7 @@ void OnCommandsLost() {}  // there all the same: it makes the watchdog forget th
 }  // namespace
 
 int InitMainAppLink(const char* host, std::int32_t port) {
-  MainAppLink& link = main_app_link;
+  MainAppLink& link = GetMainAppLink();
   if (StartRemoteControl() != 0) {
     return -1;
   }
@@ -55,7 +43,7 @@ int InitMainAppLink(const char* host, std::int32_t port) {
     return -1;
   }
   AttachBuffer(link.second_endpoint, link.second_buffer);
-  return 0;
+  return StartThread(&link.telemetry_thread, "telemetry", TelemetryThread, nullptr);
 }
 
 }  // namespace kestrelbridge
