@@ -45,7 +45,7 @@ inline BitWriter ParameterSetStart(std::uint8_t profile_idc) {
 // Everything behind the profile's own elements.
 inline BitWriter& ParameterSetTail(BitWriter& bits, std::uint32_t width_in_mbs,
                                    std::uint32_t height_in_map_units, bool frame_mbs_only = true,
-                                   std::vector<std::uint32_t> crop = {}) {
+                                   const std::vector<std::uint32_t>& crop = {}) {
   bits.Ue(0).Ue(0).Ue(4).Ue(4).U(1, 0).Ue(width_in_mbs - 1).Ue(height_in_map_units - 1);
   bits.U(1, frame_mbs_only ? 1 : 0);
   if (!frame_mbs_only) {

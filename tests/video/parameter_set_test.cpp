@@ -32,9 +32,9 @@ Size Parse(const std::vector<std::uint8_t>& bytes) {
   return size;
 }
 
-std::vector<std::uint8_t> FullHd(std::vector<std::uint32_t> crop) {
+std::vector<std::uint8_t> FullHd(const std::vector<std::uint32_t>& crop) {
   BitWriter bits = ParameterSetStart(77);
-  return ParameterSetTail(bits, 120, 68, true, std::move(crop)).Bytes();
+  return ParameterSetTail(bits, 120, 68, true, crop).Bytes();
 }
 
 TEST(ParameterSet, CountsCroppingInUnitsOfTwoSamples) {

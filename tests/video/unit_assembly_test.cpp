@@ -198,7 +198,7 @@ TEST_F(UnitAssembly, DropsTheOlderBytesWhenTheStagingBufferOverflows) {
 }
 
 TEST_F(UnitAssembly, RecordsTheSequenceOfEveryDatagramThatHasOne) {
-  const auto sequence_after = [](Bytes datagram) {
+  const auto sequence_after = [](const Bytes& datagram) {
     Take(datagram);
     return LastReceivedSequence();
   };
@@ -218,7 +218,8 @@ std::string FileText(const char* path) {
 }
 
 Bytes UnitWithParameterSet(std::uint8_t nal_header, std::uint32_t width_in_mbs,
-                           std::uint32_t height_in_mbs, std::vector<std::uint32_t> crop = {}) {
+                           std::uint32_t height_in_mbs,
+                           const std::vector<std::uint32_t>& crop = {}) {
   BitWriter bits = ParameterSetStart(66);
   const Bytes rest = ParameterSetTail(bits, width_in_mbs, height_in_mbs, true, crop).Bytes();
   Bytes unit = {0, 0, 0, 1, nal_header};
