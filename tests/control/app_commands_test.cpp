@@ -21,7 +21,8 @@ class AppCommands : public CameraEnd {
   std::string Run(const std::string& json) {
     DispatchAppCommand(("!" + json).c_str());
     const std::string log = Log();
-    const std::string first = "JSON commands from app: " + std::string(json.c_str()) + "\n";
+    const std::string logged = json.substr(0, json.find('\0'));
+    const std::string first = "JSON commands from app: " + logged + "\n";
     EXPECT_TRUE(log.starts_with(first)) << log;
     return log.substr(std::min(first.size(), log.size()));
   }

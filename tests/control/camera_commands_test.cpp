@@ -41,7 +41,7 @@ TEST_F(CameraCommands, ActionsSendTheirFrame) {
 TEST_F(CameraCommands, SettingsSendTheCodeOfTheirWord) {
   struct Row {
     void (*set)(const char*);
-    std::string log;  // and the word, but where it begins with a minus
+    std::string log;  // and the word
     std::vector<std::pair<const char*, Frames>> words;
   };
   const Frames nothing;
@@ -183,20 +183,20 @@ TEST_F(CameraCommands, IsoTakesTheLeadingDigitsAndSendsAutomaticForTheRest) {
 TEST_F(CameraCommands, EvMustBeOneOfTheCamerasSteps) {
   struct Row {
     const char* text;
-    std::string logged;
-    std::string code;  // empty: nothing sent
+    std::string logged;  // how it begins
+    std::string code;    // empty: nothing sent
   };
   for (const Row& row : std::vector<Row>{
-           {"-3.0", "-3.0", "07"},     {"-2.7", "-2.7", "08"}, {"-2.3", "-2.3", "09"},
-           {"-2.0", "-2.0", "0A"},     {"-1.7", "-1.7", "0B"}, {"-1.3", "-1.3", "0C"},
-           {"-1.0", "-1.0", "0D"},     {"-0.7", "-0.7", "0E"}, {"-0.3", "-0.3", "0F"},
-           {"0", "0.0", "10"},         {"+0.3", "0.3", "11"},  {"+0.7", "0.7", "12"},
-           {"+1.0", "1.0", "13"},      {"+1.3", "1.3", "14"},  {"+1.7", "1.7", "15"},
-           {"+2.0", "2.0", "16"},      {"+2.3", "2.3", "17"},  {"+2.7", "2.7", "18"},
-           {"+3.0", "3.0", "19"},      {"0.30", "0.3", "11"},  {"3", "3.0", "19"},
-           {"-0.0", "-0.0", "10"},     {"auto", "0.0", "10"},  {"", "0.0", "10"},
-           {"0.33", "0.3", ""},        {"0.5", "0.5", ""},     {"3.3", "3.3", ""},
-           {"1e300", "1" /*...*/, ""}, {"nan", "nan", ""},     {"inf", "inf", ""},
+           {"-3.0", "-3.0", "07"}, {"-2.7", "-2.7", "08"}, {"-2.3", "-2.3", "09"},
+           {"-2.0", "-2.0", "0A"}, {"-1.7", "-1.7", "0B"}, {"-1.3", "-1.3", "0C"},
+           {"-1.0", "-1.0", "0D"}, {"-0.7", "-0.7", "0E"}, {"-0.3", "-0.3", "0F"},
+           {"0", "0.0", "10"},     {"+0.3", "0.3", "11"},  {"+0.7", "0.7", "12"},
+           {"+1.0", "1.0", "13"},  {"+1.3", "1.3", "14"},  {"+1.7", "1.7", "15"},
+           {"+2.0", "2.0", "16"},  {"+2.3", "2.3", "17"},  {"+2.7", "2.7", "18"},
+           {"+3.0", "3.0", "19"},  {"0.30", "0.3", "11"},  {"3", "3.0", "19"},
+           {"-0.0", "-0.0", "10"}, {"auto", "0.0", "10"},  {"", "0.0", "10"},
+           {"0.33", "0.3", ""},    {"0.5", "0.5", ""},     {"3.3", "3.3", ""},
+           {"1e300", "1", ""},     {"nan", "nan", ""},     {"inf", "inf", ""},
            {"-inf", "-inf", ""},
        }) {
     SetEv(row.text);

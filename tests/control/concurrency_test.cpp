@@ -74,6 +74,7 @@ TEST_F(Senders, NeverShareASequenceOrDamageAPacket) {
 
   std::atomic<int> at_work = static_cast<int>(senders.size());
   std::vector<std::thread> threads;
+  threads.reserve(senders.size());
   for (const auto& sender : senders) {
     threads.emplace_back([&sender, &at_work] {
       for (int round = 0; round < kRounds; ++round) {

@@ -36,24 +36,26 @@ std::vector<std::uint16_t> BoundPorts() {
   return ports;
 }
 
+std::vector<std::uint16_t> daemon_ports;
+
 class MainAppLinkTest : public CameraEnd {
  protected:
   // Has the daemon's endpoints and threads started before every test.
   MainAppLinkTest() {
-    if (ports_.empty()) {
+    if (daemon_ports.empty()) {
       const std::vector<std::uint16_t> others = BoundPorts();
       EXPECT_EQ(mkdir(kBlockPath, 0700), 0);  // no block to be had yet
       EXPECT_EQ(InitMainAppLink("127.0.0.1", 5000), 0);
-      ports_ = BoundPorts();
-      std::erase_if(ports_, [&](auto port) { return std::ranges::count(others, port) != 0; });
-      EXPECT_EQ(ports_.size(), 2U) << "command endpoint and second endpoint";
+      daemon_ports = BoundPorts();
+      std::erase_if(daemon_ports, [&](auto port) { return std::ranges::count(others, port) != 0; });
+      EXPECT_EQ(daemon_ports.size(), 2U) << "command endpoint and second endpoint";
     }
   }
 
   // To both endpoints; the second one drops it.
   void Send(const std::string& text) const {
     const std::vector<std::uint8_t> bytes(text.begin(), text.end());
-    for (const std::uint16_t port : ports_) {
+    for (const std::uint16_t port : daemon_ports) {
       camera_.Send(bytes, {.host = "127.0.0.1", .port = port});
     }
   }
@@ -67,9 +69,6 @@ class MainAppLinkTest : public CameraEnd {
     }));
     return frames == expected;
   }
-
- private:
-  static inline std::vector<std::uint16_t> ports_;
 };
 
 const std::string kShot = "55 0E 04 66 02 01 40 02 01 01";

@@ -67,7 +67,7 @@ TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
   ASSERT_TRUE(OpenRcBlock(block_));
   std::fstream owner(kPath, std::ios::binary | std::ios::in | std::ios::out);
   const double value = -0.75;
-  owner.seekp(8 * 185);
+  owner.seekp(1480);
   owner.write(reinterpret_cast<const char*>(&value), sizeof value);
   owner.flush();
   ASSERT_TRUE(Read());
