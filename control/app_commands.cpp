@@ -1,0 +1,158 @@
+#include "control/app_commands.h"
+
+#include <cjson/cJSON.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "control/camera_commands.h"
+
+namespace kestrelbridge {
+namespace {
+
+constexpr char kMarker = '!';
+
+// The string members of a command that take part; null where absent or no string.
+struct Members {
+  const char* cmd;
+  const char* param;
+  const char* value;
+};
+
+enum class Needs { kNothing, kParam, kParamAndValue };
+
+// The words by which a picture size and rate are asked for: width, height, frames per second. The
+// camera has a code for each size and each rate, but does not take every pair of them.
+constexpr std::array<std::string_view, 41> kResolutionWords = {
+    "4096x2160@25",  "4096x2160@24",  "4000x3000@30", "4000x3000@25",  "4000x3000@24",
+    "3840x2160@60",  "3840x2160@50",  "3840x2160@48", "3840x2160@30",  "3840x2160@25",
+    "3840x2160@24",  "2720x2040@30",  "2720x2040@25", "2720x2040@24",  "2720x1530@60",
+    "2720x1530@50",  "2720x1530@48",  "2720x1530@30", "2720x1530@25",  "2720x1530@24",
+    "2704x1520@30",  "2704x1520@25",  "2704x1520@24", "1920x1080@240", "1920x1080@200",
+    "1920x1080@120", "1920x1080@100", "1920x1080@60", "1920x1080@50",  "1920x1080@48",
+    "1920x1080@30",  "1920x1080@25",  "1920x1080@24", "1280x720@240",  "1280x720@200",
+    "1280x720@60",   "1280x720@50",   "1280x720@48",  "1280x720@30",   "1280x720@25",
+    "1280x720@24"};
+
+struct Resolution {
+  int width;
+  int height;
+  int frames_per_second;
+  bool operator==(const Resolution&) const = default;
+};
+
+// Of a word of the table: three numbers with one character between them.
+constexpr Resolution ResolutionOfWord(std::string_view word) {
+  std::array<int, 3> numbers{};
+  auto number = numbers.begin();
+  for (const char character : word) {
+    if (character < '0' || character > '9') {
+      ++number;
+    } else {
+      *number = *number * 10 + (character - '0');
+    }
+  }
+  return {numbers[0], numbers[1], numbers[2]};
+}
+static_assert(ResolutionOfWord("1920x1080@240") == Resolution{1920, 1080, 240});
+
+void SetResolution(std::string_view word) {
+  if (std::ranges::find(kResolutionWords, word) != kResolutionWords.end()) {
+    const Resolution resolution = ResolutionOfWord(word);
+    SetVideoResolution(resolution.width, resolution.height, resolution.frames_per_second);
+  }
+}
+
+struct AppCommand {
+  std::string_view cmd;
+  std::string_view required_param;  // empty: any
+  Needs needs;
+  void (*run)(const Members& members);
+};
+
+constexpr auto kNothing = Needs::kNothing;
+constexpr auto kParam = Needs::kParam;
+constexpr auto kParamAndValue = Needs::kParamAndValue;
+
+// clang-format off
+constexpr std::array kAppCommands = {
+    AppCommand{"record", "start", kParam, [](const Members&) { SetRecording(true); }},
+    AppCommand{"record", "stop", kParam, [](const Members&) { SetRecording(false); }},
+    AppCommand{"shot", "", kNothing, [](const Members&) { TakeShot(); }},
+    AppCommand{"camera", "mode", kParamAndValue, [](const Members& m) { SetCameraMode(m.value); }},
+    AppCommand{"video_mode", "", kParam, [](const Members& m) { SetVideoMode(m.param); }},
+    AppCommand{"shutter", "", kParam, [](const Members& m) { SetShutter(m.param); }},
+    AppCommand{"iso", "", kParam, [](const Members& m) { SetIso(m.param); }},
+    AppCommand{"ev", "", kParam, [](const Members& m) { SetEv(m.param); }},
+    AppCommand{"wb", "", kParam, [](const Members& m) { SetWhiteBalance(m.param, m.value); }},
+    AppCommand{"color", "", kParam, [](const Members& m) { SetColor(m.param); }},
+    AppCommand{"video_resolution", "", kParam, [](const Members& m) { SetResolution(m.param); }},
+    AppCommand{"video_aspect", "", kParam, [](const Members& m) { SetAspectRatio(m.param); }},
+    AppCommand{"shotmode", "", kParam, [](const Members& m) { SetShotMode(m.param); }},
+    AppCommand{"antiflicker", "", kParam, [](const Members& m) { SetAntiFlicker(m.param); }},
+    AppCommand{"video_std", "", kParam, [](const Members& m) { SetVideoStandard(m.param); }},
+    AppCommand{"wifi", "mode", kParamAndValue, [](const Members& m) { SetWifiMode(m.value); }},
+    AppCommand{"resetcamera", "", kNothing, [](const Members&) { ResetCamera(); }},
+    AppCommand{"format", "", kParam, [](const Members& m) { FormatSdCard(m.param); }},
+    AppCommand{"histogram", "", kParam, [](const Members& m) { SetHistogram(m.param); }},
+    AppCommand{"power", "", kParam, [](const Members& m) { SetPower(m.param); }},
+};
+// clang-format on
+
+bool HasWhatItNeeds(const AppCommand& command, const Members& members) {
+  switch (command.needs) {
+    case Needs::kNothing:
+      return true;
+    case Needs::kParam:
+      return members.param != nullptr;
+    case Needs::kParamAndValue:
+      return members.param != nullptr && members.value != nullptr;
+  }
+  return false;
+}
+
+bool IsAskedFor(const AppCommand& command, const Members& members) {
+  return command.cmd == members.cmd && HasWhatItNeeds(command, members) &&
+         (command.required_param.empty() || command.required_param == members.param);
+}
+
+using JsonTree = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+// The first member of that name, whatever its case; null when its value is no string.
+const char* StringMember(const JsonTree& object, const char* name) {
+  return cJSON_GetStringValue(cJSON_GetObjectItem(object.get(), name));
+}
+
+void RunCommand(const Members& members) {
+  const auto asked = std::ranges::find_if(
+      kAppCommands, [&members](const AppCommand& command) { return IsAskedFor(command, members); });
+  if (asked != kAppCommands.end()) {
+    asked->run(members);
+  }
+}
+
+}  // namespace
+
+void DispatchAppCommand(const char* text) {
+  if (*text != kMarker) {
+    return;
+  }
+  const char* json = text + 1;
+  std::fprintf(stderr, "JSON commands from app: %s\n", json);
+  // Takes text behind the object, and refuses nesting that would be too deep for the stack.
+  const JsonTree object(cJSON_Parse(json), cJSON_Delete);
+  if (cJSON_IsObject(object.get()) == 0) {
+    return;
+  }
+  const Members members = {.cmd = StringMember(object, "cmd"),
+                           .param = StringMember(object, "param"),
+                           .value = StringMember(object, "value")};
+  if (members.cmd != nullptr) {
+    RunCommand(members);
+  }
+}
+
+}  // namespace kestrelbridge

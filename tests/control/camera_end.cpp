@@ -1,0 +1,77 @@
+#include "control/camera_end.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "base/byte_order.h"
+#include "camera/camera_link.h"
+#include "camera/frame_scanner.h"
+#include "camera/packet_format.h"
+#include "state/camera_state.h"
+#include "support/camera_datagrams.h"
+#include "video/camera_stream.h"
+
+namespace kestrelbridge {
+namespace {
+
+constexpr std::uint16_t kLastReceived = 0x0102;
+
+std::string HexWithoutSeal(const Bytes& frame) {
+  std::string text;
+  for (std::size_t i = 0; i < frame.size() - kFrameCrc16Size; ++i) {
+    if (i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1) {
+      continue;
+    }
+    char digits[4];
+    std::snprintf(digits, sizeof digits, "%s%02X", i == 0 ? "" : " ", unsigned{frame[i]});
+    text += digits;
+  }
+  return text;
+}
+
+}  // namespace
+
+CameraEnd::CameraEnd() {
+  CameraLink& link = GetCameraLink();
+  EXPECT_EQ(Open(link.endpoint, 0), 0);
+  std::snprintf(link.host, sizeof link.host, "127.0.0.1");
+  link.port = camera_.port();
+  link.outgoing_packet_counter = 0;
+  link.last_received_sequence = kLastReceived;
+  ClearCameraState();
+  testing::internal::CaptureStderr();
+}
+
+void CameraEnd::TearDown() {
+  EXPECT_EQ(SentFrames(), Frames{}) << "a command that no test expected";
+  testing::internal::GetCapturedStderr();
+}
+
+// On the loopback a datagram is there when the call that sent it returns: no need to wait.
+Frames CameraEnd::SentFrames() {
+  Frames frames;
+  while (const auto packet = camera_.Receive(std::chrono::milliseconds{0})) {
+    const Bytes& bytes = packet->bytes;
+    if (bytes.size() < kSentWrapperSize + kFrameOverhead) {
+      ADD_FAILURE() << "packet of " << bytes.size() << " bytes";
+      continue;
+    }
+    const Bytes frame(bytes.begin() + kSentWrapperSize, bytes.end());
+    EXPECT_EQ(CommandFrameAt(frame).size(), frame.size()) << "length or check sums";
+    EXPECT_EQ(LoadLe16(frame, kFrameSequenceOffset), next_sequence_++);
+    const CommandPacket expected = BuildCommandPacket(frame, LastReceivedSequence());
+    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), expected.begin())) << "wrapper";
+    frames.push_back(HexWithoutSeal(frame));
+  }
+  return frames;
+}
+
+std::string CameraEnd::Log() {
+  std::string log = testing::internal::GetCapturedStderr();
+  testing::internal::CaptureStderr();
+  return log;
+}
+
+void ReceiveCameraData() { ProcessCameraDatagram(CommandDataDatagram(1, EmptyCommandData())); }
+
+}  // namespace kestrelbridge

@@ -1,0 +1,179 @@
+// The real block in a real /dev/shm, with owners of every temper.
+
+#include "control/rc_block.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "control/camera_end.h"
+
+namespace kestrelbridge {
+namespace {
+
+constexpr char kPath[] = "/dev/shm/shared_rc_raw";
+constexpr char kOpened[] = "Shared raw RC mem opened\n";
+constexpr char kCreating[] = "Creating new shared raw RC\n";
+constexpr char kLost[] = "Shared raw RC mem was cut short or removed, opening it again\n";
+
+off_t SizeOfBlock() {
+  struct stat status {};
+  return stat(kPath, &status) == 0 ? status.st_size : -1;
+}
+
+class RcBlockTest : public CameraEnd {
+ protected:
+  RcBlockTest() { RemoveBlock(); }
+  ~RcBlockTest() override { RemoveBlock(); }
+  static void RemoveBlock() { unlink(kPath); }
+  static void WriteBlock(std::size_t size) {
+    std::ofstream(kPath, std::ios::binary) << std::string(size, '\0');
+  }
+  bool Read() { return ReadRcBlock(block_, values_); }
+
+  RcBlock block_;
+  RcValues values_;
+};
+
+TEST_F(RcBlockTest, IsCreatedWhenMissingAndReadsAsZero) {
+  EXPECT_TRUE(OpenRcBlock(block_));
+  EXPECT_EQ(Log(), kCreating);
+  struct stat status {};
+  ASSERT_EQ(stat(kPath, &status), 0);
+  EXPECT_EQ(status.st_size, 1504);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  ASSERT_TRUE(Read());
+  EXPECT_EQ(values_.channels, RcValues{}.channels);
+  EXPECT_FALSE(values_.slider_enabled);
+  EXPECT_TRUE(OpenRcBlock(block_));
+  EXPECT_EQ(Log(), kOpened);
+}
+
+TEST_F(RcBlockTest, GetsItsSizeWhateverItWas) {
+  for (const std::size_t size : {0U, 1U, 1503U, 1504U, 5000U}) {
+    WriteBlock(size);
+    EXPECT_TRUE(OpenRcBlock(block_));
+    EXPECT_EQ(SizeOfBlock(), 1504);
+    EXPECT_EQ(Log(), kOpened);
+    EXPECT_TRUE(Read());
+  }
+}
+
+TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
+  ASSERT_TRUE(OpenRcBlock(block_));
+  std::fstream owner(kPath, std::ios::binary | std::ios::in | std::ios::out);
+  const double value = -0.75;
+  owner.seekp(1480);
+  owner.write(reinterpret_cast<const char*>(&value), sizeof value);
+  owner.flush();
+  ASSERT_TRUE(Read());
+  EXPECT_EQ(values_.channels[185], -0.75);
+  EXPECT_EQ(values_.channels[184], 0);
+  for (const int byte : {1490, 1491}) {
+    owner.seekp(byte);
+    owner.put('\x80').flush();
+    ASSERT_TRUE(Read());
+    EXPECT_TRUE(values_.slider_enabled) << byte;
+    owner.seekp(byte);
+    owner.put('\0').flush();
+  }
+  owner.seekp(1488).write("\xFF\xFF", 2);
+  owner.seekp(1492).write("\xFF\xFF", 2).flush();
+  ASSERT_TRUE(Read());
+  EXPECT_FALSE(values_.slider_enabled);
+}
+
+TEST_F(RcBlockTest, CutShortOrRemovedIsUnmappedAndFoundAgain) {
+  ASSERT_TRUE(OpenRcBlock(block_));
+  for (const off_t size : {0, 1, 1503}) {
+    ASSERT_EQ(truncate(kPath, size), 0);
+    EXPECT_FALSE(Read());
+    EXPECT_EQ(block_.bytes, nullptr);
+    EXPECT_FALSE(Read());
+    EXPECT_TRUE(OpenRcBlock(block_));
+    EXPECT_TRUE(Read());
+    EXPECT_EQ(SizeOfBlock(), 1504);
+  }
+  RemoveBlock();
+  EXPECT_FALSE(Read());
+  EXPECT_TRUE(OpenRcBlock(block_));
+  EXPECT_TRUE(Read());
+  EXPECT_EQ(Log(), kCreating + std::string(kLost)) << "said once, not each time";
+}
+
+TEST_F(RcBlockTest, IsReportedAgainOnceItHasBeenWellForAWhile) {
+  ASSERT_TRUE(OpenRcBlock(block_));
+  RemoveBlock();
+  EXPECT_FALSE(Read());
+  ASSERT_TRUE(OpenRcBlock(block_));
+  Log();
+  for (std::uint32_t i = 1; i < kRcBlockWellAfterReads; ++i) {
+    Read();
+  }
+  EXPECT_EQ(Log(), "");
+  Read();
+  EXPECT_EQ(Log(), kOpened);
+  Read();
+  EXPECT_EQ(Log(), "");
+  RemoveBlock();
+  EXPECT_FALSE(Read());
+  EXPECT_EQ(Log(), kLost);
+}
+
+// Mounts an other /dev/shm over the one of the test.
+class OtherSharedMemory {
+ public:
+  explicit OtherSharedMemory(unsigned long flags, const char* options) {
+    EXPECT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", flags, options), 0);
+  }
+  OtherSharedMemory(const OtherSharedMemory&) = delete;
+  OtherSharedMemory& operator=(const OtherSharedMemory&) = delete;
+  ~OtherSharedMemory() { EXPECT_EQ(umount2("/dev/shm", MNT_DETACH), 0); }
+};
+
+// The message comes once, however often it is tried again.
+void ExpectRefusedOnce(RcBlock& block, const std::string& message, std::string (*log)()) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    EXPECT_FALSE(OpenRcBlock(block));
+    EXPECT_EQ(block.bytes, nullptr);
+  }
+  EXPECT_EQ(log(), message);
+}
+
+TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnce) {
+  ASSERT_EQ(symlink("/etc/passwd", kPath), 0);
+  ExpectRefusedOnce(block_,
+                    std::string(kCreating) +
+                        "Cannot open shared memory /dev/shm/shared_rc_raw (1504 bytes): "
+                        "Too many levels of symbolic links, trying again\n",
+                    Log);
+  RemoveBlock();
+  EXPECT_TRUE(OpenRcBlock(block_));
+  EXPECT_TRUE(Read());
+}
+
+TEST_F(RcBlockTest, InAReadOnlyPlaceIsRefused) {
+  const OtherSharedMemory read_only(MS_RDONLY, "");
+  ExpectRefusedOnce(block_,
+                    std::string(kCreating) +
+                        "Cannot open shared memory /dev/shm/shared_rc_raw (1504 bytes): "
+                        "Read-only file system, trying again\n",
+                    Log);
+}
+
+TEST_F(RcBlockTest, InFullSharedMemoryIsRefusedAtOnceRatherThanFatalLater) {
+  const OtherSharedMemory full(0, "size=4096");
+  std::ofstream("/dev/shm/filler") << std::string(4096, 'x');
+  ExpectRefusedOnce(block_,
+                    std::string(kCreating) +
+                        "Cannot reserve shared memory /dev/shm/shared_rc_raw (1504 bytes): "
+                        "No space left on device, trying again\n",
+                    Log);
+}
+
+}  // namespace
+}  // namespace kestrelbridge
