@@ -4,12 +4,14 @@
 
 #include <csignal>
 #include <cstdio>
+#include <span>
 
 #include "app/main_app_link.h"
 #include "app/options.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
 #include "base/text_file.h"
+#include "bridge/phone_app_bridge.h"
 #include "camera/camera_session.h"
 #include "state/camera_state.h"
 #include "video/frame_buffers.h"
@@ -19,7 +21,8 @@ namespace {
 
 constexpr useconds_t kStartPauseUs = 1'000'000;
 constexpr useconds_t kMainLoopPeriodUs = 1'000'000;
-constexpr std::size_t kBoardModelSize = 100;  // 99 characters and a NUL
+constexpr std::size_t kBoardModelSize = 100;    // 99 characters and a NUL
+constexpr std::size_t kInterfaceNameSize = 10;  // 9 characters and a NUL
 
 void AnnounceBoard() {
   std::fprintf(stderr, "\nOsmo Action Wi-Fi client\n");
@@ -82,6 +85,30 @@ void ConnectCamera(const Config& config) {
   }
 }
 
+// Reads the access point's interface name. Line ends become blanks, which a name may end in.
+void ReadInterfaceName(std::span<char> name) {
+  ReadTextFile(kAccessPointInterfacePath, name);
+  for (char& character : name) {
+    if (character == '\0') {
+      break;
+    }
+    if (character == '\n' || character == '\r') {
+      character = ' ';
+    }
+  }
+}
+
+void BridgePhoneApp(const Config& config) {
+  char access_point_interface[kInterfaceNameSize];
+  ReadInterfaceName(access_point_interface);
+  if (config.verbose != 0) {
+    std::fprintf(stderr, "Init data bridge server for DJI MIMO via iface %s\n",
+                 access_point_interface);
+  }
+  // Without the bridge the daemon goes on: the picture does not depend on it.
+  InitPhoneAppBridge(config.camera_host, config.camera_port, access_point_interface);
+}
+
 }  // namespace
 
 void RunDaemon(int argc, char** argv) {
@@ -94,7 +121,9 @@ void RunDaemon(int argc, char** argv) {
   ClearCameraState();
   SetUpFrameMemory();
   ConnectCamera(config);
+  BridgePhoneApp(config);
   for (;;) {
+    PhoneAppBridgeTick();
     usleep(kMainLoopPeriodUs);
   }
 }

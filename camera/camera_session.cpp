@@ -6,6 +6,7 @@
 
 #include "base/process_end.h"
 #include "base/thread.h"
+#include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
 #include "net/udp_endpoint.h"
@@ -52,12 +53,15 @@ void SendCameraHeartbeat() {
     TakePacketNumber();
     return;
   }
-  SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber()));
+  if (!PhoneAppConnected()) {
+    SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber()));
+  }
 }
 
 void OnCameraDatagram(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
                       std::uint16_t /*sender_port*/) {
   ProcessCameraDatagram(datagram);
+  ForwardToPhoneApp(datagram);
 }
 
 }  // namespace kestrelbridge

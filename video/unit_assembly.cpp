@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/byte_order.h"
+#include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
 #include "video/frame_buffers.h"
@@ -89,7 +90,9 @@ void FinishUnit() {
     return;
   }
   PublishIfH264(std::span(staging).first(fill));
-  AcknowledgeUnit();
+  if (!PhoneAppConnected()) {  // else the phone app acknowledges
+    AcknowledgeUnit();
+  }
 }
 
 void StartUnit(std::span<const std::uint8_t> header_datagram) {
