@@ -28,7 +28,10 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kReportPeriod{1};
 // After the clip's last unit, for the acknowledgements that are still on their way.
 constexpr std::chrono::seconds kAfterClip{1};
+constexpr std::chrono::milliseconds kLastPackets{200};
+constexpr int kNoStopSignal = -1;
 constexpr double kMaxSeconds = 1e7;
+constexpr double kMaxSeed = 4'294'967'295;
 
 struct CommandLine {
   std::string listen = "127.0.0.1:9010";
@@ -126,10 +129,10 @@ constexpr SummaryLine kSummary[] = {
 };
 
 void PrintSummary(const SimulatedCamera& camera) {
-  camera.bad_packets().PrintRepeats();
+  camera.BadPackets().PrintRepeats();
   std::printf("summary\n");
   for (const SummaryLine& line : kSummary) {
-    std::printf("%s: %llu\n", line.key, Progress::Ull(camera.counters().*line.counter));
+    std::printf("%s: %llu\n", line.key, Progress::Ull(camera.Counters().*line.counter));
   }
 }
 
@@ -139,7 +142,34 @@ SteadyTime EndTime(const CommandLine& line, const SimulatedCamera& camera, Stead
     return start +
            std::chrono::duration_cast<steady_clock::duration>(duration<double>(line.duration_s));
   }
-  return camera.clip_end() ? *camera.clip_end() + kAfterClip : SteadyTime::max();
+  return camera.ClipEnd() ? *camera.ClipEnd() + kAfterClip : SteadyTime::max();
+}
+
+// Runs the camera until its time is over or the stop signal comes.
+void Stream(SimulatedCamera& camera, const CommandLine& line, int socket, int stop_signal) {
+  const SteadyTime start = steady_clock::now();
+  Progress progress(start);
+  SteadyTime now = start;
+  for (;;) {
+    const SteadyTime end = EndTime(line, camera, start);
+    if (now >= end ||
+        WaitFor(socket, stop_signal, std::min({end, camera.NextSend(), progress.NextReport()}))) {
+      return;
+    }
+    now = steady_clock::now();
+    camera.Receive(now);
+    camera.Send(now);
+    progress.Report(camera.Counters(), now);
+  }
+}
+
+// Takes the acknowledgements that are still on their way when the stream was stopped in its midst.
+void TakeLastPackets(SimulatedCamera& camera, int socket) {
+  const SteadyTime end = steady_clock::now() + kLastPackets;
+  for (SteadyTime now = steady_clock::now(); now < end; now = steady_clock::now()) {
+    WaitFor(socket, kNoStopSignal, end);
+    camera.Receive(now);
+  }
 }
 
 void RunCamera(CommandLine& line) {
@@ -155,20 +185,8 @@ void RunCamera(CommandLine& line) {
   const int stop_signal = OpenStopSignal();
   SimulatedCamera camera(line.camera, units, socket, journal);
   std::printf("waiting for a connection request on %s\n", HostPortText(socket.Local()).c_str());
-
-  const SteadyTime start = steady_clock::now();
-  Progress progress(start);
-  SteadyTime now = start;
-  for (;;) {
-    const SteadyTime end = EndTime(line, camera, start);
-    if (now >= end || WaitFor(socket.descriptor(), stop_signal,
-                              std::min({end, camera.NextSend(), progress.NextReport()}))) {
-      break;
-    }
-    now = steady_clock::now();
-    camera.Work(now);
-    progress.Report(camera.counters(), now);
-  }
+  Stream(camera, line, socket.Descriptor(), stop_signal);
+  TakeLastPackets(camera, socket.Descriptor());
   PrintSummary(camera);
 }
 
@@ -213,6 +231,7 @@ void AddFaultOptions(CLI::App& command, CommandLine& line) {
   add_rate("--reorder", camera.faults.reorder, "arrive after the next one");
   add_rate("--corrupt", camera.faults.corrupt, "arrive with one wrong byte");
   command.add_option("--seed", camera.seed, "The same seed, the same faults")
+      ->check(NumberBetween(0, kMaxSeed))
       ->capture_default_str()
       ->group("Faults");
   line.silence_option =

@@ -33,7 +33,7 @@ std::vector<AccessUnit> CutClip(std::span<const std::uint8_t> clip) {
   if (units.empty()) {
     throw ToolError("the clip of " + std::to_string(clip.size()) +
                     " bytes holds no H.264 access unit; make one with "
-                    "\"ffmpeg -i INPUT -c:v libx264 -bsf:v h264_mp4toannexb -f h264 FILE\"");
+                    "\"ffmpeg -i INPUT -c:v libx264 -f h264 FILE\"");
   }
   for (std::size_t number = 0; number < units.size(); ++number) {
     if (units[number].size() > kMaxUnitLength) {

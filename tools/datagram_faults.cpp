@@ -5,6 +5,10 @@
 namespace kestrelbridge {
 namespace {
 
+// A double holds 53 of the 64 random bits.
+constexpr unsigned kUnusedBits = 11;
+constexpr double kPercentOfOne = 100.0 / 9007199254740992.0;  // 100 / 2^53
+
 void SendCopies(std::span<const std::uint8_t> datagram, bool twice, const DatagramSink& send) {
   send(datagram);
   if (twice) {
@@ -20,8 +24,6 @@ DatagramFaults::DatagramFaults(const FaultRates& rates, std::uint64_t seed)
 // The library's own distributions differ from one library to the next; a seed shall mean the same
 // everywhere.
 bool DatagramFaults::Happens(double percent) {
-  constexpr unsigned kUnusedBits = 11;
-  constexpr double kPercentOfOne = 100.0 / 9007199254740992.0;  // 100 / 2^53
   return static_cast<double>(random_() >> kUnusedBits) * kPercentOfOne < percent;
 }
 

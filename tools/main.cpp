@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "tools/camera_command.h"
+#include "tools/video_command.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ using AddCommand = void (*)(CLI::App& app);
 // In the order in which --help lists them.
 constexpr AddCommand kCommands[] = {
     kestrelbridge::AddCameraCommand,
+    kestrelbridge::AddVideoCommand,
 };
 
 int Run(int argc, char** argv) {

@@ -38,8 +38,15 @@ SimulatedCamera::SimulatedCamera(const CameraOptions& options, std::span<const A
       buffer_(options.datagram_size),
       receive_(kReceiveSize) {}
 
-void SimulatedCamera::Work(SteadyTime now) {
-  ReceivePackets(now);
+void SimulatedCamera::Receive(SteadyTime now) {
+  std::span<const std::uint8_t> packet;
+  UdpPeer from;
+  for (int taken = 0; taken < kPacketsPerTurn && socket_.Receive(receive_, packet, from); ++taken) {
+    TakePacket(packet, from, now);
+  }
+}
+
+void SimulatedCamera::Send(SteadyTime now) {
   if (!peer_ || IsSilent(now)) {
     return;
   }
@@ -57,14 +64,6 @@ SteadyTime SimulatedCamera::NextSend() const {
       clip_end_ ? SteadyTime::max() : std::max(schedule_.NextDue(), burst_pause_end_);
   const SteadyTime next = std::min(next_unit, next_command_data_);
   return IsSilent(next) ? SteadyTime::max() : next;
-}
-
-void SimulatedCamera::ReceivePackets(SteadyTime now) {
-  std::span<const std::uint8_t> packet;
-  UdpPeer from;
-  for (int taken = 0; taken < kPacketsPerTurn && socket_.Receive(receive_, packet, from); ++taken) {
-    TakePacket(packet, from, now);
-  }
 }
 
 void SimulatedCamera::TakePacket(std::span<const std::uint8_t> packet, UdpPeer from,

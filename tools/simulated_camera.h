@@ -67,20 +67,22 @@ class SimulatedCamera {
   SimulatedCamera(const CameraOptions& options, std::span<const AccessUnit> units,
                   const UdpSocket& socket, CameraJournal& journal);
 
-  // Takes the packets that have arrived and sends what is due.
-  void Work(SteadyTime now);
+  // Takes the packets that have arrived.
+  void Receive(SteadyTime now);
+
+  // Sends what is due.
+  void Send(SteadyTime now);
 
   // When there is something to send again; the end of time when there is not.
   [[nodiscard]] SteadyTime NextSend() const;
 
   // When the last unit of a clip that does not loop was sent.
-  [[nodiscard]] std::optional<SteadyTime> clip_end() const { return clip_end_; }
+  [[nodiscard]] std::optional<SteadyTime> ClipEnd() const { return clip_end_; }
 
-  [[nodiscard]] const CameraCounters& counters() const { return counters_; }
-  [[nodiscard]] const BadPacketLog& bad_packets() const { return bad_packets_; }
+  [[nodiscard]] const CameraCounters& Counters() const { return counters_; }
+  [[nodiscard]] const BadPacketLog& BadPackets() const { return bad_packets_; }
 
  private:
-  void ReceivePackets(SteadyTime now);
   void TakePacket(std::span<const std::uint8_t> packet, UdpPeer from, SteadyTime now);
   void TakeFrame(const CheckedPacket& checked, std::span<const std::uint8_t> packet);
   void NoteBadPacket(const char* fault, std::span<const std::uint8_t> packet);

@@ -18,7 +18,7 @@ class UdpSocket {
   UdpSocket(const UdpSocket&) = delete;
   UdpSocket& operator=(const UdpSocket&) = delete;
 
-  [[nodiscard]] int descriptor() const { return socket_; }
+  [[nodiscard]] int Descriptor() const { return socket_; }
   [[nodiscard]] UdpPeer Local() const;
 
   // Sends one datagram; waits while the send buffer is full. False when the system refused it.
