@@ -21,6 +21,10 @@ inline constexpr std::uint16_t kCameraPort = 9004;
 // A camera on the daemon's own host leaves port 9004 to the daemon only when it listens elsewhere.
 inline constexpr std::uint16_t kOtherCameraPort = 9104;
 
+// Empties /run/kestrelbridge and /dev/shm. For tests to which it matters what an earlier daemon
+// left there, as when all tests run in one program.
+void ForgetEarlierRuns();
+
 // The command that starts the daemon.
 std::vector<std::string> DaemonCommand(std::vector<std::string> options = {});
 // The same, with its camera on another port.

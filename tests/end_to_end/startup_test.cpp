@@ -41,15 +41,8 @@ std::string Banner() {
 // Gives every test an empty /run/kestrelbridge and /dev/shm, also when all run in one program.
 class StartUp : public testing::Test {
  protected:
-  void SetUp() override {
-    for (const fs::path folder : {"/run/kestrelbridge", "/dev/shm"}) {
-      fs::create_directory(folder);
-      for (const auto& entry : fs::directory_iterator(folder)) {
-        fs::remove_all(entry.path());
-      }
-    }
-  }
-  void TearDown() override { SetUp(); }
+  void SetUp() override { ForgetEarlierRuns(); }
+  void TearDown() override { ForgetEarlierRuns(); }
 };
 
 struct RefusedStart {
