@@ -1,31 +1,16 @@
 #include "app/main_app_link.h"
 
-#include <array>
 #include <cstdio>
 
+#include "base/thread.h"
 #include "net/udp_endpoint.h"
+#include "state/main_app_link_record.h"
+#include "state/telemetry.h"
 
 namespace kestrelbridge {
-namespace {
-
-constexpr std::size_t kReceiveBufferSize = 10'000;
-
-// Owned by start-up; the telemetry thread reads it.
-struct MainAppLink {
-  UdpEndpoint second_endpoint;  // nothing is sent through it
-  UdpEndpoint command_endpoint;
-  char destination_host[20] = {};
-  std::uint32_t destination_port = 0;
-  std::array<std::uint8_t, kReceiveBufferSize> second_buffer{};
-  std::array<std::uint8_t, kReceiveBufferSize> command_buffer{};
-};
-
-constinit MainAppLink main_app_link{};
-
-}  // namespace
 
 int InitMainAppLink(const char* host, std::int32_t port) {
-  MainAppLink& link = main_app_link;
+  MainAppLink& link = GetMainAppLink();
   std::snprintf(link.destination_host, sizeof link.destination_host, "%s", host);
   link.destination_port = static_cast<std::uint32_t>(port);
   if (Open(link.command_endpoint, 0) != 0) {
@@ -37,7 +22,7 @@ int InitMainAppLink(const char* host, std::int32_t port) {
     return -1;
   }
   AttachBuffer(link.second_endpoint, link.second_buffer);
-  return 0;
+  return StartThread(&link.telemetry_thread, "telemetry", TelemetryThread, nullptr);
 }
 
 }  // namespace kestrelbridge

@@ -11,6 +11,7 @@
 #include "base/run_paths.h"
 #include "base/text_file.h"
 #include "camera/camera_session.h"
+#include "state/camera_state.h"
 #include "video/frame_buffers.h"
 
 namespace kestrelbridge {
@@ -90,6 +91,7 @@ void RunDaemon(int argc, char** argv) {
   usleep(kStartPauseUs);
   const Config& config = GetConfig();
   ConnectMainApplication(config);
+  ClearCameraState();
   SetUpFrameMemory();
   ConnectCamera(config);
   for (;;) {

@@ -1,11 +1,15 @@
 #include "state/status_decoding.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 
 #include "base/byte_order.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
+#include "net/clock.h"
+#include "state/camera_state.h"
+#include "state/push_layout.h"
 
 namespace kestrelbridge {
 namespace {
@@ -29,11 +33,72 @@ bool FrameIsSound(std::span<const std::uint8_t> frame) {
   return true;
 }
 
+// Other frames of the camera are as long as a status push.
+bool IsStatusPush(std::span<const std::uint8_t> frame) {
+  return frame[kFrameFlagsOffset] == kStatusPushFlags &&
+         frame[kFrameCommandSetOffset] == kStatusPushCommandSet &&
+         frame[kFrameCommandIdOffset] == kStatusPushCommandId;
+}
+
+std::span<const std::uint8_t> PayloadOf(std::span<const std::uint8_t> frame) {
+  return frame.subspan(kFramePayloadOffset, frame.size() - kFrameOverhead);
+}
+
+void StoreFields(std::span<const PushField> fields, std::span<const std::uint8_t> payload,
+                 CameraState& state) {
+  for (const PushField& field : fields) {
+    field.store(field, LoadField(payload, field), state);
+  }
+}
+
+void StoreStatus(std::span<const std::uint8_t> payload) {
+  UpdateCameraState([payload](CameraState& state) {
+    state.camera_detected = 1;
+    StoreFields(kStatusPushFields, payload, state);
+  });
+}
+
+void StoreSettings(std::span<const std::uint8_t> payload) {
+  UpdateCameraState(
+      [payload](CameraState& state) { StoreFields(kSettingsPushFields, payload, state); });
+}
+
+void StoreBattery(std::span<const std::uint8_t> payload) {
+  UpdateCameraState(
+      [payload](CameraState& state) { StoreFields(kBatteryPushFields, payload, state); });
+}
+
+void StoreHistogram(std::span<const std::uint8_t> payload) {
+  const std::uint32_t now = std::max<std::uint32_t>(NowMs(), 1);  // 0 would mean "none"
+  UpdateCameraState([payload, now](CameraState& state) {
+    std::ranges::copy(payload, state.histogram.begin());
+    state.histogram_time_ms = now;
+  });
+}
+
 }  // namespace
 
 void DecodeStatusFrame(std::span<const std::uint8_t> frame) {
   if (!FrameIsSound(frame)) {
     return;
+  }
+  switch (frame.size()) {
+    case kStatusPushLength:
+      if (IsStatusPush(frame)) {
+        StoreStatus(PayloadOf(frame));
+      }
+      break;
+    case kSettingsPushLength:
+      StoreSettings(PayloadOf(frame));
+      break;
+    case kBatteryPushLength:
+      StoreBattery(PayloadOf(frame));
+      break;
+    case kHistogramPushLength:
+      StoreHistogram(PayloadOf(frame));
+      break;
+    default:
+      break;
   }
 }
 

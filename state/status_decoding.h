@@ -1,4 +1,4 @@
-// What the camera says about itself.
+// What the camera says about itself, put into the state record.
 #pragma once
 
 #include <cstdint>
@@ -6,8 +6,9 @@
 
 namespace kestrelbridge {
 
-// Takes one command frame of the camera. A frame with a wrong check sum is reported and dropped.
-// Camera's receive thread.
+// Takes one command frame of the camera. A push of a known kind goes into the record as a whole; it
+// overwrites the fields that it carries and leaves all others alone. A frame with a wrong check sum
+// is reported and dropped, any other frame is ignored. Camera's receive thread.
 void DecodeStatusFrame(std::span<const std::uint8_t> frame);
 
 }  // namespace kestrelbridge

@@ -1,0 +1,66 @@
+#include "state/pushes.h"
+
+#include <algorithm>
+
+#include "camera/crc.h"
+#include "camera/packet_format.h"
+#include "state/camera_state.h"
+#include "state/telemetry.h"
+
+namespace kestrelbridge::test {
+namespace {
+
+constexpr std::ptrdiff_t kPayload = 11;
+
+}  // namespace
+
+Bytes Push(std::size_t length, std::uint8_t fill) {
+  Bytes frame(length, 0);
+  frame[0] = 0x55;
+  frame[1] = static_cast<std::uint8_t>(length);
+  frame[2] = 0x04;
+  frame[9] = 0x02;
+  frame[10] = 0x80;
+  std::fill(frame.begin() + kPayload, frame.end() - 2, fill);
+  Seal(frame);
+  return frame;
+}
+
+void Put(Bytes& push, std::size_t payload_offset, const Bytes& bytes) {
+  std::ranges::copy(bytes, push.begin() + kPayload + static_cast<std::ptrdiff_t>(payload_offset));
+  Seal(push);
+}
+
+void Seal(Bytes& frame) {
+  frame[3] = FrameCrc8({frame.data(), 3});
+  SealCommandFrame(frame, 0);
+}
+
+std::string TelemetryText() {
+  const TextRecord record = BuildTextRecord(SnapshotCameraState());
+  return {record.buffer.begin() + 1,
+          record.buffer.begin() + static_cast<std::ptrdiff_t>(record.length)};
+}
+
+std::vector<std::string> Keys(std::string_view text) {
+  std::vector<std::string> keys;
+  while (!text.empty()) {
+    const std::size_t end = text.find(',');
+    keys.emplace_back(text.substr(0, text.find('=')));
+    text.remove_prefix(end + 1);
+  }
+  return keys;
+}
+
+std::string Item(std::string_view text, std::string_view key) {
+  while (!text.empty()) {
+    const std::string_view item = text.substr(0, text.find(','));
+    if (item.starts_with(key) && item.substr(key.size()).starts_with('=')) {
+      return std::string(item.substr(key.size() + 1));
+    }
+    text.remove_prefix(std::min(text.size(), item.size() + 1));
+  }
+  return "(absent)";
+}
+
+}  // namespace kestrelbridge::test

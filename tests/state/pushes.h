@@ -1,0 +1,40 @@
+// Pushes as the camera sends them, and telemetry's text taken apart. Lengths and offsets are
+// written out here and in the tests, not taken from the daemon's tables.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrelbridge::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+inline constexpr std::size_t kBattery = 53;
+inline constexpr std::size_t kHistogram = 77;
+inline constexpr std::size_t kStatus = 80;
+inline constexpr std::size_t kSettings = 115;
+
+// A frame of `length` bytes (13 to 255) with the flags, command set and id of the status push, its
+// payload all `fill`, check sums right. In a block of exactly its size, so that AddressSanitizer
+// sees a read past it.
+Bytes Push(std::size_t length, std::uint8_t fill = 0);
+
+// Sets bytes of the payload and renews the check sums.
+void Put(Bytes& push, std::size_t payload_offset, const Bytes& bytes);
+
+// Renews both check sums after a change.
+void Seal(Bytes& frame);
+
+// The text record for the process's record, without its first byte.
+std::string TelemetryText();
+
+// The keys of the text's items, in order.
+std::vector<std::string> Keys(std::string_view text);
+
+// The value of the first item with that key in the text; "(absent)" when there is none.
+std::string Item(std::string_view text, std::string_view key);
+
+}  // namespace kestrelbridge::test
