@@ -43,12 +43,13 @@ std::span<std::uint8_t> MapBlock(const char* name, std::size_t size) {
   if (descriptor == -1) {
     return Refuse("open", name, size, errno);
   }
-  if (ftruncate(descriptor, static_cast<off_t>(size)) != 0) {
-    return Refuse("size", name, size, errno);
-  }
-  // Without the reservation a full /dev/shm would show as a SIGBUS in flight.
+  // Without the reservation a full /dev/shm would show as a SIGBUS in flight. It comes before the
+  // size: a block that has its size has its memory too, and a reader may touch it.
   if (const int error = posix_fallocate(descriptor, 0, static_cast<off_t>(size)); error != 0) {
     return Refuse("reserve", name, size, error);
+  }
+  if (ftruncate(descriptor, static_cast<off_t>(size)) != 0) {
+    return Refuse("size", name, size, errno);
   }
   void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
   if (mapped == MAP_FAILED) {
@@ -57,19 +58,19 @@ std::span<std::uint8_t> MapBlock(const char* name, std::size_t size) {
   return {static_cast<std::uint8_t*>(mapped), size};
 }
 
-// Maps a block and brings it to its state after start-up: a clear is due, all else is 0.
-std::span<std::uint8_t> InitBlock(const char* name, std::size_t size) {
-  const auto block = MapBlock(name, size);
-  if (!block.empty()) {
-    std::ranges::fill(block, std::uint8_t{0});
-    block[kClearRequestOffset] = 1;
+// Zeroes the ring under its readers, slot headers first: a reader that copied zeroed payload finds
+// the slot's header changed as well (see FrameBlockReader).
+void ClearFrameBlock() {
+  for (std::size_t slot = 0; slot < kSlotCount; ++slot) {
+    std::ranges::fill(frame_block.subspan(SlotOffset(slot), kSlotHeaderSize), std::uint8_t{0});
   }
-  return block;
+  std::atomic_thread_fence(std::memory_order_release);
+  std::ranges::fill(frame_block, std::uint8_t{0});
 }
 
 void HonourClearRequest() {
   if (LoadShared16(&frame_block[kClearRequestOffset], __ATOMIC_RELAXED) != 0) {
-    std::ranges::fill(frame_block, std::uint8_t{0});
+    ClearFrameBlock();
     std::fprintf(stderr, "Clear frame shared memory\n");
   }
 }
@@ -106,13 +107,21 @@ int InitFrameBuffers() {
   unlink(kVideoHeightPath);
   std::fprintf(stderr, "Init frame buffer %d bytes\n", static_cast<int>(kFrameBlockSize));
   unit_sequence = 0;
-  frame_block = InitBlock(kFrameBlockName, kFrameBlockSize);
+  frame_block = MapBlock(kFrameBlockName, kFrameBlockSize);
   if (frame_block.empty()) {
     return -1;
   }
+  ClearFrameBlock();
+  frame_block[kClearRequestOffset] = 1;
   std::fprintf(stderr, "Init frame buffer for transcoding %d bytes\n",
                static_cast<int>(kTranscodingBlockSize));
-  return InitBlock(kTranscodingBlockName, kTranscodingBlockSize).empty() ? -1 : 0;
+  const auto transcoding_block = MapBlock(kTranscodingBlockName, kTranscodingBlockSize);
+  if (transcoding_block.empty()) {
+    return -1;
+  }
+  std::ranges::fill(transcoding_block, std::uint8_t{0});
+  transcoding_block[0] = 1;
+  return 0;
 }
 
 void PublishVideoUnit(std::span<const std::uint8_t> unit) {

@@ -152,7 +152,8 @@ class FrameBlockReader {
     kOldest,  // also what the ring still holds, at most 100 units
   };
 
-  // What the reader saw beside the units that it handed out.
+  // What the reader saw beside the units that it handed out. The unit numbers are all that tells a
+  // lap from a restart: who does not look for a quarter of an hour may take one for the other.
   struct Counters {
     std::uint64_t units = 0;     // handed out
     std::uint64_t bytes = 0;     // of those
@@ -162,18 +163,13 @@ class FrameBlockReader {
   };
 
   // `block` points at kFrameBlockSize mapped bytes that stay mapped as long as the reader is used.
-  explicit FrameBlockReader(const std::uint8_t* block, Start start = Start::kLive) : block_(block) {
-    const std::uint16_t write_index = WriteIndex();
-    if (write_index >= kSlotCount || RingIsFresh(write_index)) {
-      return;  // begin with the first unit of the new ring
-    }
-    if (start == Start::kOldest) {
-      Resume();
+  // A ring that holds no unit yet is always read from its first one on.
+  explicit FrameBlockReader(const std::uint8_t* block, Start start = Start::kLive)
+      : block_(block), reach_(start == Start::kOldest ? kReach : 0) {
+    if (RingIsFresh(WriteIndex())) {
+      reach_ = kReach;
     } else {
-      slot_ = write_index;
-      sequence_ =
-          static_cast<std::uint16_t>(LoadSlotHeader(SlotBefore(write_index, 1)).unit_sequence + 1);
-      sequence_known_ = true;
+      Resume();
     }
   }
 
@@ -184,17 +180,14 @@ class FrameBlockReader {
     // time of many units to do that again, so a few tries are enough.
     for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
       const std::uint16_t write_index = WriteIndex();
-      if (write_index >= kSlotCount) {
-        return false;  // spoiled by somebody; the daemon mends it with its next unit
-      }
       if (RingIsFresh(write_index)) {
-        ExpectFreshRing();
+        ExpectFirstUnit();
         return false;
       }
-      if (write_index == slot_ && NothingNew()) {
+      if (attached_ && write_index == slot_ && Unread(NewestUnit()) == 0) {
         return false;
       }
-      if (TakeSlot(unit)) {
+      if (attached_ && TakeSlot(unit)) {
         return true;
       }
       if (!Resume()) {
@@ -211,8 +204,8 @@ class FrameBlockReader {
   // While the daemon writes the unit after the newest one, it overwrites the unit that is 199 older
   // than the newest. Everything up to 198 is safe.
   static constexpr std::uint16_t kMaxAge = kSlotCount - 2;
-  // After a lap: half of the ring is kept, half is the head start before the next lap.
-  static constexpr std::size_t kResumeAge = kSlotCount / 2;
+  // Where to go on after a lap: half of the ring is kept, half is the head start before the next.
+  static constexpr std::uint16_t kReach = kSlotCount / 2;
 
   struct SlotHeader {
     std::uint32_t chunk_length;
@@ -222,17 +215,19 @@ class FrameBlockReader {
       return chunk_length == other.chunk_length && unit_sequence == other.unit_sequence &&
              chunk_index == other.chunk_index;
     }
-    bool HoldsWholeUnit() const {
-      return chunk_length >= 1 && chunk_length <= kChunkCapacity && chunk_index == 0;
+    bool IsWholeUnit(std::uint16_t number) const {
+      return unit_sequence == number && chunk_index == 0 && chunk_length >= 1 &&
+             chunk_length <= kChunkCapacity;
     }
   };
 
-  std::uint16_t Load16(std::size_t offset) const {
-    return LoadShared16(block_ + offset, __ATOMIC_ACQUIRE);
-  }
-
   // Acquire: pairs with the writer's release, so the slots before it are as their headers say.
-  std::uint16_t WriteIndex() const { return Load16(kWriteIndexOffset); }
+  std::uint16_t WriteIndex() const {
+    return LoadShared16(block_ + kWriteIndexOffset, __ATOMIC_ACQUIRE);
+  }
+  std::uint16_t NewestUnit() const {
+    return LoadShared16(block_ + kLastSequenceOffset, __ATOMIC_ACQUIRE);
+  }
 
   SlotHeader LoadSlotHeader(std::size_t slot) const {
     const std::uint8_t* bytes = block_ + SlotOffset(slot);
@@ -254,113 +249,100 @@ class FrameBlockReader {
     return (slot + kSlotCount - distance) % kSlotCount;
   }
 
-  // Where the write index stands still: false when the newest unit is not the one before the
-  // expected one, that is after exactly one lap, or in a ring that was started anew.
-  bool NothingNew() const {
-    return sequence_known_ &&
-           static_cast<std::uint16_t>(Load16(kLastSequenceOffset) + 1) == sequence_;
+  static std::uint16_t Difference(std::uint16_t later, std::uint16_t earlier) {
+    return static_cast<std::uint16_t>(later - earlier);
+  }
+  // A unit number never runs ahead of the newest one, unless the numbers began anew.
+  static bool IsBackwards(std::uint16_t difference) { return difference > UINT16_MAX / 2; }
+
+  // Units from the expected one to the newest one.
+  std::uint16_t Unread(std::uint16_t newest) const {
+    return static_cast<std::uint16_t>(Difference(newest, sequence_) + 1);
   }
 
-  // The numbers carry on after a clear and start again with the daemon: the next unit tells.
-  void ExpectFreshRing() {
-    if (slot_ != 0 || sequence_known_) {
-      was_reset_ = true;
-      sequence_before_reset_ = sequence_;
-    }
-    slot_ = 0;
-    sequence_known_ = false;
+  // After a clear the numbers carry on, after a start of the daemon they begin with 0: the first
+  // unit tells. Until then the expected number stays as it was.
+  void ExpectFirstUnit() {
+    was_reset_ = was_reset_ || attached_;
+    attached_ = false;
+    reach_ = kReach;
   }
 
-  // Copies the unit of slot_, if it is the expected one and stayed whole meanwhile.
+  // Copies the expected unit, if it is there, published, and stayed whole meanwhile.
   bool TakeSlot(std::vector<std::uint8_t>& unit) {
     const SlotHeader header = LoadSlotHeader(slot_);
-    if (!header.HoldsWholeUnit() || (sequence_known_ && header.unit_sequence != sequence_)) {
+    if (!header.IsWholeUnit(sequence_)) {
       return false;
     }
     unit.resize(header.chunk_length);
     std::memcpy(unit.data(), block_ + SlotOffset(slot_) + kSlotHeaderSize, header.chunk_length);
-    // Pairs with the writer's release fence before it fills a slot: if any byte above came from a
-    // later unit, the number read below is that of the unit before it, or newer.
+    // Pairs with the writer's release fences before it fills a slot and before it clears the ring.
+    // If any byte above came from a later unit, the number read below is that of the unit before
+    // it, or newer; if any came from a clear, the slot's header is no longer what it was.
     std::atomic_thread_fence(std::memory_order_acquire);
-    const auto age = static_cast<std::uint16_t>(Load16(kLastSequenceOffset) - header.unit_sequence);
-    // 65535: the newest unit's slot is announced a moment before its number is.
-    if ((age > kMaxAge && age != UINT16_MAX) || !(LoadSlotHeader(slot_) == header)) {
+    if (Difference(NewestUnit(), sequence_) > kMaxAge || !(LoadSlotHeader(slot_) == header)) {
       return false;
     }
-    if (!sequence_known_) {
-      CountFirstAfterReset(header.unit_sequence);
-    }
     slot_ = slot_ + 1 == kSlotCount ? 0 : slot_ + 1;
-    sequence_ = static_cast<std::uint16_t>(header.unit_sequence + 1);
-    sequence_known_ = true;
+    ++sequence_;
     ++counters_.units;
     counters_.bytes += header.chunk_length;
     return true;
   }
 
-  // Of a difference of two unit numbers.
-  static bool IsBackwards(std::uint16_t difference) { return difference > UINT16_MAX / 2; }
-
-  void CountFirstAfterReset(std::uint16_t first) {
-    if (!was_reset_) {
-      return;
-    }
-    was_reset_ = false;
-    CountGap(sequence_before_reset_, first, first == 0);
-  }
-
-  // The unit `found` turned up where `expected` was due.
-  void CountGap(std::uint16_t expected, std::uint16_t found, bool ring_begins_anew) {
-    const auto gap = static_cast<std::uint16_t>(found - expected);
-    if (gap != 0 && (ring_begins_anew || IsBackwards(gap))) {
-      ++counters_.restarts;
-      return;
-    }
-    ++counters_.laps;
-    counters_.lost += gap;
-  }
-
-  // Goes on from the oldest unit that the ring still holds in one piece with the newest one, at
-  // most kResumeAge units back and none that was handed out already. False, and nothing changed,
-  // when the writer is just at work on the ring.
+  // Goes on, or begins, with the oldest unit that the ring holds in one piece with the newest one,
+  // at most reach_ units back and none that was handed out already. False, and nothing changed,
+  // when the writer is just at work on the ring or somebody has spoiled it; the daemon's next unit
+  // mends it.
   bool Resume() {
     const std::uint16_t write_index = WriteIndex();
-    const std::uint16_t newest = Load16(kLastSequenceOffset);
-    const auto holds_age = [&](std::size_t age) {
-      const SlotHeader header = LoadSlotHeader(SlotBefore(write_index, age + 1));
-      return header.HoldsWholeUnit() &&
-             header.unit_sequence == static_cast<std::uint16_t>(newest - age);
+    const std::uint16_t newest = NewestUnit();
+    const auto holds_unit_before = [&](std::uint16_t distance) {
+      return LoadSlotHeader(SlotBefore(write_index, distance + 1U))
+          .IsWholeUnit(Difference(newest, distance));
     };
-    if (write_index >= kSlotCount || !holds_age(0)) {
+    if (write_index >= kSlotCount || !holds_unit_before(0)) {
       return false;
     }
-    std::size_t oldest = kResumeAge;
-    const auto unread = static_cast<std::uint16_t>(newest - sequence_);
-    if (sequence_known_ && !IsBackwards(unread) && unread < oldest) {
-      oldest = unread;
+    std::uint16_t limit = reach_;
+    if (attached_ && Unread(newest) < limit) {
+      limit = Unread(newest);
     }
-    std::size_t age = 0;
-    while (age < oldest && holds_age(age + 1)) {
-      ++age;
+    std::uint16_t back = 0;
+    while (back < limit && holds_unit_before(back)) {
+      ++back;
     }
-    const auto found = static_cast<std::uint16_t>(newest - age);
-    slot_ = SlotBefore(write_index, age + 1);
-    if (sequence_known_) {
-      CountGap(sequence_, found, slot_ == 0 && found == 0);
-    } else {
-      CountFirstAfterReset(found);
-    }
-    sequence_ = found;
-    sequence_known_ = true;
+    MoveTo(SlotBefore(write_index, back), static_cast<std::uint16_t>(Difference(newest, back) + 1));
     return true;
   }
 
+  void MoveTo(std::size_t slot, std::uint16_t sequence) {
+    const bool moved = slot != slot_ || sequence != sequence_;
+    if (was_reset_ || (attached_ && moved)) {
+      CountGap(Difference(sequence, sequence_), slot == 0 && sequence == 0);
+    }
+    slot_ = slot;
+    sequence_ = sequence;
+    attached_ = true;
+    was_reset_ = false;
+    reach_ = kReach;
+  }
+
+  void CountGap(std::uint16_t gap, bool ring_begins_anew) {
+    if (gap != 0 && (ring_begins_anew || IsBackwards(gap))) {
+      ++counters_.restarts;
+    } else {
+      ++counters_.laps;
+      counters_.lost += gap;
+    }
+  }
+
   const std::uint8_t* block_;
-  std::size_t slot_ = 0;         // where the next unit will stand
-  std::uint16_t sequence_ = 0;   // and its number,
-  bool sequence_known_ = false;  // unless the ring has just begun
-  bool was_reset_ = false;       // the ring began anew under this reader
-  std::uint16_t sequence_before_reset_ = 0;
+  std::uint16_t reach_;         // how far back to go for units, when the place in the ring is lost
+  std::size_t slot_ = 0;        // where the next unit will stand
+  std::uint16_t sequence_ = 0;  // and its number,
+  bool attached_ = false;       // once there has been a unit
+  bool was_reset_ = false;      // the ring began anew under this reader
   Counters counters_;
 };
 

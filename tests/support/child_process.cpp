@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <system_error>
 
@@ -37,6 +38,7 @@ Pipe MakePipe() {
   dup2(empty, STDIN_FILENO);
   dup2(output, STDOUT_FILENO);
   dup2(error, STDERR_FILENO);
+  close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);  // also what whoever started the test left open
   execvp(arguments[0], arguments);
   _exit(127);
 }

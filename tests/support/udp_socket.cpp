@@ -11,6 +11,7 @@
 #include <system_error>
 
 namespace kestrelbridge {
+inline namespace test_support {
 namespace {
 
 constexpr std::size_t kLongestDatagram = 65'535;
@@ -81,4 +82,5 @@ std::optional<ReceivedDatagram> UdpSocket::Receive(std::chrono::milliseconds pat
   return received;
 }
 
+}  // namespace test_support
 }  // namespace kestrelbridge

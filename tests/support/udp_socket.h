@@ -11,6 +11,8 @@
 #include "support/eventually.h"
 
 namespace kestrelbridge {
+// kestrelctl has a UdpSocket of its own, and the tests of its pieces link both.
+inline namespace test_support {
 
 struct UdpAddress {
   std::string host;  // dotted decimal
@@ -45,4 +47,5 @@ class UdpSocket {
   int socket_ = -1;
 };
 
+}  // namespace test_support
 }  // namespace kestrelbridge

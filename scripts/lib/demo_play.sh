@@ -1,0 +1,197 @@
+#!/usr/bin/env bash
+# The demo's play, run by scripts/demo once the stage is set: camera, daemon and reader start, the
+# video flows, the camera falls silent, and what arrived is compared with what was sent.
+#
+#   demo_play.sh CAMERA_ADDRESS SECONDS [CAMERA_OPTION...]
+# shellcheck source=scripts/lib/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+script_name=demo
+
+camera_address="$1"
+stream_seconds="$2"
+camera_options=("${@:3}")
+camera_host="${camera_address%:*}"
+camera_port="${camera_address#*:}"
+
+readonly bin=build/bin out=demo-output
+readonly clip=tools/clips/test-pattern-720p30.h264 clip_fps=30 clip_size=1280x720
+readonly received=$out/received.h264 picture=$out/last-picture.png
+
+# --- processes --------------------------------------------------------------------------------
+
+declare -A pids=()
+
+# start NAME COMMAND...: in the background; its output goes to demo-output/NAME.log.
+start() {
+  "${@:2}" >"$out/$1.log" 2>&1 &
+  pids[$1]=$!
+}
+
+# wait_for SECONDS COMMAND...: until the command succeeds; fails when it has not by then.
+wait_for() {
+  local deadline=$((SECONDS + $1))
+  until "${@:2}"; do
+    ((SECONDS < deadline)) || return 1
+    sleep 0.1
+  done
+}
+
+has_line() { grep -q -- "$2" "$out/$1.log"; }
+has_ended() { ! kill -0 "${pids[$1]}" 2>/dev/null; }
+
+# await_end NAME SECONDS: puts the exit code of the process into exit_code; fails when it goes on
+# running.
+await_end() {
+  wait_for "$2" has_ended "$1" || return 1
+  exit_code=0
+  wait "${pids[$1]}" || exit_code=$?
+  unset "pids[$1]"
+}
+
+# Asks a tool to end, as Ctrl-C would, and sees it end well.
+end_tool() {
+  kill -TERM "${pids[$1]}" 2>/dev/null || true
+  await_end "$1" 5 || give_up "the $1 did not end"
+  [[ $exit_code -eq 0 ]] || give_up "the $1 failed: $(tail -n 1 "$out/$1.log")"
+}
+
+clean_up() {
+  local name
+  trap - EXIT
+  for name in "${!pids[@]}"; do kill "${pids[$name]}" 2>/dev/null || true; done
+  wait
+  # There was no block before the demo: scripts/demo has seen to that.
+  rm -f /dev/shm/kestrelbridge_framebuffer /dev/shm/kestrelbridge_framebuffer_transcoding
+  rm -f "$out/expected.h264"
+}
+trap clean_up EXIT
+trap 'exit 130' INT TERM HUP
+
+# Ends the demo with a plain reason and with what the daemon had to say.
+give_up() {
+  if [[ -s $out/daemon.log ]]; then
+    say 'The last lines of the daemon:'
+    tail -n 8 "$out/daemon.log" | sed 's/^/        /'
+  fi
+  fail "$*"
+}
+
+# --- the play ---------------------------------------------------------------------------------
+
+start_everybody() {
+  rm -f "$out"/*.log "$received" "$picture"
+
+  start camera "$bin/kestrelctl" camera --listen "$camera_address" --clip "$clip" \
+    --fps $clip_fps --loop --silence-after "$stream_seconds" --duration $((stream_seconds + 60)) \
+    "${camera_options[@]}"
+  say "simulated camera   kestrelctl camera --listen $camera_address --clip $clip"
+  start reader "$bin/kestrelctl" video --output "$received"
+  say "reader             kestrelctl video --output $received"
+
+  local daemon=("$bin/kestrelbridge" --verbose)
+  if [[ $camera_address != 192.168.2.1:9004 ]]; then # its default
+    daemon+=(--host "$camera_host" --port "$camera_port")
+  fi
+  start daemon "${daemon[@]}"
+  say "daemon             ${daemon[*]##*/}"
+
+  wait_for 10 has_line daemon 'Camera connection found' ||
+    give_up 'the daemon found no camera within ten seconds'
+  done_with 'The daemon found the camera.'
+}
+
+watch_video() {
+  local seconds=$((stream_seconds > 3 ? stream_seconds - 2 : 1))
+  "$bin/kestrelctl" video --stats --live --duration "$seconds" > >(sed -u 's/^/    /') 2>&1 &
+  pids[statistics]=$!
+  await_end statistics $((seconds + 10)) || give_up 'the statistics did not end'
+  [[ $exit_code -eq 0 ]] || give_up 'the frame ring could not be read'
+}
+
+check_picture_size() {
+  local size
+  size="$(sed -n 's/^Live stream video resolution changed to //p' "$out/daemon.log" | tail -n 1)"
+  [[ $size == "$clip_size" ]] ||
+    give_up "the daemon saw pictures of size '$size', the clip has $clip_size"
+  done_with "Picture size $size, as the clip's sequence parameter set says."
+  if [[ -d /run/kestrelbridge && $camera_address == 192.168.2.1:9004 ]]; then
+    size="$(cat /run/kestrelbridge/video_width)x$(cat /run/kestrelbridge/video_height)"
+    [[ $size == "$clip_size" ]] || give_up "/run/kestrelbridge/video_width and _height say $size"
+    done_with 'So do /run/kestrelbridge/video_width and video_height.'
+  fi
+}
+
+camera_falls_silent() {
+  say "The camera sends for $stream_seconds seconds; the daemon has to notice the silence after that."
+  await_end daemon $((stream_seconds + 10)) ||
+    give_up 'the daemon did not notice that the camera is gone'
+  if [[ $exit_code -ne 1 ]] || ! has_line daemon 'Camera connection lost'; then
+    give_up "the daemon ended with exit code $exit_code; 1 and \"Camera connection lost\" were due"
+  fi
+  done_with 'It said "Camera connection lost" and ended with exit code 1, as it should.'
+  end_tool camera
+  end_tool reader
+}
+
+# summary NAME KEY: the number of the line "KEY: number" that a tool closed with.
+summary() {
+  local number
+  number="$(sed -n "s/^ *$2: *\([0-9][0-9]*\).*/\1/p" "$out/$1.log" | tail -n 1)"
+  [[ -n $number ]] || give_up "the $1 did not say how many \"$2\" it counted"
+  echo "$number"
+}
+
+compare_with_clip() {
+  local sent acknowledged units
+  sent="$(summary camera units_sent)"
+  acknowledged="$(summary camera acknowledged)"
+  units="$(summary reader units)"
+  say "The camera sent $sent units, the daemon acknowledged $acknowledged, the reader took $units."
+  # A unit is known to be whole only when the next one begins, so the last one stays behind.
+  ((sent * 10 >= clip_fps * stream_seconds * 8)) ||
+    give_up "the camera sent too few units for $stream_seconds seconds"
+  [[ $units -eq $((sent - 1)) ]] || give_up "$((sent - 1)) units should have arrived, not $units"
+  [[ $acknowledged -eq $((sent - 1)) ]] ||
+    give_up "$((sent - 1)) units should have been acknowledged, not $acknowledged"
+
+  local bad
+  bad="$(summary camera bad_packets)"
+  [[ $bad -eq 0 ]] || give_up "$bad packets of the daemon were wrong: see $out/camera.log"
+
+  local bytes clip_bytes i
+  bytes="$(stat --format=%s "$received")"
+  clip_bytes="$(stat --format=%s "$clip")"
+  for ((i = 0; i < bytes; i += clip_bytes)); do cat "$clip"; done >"$out/expected.h264"
+  cmp --bytes="$bytes" "$received" "$out/expected.h264" ||
+    give_up 'what arrived differs from what was sent'
+  done_with "All $bytes bytes are those of the clip, repeated."
+}
+
+save_picture() {
+  local pictures="$1"
+  if ! command -v ffmpeg >/dev/null; then
+    say 'ffmpeg is not installed: no picture this time (apt-get install ffmpeg).'
+    return
+  fi
+  ffmpeg -nostdin -loglevel error -xerror -y -i "$received" \
+    -vf "select=eq(n\\,$((pictures - 1)))" -frames:v 1 "$picture" ||
+    give_up 'ffmpeg could not decode what arrived'
+  [[ -s $picture ]] || give_up "ffmpeg found fewer than $pictures pictures"
+  done_with "The last picture: $picture"
+}
+
+mkdir -p "$out"
+step 'Camera, reader and daemon start'
+start_everybody
+step 'The video flows'
+watch_video
+check_picture_size
+step 'The camera falls silent'
+camera_falls_silent
+step 'What arrived, compared with what was sent'
+compare_with_clip
+step 'A picture'
+save_picture "$(summary reader units)"
+
+printf '\n%s\n' "${bold}The video arrived whole.$plain It is in $received; the logs are beside it."
+if command -v ffplay >/dev/null; then say "Watch it: ffplay -framerate $clip_fps $received"; fi

@@ -1,0 +1,148 @@
+#include "end_to_end/daemon_bench.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+namespace kestrelbridge {
+namespace {
+
+// The numbers of the process's sockets.
+std::set<std::string> SocketsOf(pid_t process) {
+  std::set<std::string> sockets;
+  std::error_code gone;  // the process may end while we look
+  const auto folder = "/proc/" + std::to_string(process) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator(folder, gone)) {
+    const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+    if (target.starts_with("socket:[")) {
+      sockets.insert(target.substr(8, target.size() - 9));
+    }
+  }
+  return sockets;
+}
+
+}  // namespace
+
+std::vector<std::string> DaemonCommand(std::vector<std::string> options) {
+  options.insert(options.begin(), ProgramPath("kestrelbridge"));
+  return options;
+}
+
+std::vector<std::string> DaemonCommandFor(std::uint16_t camera_port) {
+  return DaemonCommand({"--port", std::to_string(camera_port)});
+}
+
+std::vector<BoundPort> UdpPortsOf(pid_t process) {
+  const std::set<std::string> sockets = SocketsOf(process);
+  std::vector<BoundPort> ports;
+  std::ifstream table("/proc/net/udp");
+  std::string line;
+  std::getline(table, line);  // the titles
+  while (std::getline(table, line)) {
+    // slot local remote state tx:rx timer retransmits user timeout socket references pointer drops
+    std::istringstream columns(line);
+    std::array<std::string, 13> column;
+    for (std::string& text : column) {
+      columns >> text;
+    }
+    if (sockets.contains(column[9])) {
+      ports.push_back(
+          {.port = static_cast<std::uint16_t>(
+               std::stoul(column[1].substr(column[1].find(':') + 1), nullptr, 16)),
+           .queued_bytes = std::stoull(column[4].substr(column[4].find(':') + 1), nullptr, 16),
+           .drops = std::stoull(column[12])});
+    }
+  }
+  std::ranges::sort(ports, {}, &BoundPort::port);
+  return ports;
+}
+
+bool WaitUntilRead(pid_t process) {
+  return Eventually([process] {
+    return std::ranges::all_of(UdpPortsOf(process),
+                               [](const BoundPort& port) { return port.queued_bytes == 0; });
+  });
+}
+
+ScriptedCamera::ScriptedCamera(std::uint16_t port)
+    : socket_({.host = kCameraAddress, .port = port}) {}
+
+bool ScriptedCamera::Connect() {
+  const auto request = socket_.Receive();
+  if (!request) {
+    return false;
+  }
+  ++packets_received_;
+  daemon_ = request->sender;
+  talking_ = true;
+  talker_ = std::thread([this] {
+    const Bytes no_packet = {0};
+    while (talking_) {
+      socket_.Send(no_packet, daemon_);
+      std::this_thread::sleep_for(std::chrono::milliseconds{50});
+    }
+  });
+  return true;
+}
+
+Bytes ScriptedCamera::Receive(std::chrono::milliseconds patience) {
+  auto received = socket_.Receive(patience);
+  if (!received) {
+    return {};
+  }
+  ++packets_received_;
+  return std::move(received->bytes);
+}
+
+void ScriptedCamera::Send(std::span<const std::uint8_t> datagram) {
+  socket_.Send(datagram, daemon_);
+}
+
+void ScriptedCamera::SendUnit(std::span<const std::uint8_t> unit) {
+  for (const Bytes& datagram : UnitDatagrams(sequence_, unit)) {
+    Send(datagram);
+    ++sequence_;
+  }
+}
+
+void ScriptedCamera::SendNextHeader() { Send(UnitHeaderDatagram(sequence_++, 1000, {})); }
+
+void ScriptedCamera::FallSilent() {
+  talking_ = false;
+  if (talker_.joinable()) {
+    talker_.join();
+  }
+}
+
+RingWatcher::RingWatcher() {
+  if (!Eventually([this] { return mapping_.Open(); })) {
+    throw std::runtime_error("there is no frame block");
+  }
+  reader_.emplace(mapping_.data());
+}
+
+Bytes RingWatcher::Next(std::chrono::milliseconds patience) {
+  Bytes unit;
+  return Eventually([&] { return reader_->Next(unit); }, patience) ? unit : Bytes{};
+}
+
+bool RingWatcher::WaitFor(const Bytes& unit) {
+  return Eventually([&] {
+    Bytes found;
+    while (reader_->Next(found)) {
+      if (found == unit) {
+        return true;
+      }
+    }
+    return false;
+  });
+}
+
+}  // namespace kestrelbridge

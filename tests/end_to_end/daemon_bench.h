@@ -1,0 +1,90 @@
+// What every end-to-end test needs: the real daemon, a scripted camera, and the ring's reader.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kestrelbridge/frame_block.h"
+#include "support/camera_datagrams.h"
+#include "support/child_process.h"
+#include "support/sandbox.h"
+#include "support/udp_socket.h"
+
+namespace kestrelbridge {
+
+inline constexpr std::uint16_t kCameraPort = 9004;
+// A camera on the daemon's own host leaves port 9004 to the daemon only when it listens elsewhere.
+inline constexpr std::uint16_t kOtherCameraPort = 9104;
+
+// The command that starts the daemon.
+std::vector<std::string> DaemonCommand(std::vector<std::string> options = {});
+// The same, with its camera on another port.
+std::vector<std::string> DaemonCommandFor(std::uint16_t camera_port);
+
+// One of the daemon's sockets, as the kernel tells it.
+struct BoundPort {
+  std::uint16_t port = 0;
+  std::uint64_t queued_bytes = 0;  // received, not yet read
+  std::uint64_t drops = 0;         // datagrams that did not fit into the socket's buffer
+};
+// All UDP ports of the process, in the order of their numbers.
+std::vector<BoundPort> UdpPortsOf(pid_t process);
+
+// Waits until the process has read everything that was sent to it.
+bool WaitUntilRead(pid_t process);
+
+// A camera whose every datagram is the test's choice. Once connected it keeps the link up by
+// itself, with datagrams too short to mean anything, until it falls silent.
+class ScriptedCamera {
+ public:
+  explicit ScriptedCamera(std::uint16_t port = kCameraPort);
+  ScriptedCamera(const ScriptedCamera&) = delete;
+  ScriptedCamera& operator=(const ScriptedCamera&) = delete;
+  ~ScriptedCamera() { FallSilent(); }
+
+  // Waits for the daemon's first packet and answers; false when none came.
+  bool Connect();
+
+  // The daemon's next packet, or empty.
+  Bytes Receive(std::chrono::milliseconds patience = Patience());
+
+  void Send(std::span<const std::uint8_t> datagram);
+  void SendUnit(std::span<const std::uint8_t> unit);
+  // Opens a unit that never ends: the daemon publishes a unit when it sees the next one's header.
+  void SendNextHeader();
+  void FallSilent();
+
+  const UdpAddress& daemon() const { return daemon_; }
+  int packets_received() const { return packets_received_; }
+
+ private:
+  UdpSocket socket_;
+  UdpAddress daemon_;
+  std::uint16_t sequence_ = 0;
+  int packets_received_ = 0;
+  std::atomic<bool> talking_{false};
+  std::thread talker_;
+};
+
+// The main application's side of the ring.
+class RingWatcher {
+ public:
+  // From now on; the daemon must have set up its frame memory.
+  RingWatcher();
+
+  // The next unit, or empty when none came in time.
+  Bytes Next(std::chrono::milliseconds patience = Patience());
+  // Passes over other units until this one comes.
+  bool WaitFor(const Bytes& unit);
+
+ private:
+  FrameBlockMapping mapping_;
+  std::optional<FrameBlockReader> reader_;
+};
+
+}  // namespace kestrelbridge

@@ -1,0 +1,122 @@
+// The session with the camera, packet by packet.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "base/byte_order.h"
+#include "camera/crc.h"
+#include "end_to_end/daemon_bench.h"
+
+namespace kestrelbridge {
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+const Bytes kConnectionRequestBytes = {
+    0x30, 0x80, 0x30, 0x32, 0x00, 0x00, 0x00, 0xB2,  // length 48, kind 0, check
+    0x80, 0x91, 0x64, 0x00, 0x64, 0x00, 0xC0, 0x05,  //
+    0x14, 0x00, 0x00, 0x0A, 0x00, 0x00, 0x01, 0x90,  //
+    0x01, 0xC0, 0x05, 0x14, 0x00, 0x00, 0x64, 0x00,  //
+    0x14, 0x00, 0x64, 0x00, 0xC0, 0x05, 0x14, 0x00,  //
+    0x00, 0x64, 0x00, 0x01, 0x01, 0x04, 0x0A, 0x02};
+
+TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  EXPECT_EQ(camera.Receive(), kConnectionRequestBytes);
+  const auto first = Clock::now();
+  for (int request = 0; request < 3; ++request) {
+    EXPECT_EQ(camera.Receive(), kConnectionRequestBytes);
+  }
+  EXPECT_GE(Clock::now() - first, milliseconds{2'000});  // three, less what the first was late
+  EXPECT_TRUE(daemon.IsRunning());
+}
+
+// The next packet of this size; the camera counts those that it passes over.
+Bytes ReceiveOfSize(ScriptedCamera& camera, std::size_t size) {
+  Bytes packet;
+  do {
+    packet = camera.Receive();
+  } while (!packet.empty() && packet.size() != size);
+  return packet;
+}
+
+TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(camera.Connect());
+  for (std::uint32_t seed = 0; seed < 5; ++seed) {  // four acknowledgements count as packets, too
+    camera.SendUnit(MakeUnit(2000, seed));
+  }
+  for (int acknowledgement = 0; acknowledgement < 4; ++acknowledgement) {
+    ASSERT_FALSE(ReceiveOfSize(camera, 34).empty());
+  }
+  camera.Send(CommandDataDatagram(0xBEEF, EmptyCommandData()));
+  const Bytes keepalive = ReceiveOfSize(camera, 49);
+  ASSERT_EQ(keepalive.size(), 49U);
+  const int sent_before = camera.packets_received() - 1;
+  EXPECT_GE(sent_before, 5);
+
+  Bytes expected = {0x31, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xB7,  // length 49, kind 4, check
+                    0xEF, 0xBE, 0xEF, 0xBE, 0x00, 0x00, 0x00, 0x00,  // the camera's sequence, twice
+                    0x80, 0x91, 0x80, 0x91, 0x00, 0x00, 0x00, 0x00,  //
+                    0xE8, 0x91, 0xE8, 0x91, 0x00, 0x00, 0x00, 0x00,  //
+                    0x0F, 0x00,                                      // frame length
+                    0x55, 0x0F, 0x04, 0xA2, 0x02, 0x01, 0x00, 0x00,  // frame sequence
+                    0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00};       // CRC-16
+  StoreLe16(expected, 40, static_cast<std::uint16_t>(sent_before));
+  StoreLe16(expected, 47, FrameCrc16(std::span(expected).subspan(34, 13)));
+  EXPECT_EQ(keepalive, expected);
+}
+
+TEST(Session, EndsWithCodeOneWhenTheCameraFallsSilent) {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(camera.Connect());
+  ASSERT_TRUE(daemon.WaitForLine("Camera connection found"));
+  const auto before = Clock::now();
+  camera.FallSilent();
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
+  // Silence is seen between one and two seconds after the last datagram, which came at most one
+  // period of our talk before; a busy machine takes longer.
+  EXPECT_GE(Clock::now() - before, milliseconds{900});
+  EXPECT_LT(Clock::now() - before, milliseconds{2'000} + Patience() / 6);
+  EXPECT_TRUE(daemon.Error().ends_with("\nCamera connection lost\n")) << daemon.Error();
+}
+
+TEST(Session, TakesAnySendersDatagramsForTheCameras) {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(camera.Connect());
+  RingWatcher ring;
+  const UdpSocket stranger;
+  const Bytes unit = MakeUnit(500, 1);
+  for (const Bytes& datagram : UnitDatagrams(1, unit)) {
+    stranger.Send(datagram, {.host = "127.0.0.1", .port = camera.daemon().port});
+  }
+  camera.SendNextHeader();
+  EXPECT_EQ(ring.Next(), unit);
+}
+
+TEST(Session, EndsWithCodeThreeAtAnEmptyDatagramOnAnyPort) {
+  const UdpSocket sender;
+  for (std::size_t index = 0, ports = 1; index < ports; ++index) {
+    ScriptedCamera camera(kOtherCameraPort);
+    ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
+    ASSERT_FALSE(camera.Receive().empty());
+    // All endpoints are open once a further heartbeat has come.
+    ASSERT_FALSE(camera.Receive().empty());
+    const std::vector<BoundPort> bound = UdpPortsOf(daemon.pid());
+    ASSERT_GE(bound.size(), 3U);
+    ports = bound.size();
+    sender.Send({}, {.host = "127.0.0.1", .port = bound[index].port});
+    EXPECT_EQ(daemon.WaitForExit(), ExitedWith(3));
+    EXPECT_TRUE(daemon.Error().ends_with("\nUDP read failed\n")) << daemon.Error();
+  }
+}
+
+}  // namespace
+}  // namespace kestrelbridge

@@ -1,0 +1,245 @@
+// The daemon's start as its user sees it: options, log lines, exit codes.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "base/run_paths.h"
+#include "base/text_file.h"
+#include "end_to_end/daemon_bench.h"
+#include "video/frame_buffers.h"
+
+namespace kestrelbridge {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kUsage[] =
+    "DJI Pocket Osmo Wi-Fi receiver\n"
+    "Usage:\n"
+    "-i | --iface=<interface> default wifi0\n"
+    "-h | --host=<pocketosmo_host> default 192.168.2.1\n"
+    "-p | --port=<pocketosmo_port> default 9004\n"
+    "-d | --dst-host=<destination_host>\n"
+    "-s | --dst-port=<destination_port>\n"
+    "-v | --verbose\n"
+    "-? | --help - show this help\n";
+
+// What every start begins with; the model is empty on anything but a board.
+std::string Banner() {
+  char model[100];
+  ReadTextFile(kBoardModelPath, model);
+  return std::string("\nOsmo Action Wi-Fi client\nBoard model: ") + model + "\nBoard supported\n";
+}
+
+// Gives every test an empty /run/kestrelbridge and /dev/shm, also when all run in one program.
+class StartUp : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const fs::path folder : {"/run/kestrelbridge", "/dev/shm"}) {
+      fs::create_directory(folder);
+      for (const auto& entry : fs::directory_iterator(folder)) {
+        fs::remove_all(entry.path());
+      }
+    }
+  }
+  void TearDown() override { SetUp(); }
+};
+
+struct RefusedStart {
+  const char* name;
+  std::vector<std::string> options;
+  std::string after_banner;  // the whole rest of standard error, or a part of it:
+  bool is_whole = true;
+};
+std::ostream& operator<<(std::ostream& out, const RefusedStart& row) { return out << row.name; }
+
+class RefusedCommandLine : public StartUp, public testing::WithParamInterface<RefusedStart> {};
+
+TEST_P(RefusedCommandLine, EndsWithCodeOneAndSaysWhy) {
+  ChildProcess daemon(DaemonCommand(GetParam().options));
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
+  const std::string error = daemon.Error();
+  ASSERT_TRUE(error.starts_with(Banner())) << error;
+  const std::string rest = error.substr(Banner().size());
+  if (GetParam().is_whole) {
+    EXPECT_EQ(rest, GetParam().after_banner);
+  } else {
+    EXPECT_NE(rest.find(GetParam().after_banner), std::string::npos) << rest;
+    EXPECT_TRUE(rest.ends_with(kUsage)) << rest;
+  }
+}
+
+const std::string kNoDestination = "Destination host or port not set\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    StartUp, RefusedCommandLine,
+    testing::Values(
+        RefusedStart{"ShortHelp", {"-?"}, kUsage},  //
+        RefusedStart{"LongHelp", {"--help"}, kUsage},
+        RefusedStart{"HelpAfterGoodOptions", {"-v", "-p", "9005", "--help"}, kUsage},
+        RefusedStart{"UnknownOption", {"--colour"}, "'--colour'", false},
+        RefusedStart{"MissingArgument", {"--port"}, "'--port'", false},
+        RefusedStart{"DestinationPortZero", {"--dst-port=0"}, kNoDestination},
+        RefusedStart{"DestinationPortWithoutDigits", {"--dst-port=abc"}, kNoDestination},
+        RefusedStart{"LastDestinationPortCounts", {"-s", "5000", "-s", "0"}, kNoDestination},
+        RefusedStart{"InterfaceOfTen", {"-i", "0123456789"}, "--iface takes at most 9 ", false},
+        RefusedStart{
+            "HostOf22", {"-h", "0123456789012345678901"}, "--host takes at most 21 ", false},
+        RefusedStart{"DestinationOf20",
+                     {"-d", "01234567890123456789"},
+                     "--dst-host takes at most 19 ",
+                     false}),
+    [](const auto& row) { return row.param.name; });
+
+// True when the lines stand in the text in this order, whatever else stands between them.
+testing::AssertionResult HasLinesInOrder(const std::string& text,
+                                         const std::vector<std::string>& lines) {
+  std::size_t position = 0;
+  for (const std::string& line : lines) {
+    const std::size_t found = text.find("\n" + line + "\n", position);
+    if (found == std::string::npos) {
+      return testing::AssertionFailure() << "no \"" << line << "\" in its place in:\n" << text;
+    }
+    position = found + 1;
+  }
+  return testing::AssertionSuccess();
+}
+
+TEST_F(StartUp, SaysLittleWithoutOptions) {
+  const ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(daemon.WaitForLine("Init frame buffer for transcoding"));
+  const std::string error = daemon.Error();
+  EXPECT_TRUE(error.starts_with(Banner())) << error;
+  EXPECT_TRUE(HasLinesInOrder(
+      error, {"Board supported", "Init telemetry buffer", "Init frame buffer 60003624 bytes",
+              "Init frame buffer for transcoding 13003624 bytes"}));
+  for (const char* verbose : {"Using interface", "Init connection", "Done", "Init data bridge"}) {
+    EXPECT_EQ(CountLines(error, verbose), 0) << error;
+  }
+  char supported[4];
+  ReadTextFile(kBoardSupportedPath, supported);
+  EXPECT_STREQ(supported, "1");
+}
+
+TEST_F(StartUp, TellsItsStepsInOrderWhenVerbose) {
+  ScriptedCamera camera(kOtherCameraPort);
+  ChildProcess daemon(DaemonCommand({"-v", "--iface=ninechars", "-h", kCameraAddress, "--port",
+                                     "9104", "-d", "127.0.0.2", "--dst-port=5001 and more"}));
+  ASSERT_TRUE(camera.Connect());
+  ASSERT_TRUE(daemon.WaitForLine("Init connection to camera"));
+  EXPECT_TRUE(HasLinesInOrder(
+      daemon.Error(),
+      {"Board supported", "Using interface ninechars",
+       "Init connection to main application 127.0.0.2:5001", "Done", "Init telemetry buffer",
+       "Init frame buffer 60003624 bytes", "Init frame buffer for transcoding 13003624 bytes",
+       "Init connection to camera 192.168.2.1:9104 via iface ninechars"}));
+}
+
+TEST_F(StartUp, SendsToTheLowBitsOfALargeCameraPortAndSaysSo) {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand({"--port=74540"}));  // 65536 + 9004
+  EXPECT_TRUE(camera.Connect());
+  EXPECT_TRUE(daemon.WaitForLine("--port=74540 is no UDP port, packets go to port 9004"));
+}
+
+// Serves until its camera has seen a unit arrive in the ring.
+void ExpectToServe() {
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(camera.Connect()) << daemon.Error();
+  RingWatcher ring;
+  Bytes unit = MakeUnit(3000, 1);
+  // A parameter set, baseline profile, 640x480: the daemon now writes the picture-size files.
+  const Bytes parameter_set = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xF6, 0x40};
+  std::ranges::copy(parameter_set, unit.begin() + 4);
+  camera.SendUnit(unit);
+  camera.SendNextHeader();
+  EXPECT_TRUE(daemon.WaitForLine("Live stream video resolution changed to 640x480"));
+  EXPECT_EQ(ring.Next(), unit);
+  EXPECT_TRUE(daemon.IsRunning());
+}
+
+TEST_F(StartUp, ServesWithoutItsRunFolder) {
+  fs::remove_all("/run/kestrelbridge");
+  ExpectToServe();
+}
+
+TEST_F(StartUp, ServesWithFoldersInPlaceOfItsFiles) {
+  for (const char* path :
+       {kBoardSupportedPath, kAccessPointInterfacePath, kVideoWidthPath, kVideoHeightPath}) {
+    fs::create_directory(path);
+  }
+  ExpectToServe();
+}
+
+TEST_F(StartUp, WritesThePictureSizeAndForgetsItAtTheNextStart) {
+  ExpectToServe();
+  char width[10];
+  ReadTextFile(kVideoWidthPath, width);
+  EXPECT_STREQ(width, "640");
+  ScriptedCamera camera;
+  ChildProcess daemon(DaemonCommand());
+  ASSERT_TRUE(camera.Connect());
+  EXPECT_FALSE(fs::exists(kVideoWidthPath));
+  EXPECT_FALSE(fs::exists(kVideoHeightPath));
+}
+
+struct NoRoom {
+  const char* name;
+  std::uint64_t free_bytes;
+};
+std::ostream& operator<<(std::ostream& out, const NoRoom& row) { return out << row.name; }
+
+class FullSharedMemory : public StartUp, public testing::WithParamInterface<NoRoom> {};
+
+TEST_P(FullSharedMemory, EndsWithCodeTwo) {
+  const int filler = open("/dev/shm/filler", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const auto used = static_cast<off_t>(fs::space("/dev/shm").available - GetParam().free_bytes);
+  ASSERT_EQ(posix_fallocate(filler, 0, used), 0);
+  close(filler);
+  ChildProcess daemon(DaemonCommand());
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(2));
+  EXPECT_EQ(CountLines(daemon.Error(), "No space left"), 1) << daemon.Error();
+  EXPECT_TRUE(daemon.Error().ends_with("\nFailed to init telemetry buffer\n")) << daemon.Error();
+}
+
+INSTANTIATE_TEST_SUITE_P(StartUp, FullSharedMemory,
+                         testing::Values(NoRoom{"NoRoomForTheRing", 1'000'000},
+                                         NoRoom{"RoomForTheRingOnly", kFrameBlockSize + 1'000'000}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(StartUp, EndsWithCodeTwoWhenABlockCannotBeOpened) {
+  fs::create_directory(std::string("/dev/shm/") + kTranscodingBlockName);
+  ChildProcess daemon(DaemonCommand());
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(2));
+  EXPECT_TRUE(daemon.Error().ends_with("\nFailed to init telemetry buffer\n")) << daemon.Error();
+}
+
+// The daemon with a limit of open files, which makes a certain socket fail.
+ChildProcess StartWithOpenFiles(int limit) {
+  return ChildProcess({"sh", "-c", "ulimit -n " + std::to_string(limit) + "; exec \"$0\" -v",
+                       ProgramPath("kestrelbridge")});
+}
+
+TEST_F(StartUp, EndsWithCodeOneWhenAMainApplicationEndpointCannotBeOpened) {
+  ChildProcess daemon = StartWithOpenFiles(4);  // one more than the standard three
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
+  EXPECT_TRUE(daemon.Error().ends_with(":5000\nFailed\n")) << daemon.Error();
+}
+
+TEST_F(StartUp, EndsWithCodeOneAndNoWordWhenTheCameraEndpointCannotBeOpened) {
+  ChildProcess daemon = StartWithOpenFiles(7);  // two sockets and two blocks
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
+  EXPECT_TRUE(daemon.Error().ends_with(" via iface wifi0\n")) << daemon.Error();
+}
+
+}  // namespace
+}  // namespace kestrelbridge

@@ -1,0 +1,399 @@
+// The reader of the frame ring, against the real writer on the real shared memory.
+#include "kestrelbridge/frame_block.h"
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "base/byte_order.h"
+#include "support/eventually.h"
+#include "video/frame_buffers.h"
+#include "video/mapped_block.h"
+#include "video/numbered_unit.h"
+
+namespace kestrelbridge {
+namespace {
+
+using Start = FrameBlockReader::Start;
+
+// A daemon that has just started, and a second mapping of its block.
+class FrameRing : public testing::Test {
+ protected:
+  void StartDaemon() {
+    ASSERT_EQ(InitFrameBuffers(), 0);
+    published_ = 0;
+  }
+
+  void SetUp() override {
+    StartDaemon();
+    block_ = std::make_unique<MappedBlock>(kFrameBlockName);
+  }
+
+  // Units are numbered from 0 with every start of the daemon.
+  void Publish(std::uint32_t count) {
+    for (std::uint32_t i = 0; i < count; ++i) {
+      PublishVideoUnit(NumberedUnit(published_++));
+    }
+  }
+
+  FrameBlockReader Attach(Start start = Start::kLive) const {
+    return FrameBlockReader(block_->data(), start);
+  }
+
+  // The reader takes each unit as it comes.
+  void Follow(FrameBlockReader& reader, std::uint32_t count) {
+    std::vector<std::uint8_t> unit;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      Publish(1);
+      ASSERT_TRUE(reader.Next(unit));
+    }
+  }
+
+  // Takes all that there is: "3-7" for units 3 to 7 in order, "none" for nothing.
+  static std::string Drain(FrameBlockReader& reader) {
+    std::vector<std::uint8_t> unit;
+    if (!reader.Next(unit)) {
+      return "none";
+    }
+    const std::uint32_t first = NumberOf(unit);
+    std::uint32_t last = first;
+    EXPECT_TRUE(IsIntact(unit));
+    while (reader.Next(unit)) {
+      EXPECT_TRUE(IsIntact(unit));
+      EXPECT_EQ(NumberOf(unit), last + 1);
+      last = NumberOf(unit);
+    }
+    return std::to_string(first) + "-" + std::to_string(last);
+  }
+
+  static std::string CountersOf(const FrameBlockReader& reader) {
+    const auto& counters = reader.counters();
+    return "lost " + std::to_string(counters.lost) + ", laps " + std::to_string(counters.laps) +
+           ", restarts " + std::to_string(counters.restarts);
+  }
+
+  std::unique_ptr<MappedBlock> block_;
+  std::uint32_t published_ = 0;
+};
+
+TEST_F(FrameRing, LiveReaderGetsOnlyWhatComes) {
+  Publish(10);
+  FrameBlockReader reader = Attach(Start::kLive);
+  EXPECT_EQ(Drain(reader), "none");
+  Publish(3);
+  EXPECT_EQ(Drain(reader), "10-12");
+  EXPECT_EQ(Drain(reader), "none");
+  EXPECT_EQ(reader.counters().units, 3U);
+  EXPECT_EQ(reader.counters().bytes, 3 * NumberedUnit(0).size());
+}
+
+TEST_F(FrameRing, OldestReaderBeginsWithWhatTheRingHoldsAtMost100Back) {
+  const struct {
+    std::uint32_t published;
+    const char* taken;
+  } rows[] = {{1, "0-0"}, {99, "0-98"}, {100, "0-99"}, {101, "1-100"}, {1000, "900-999"}};
+  for (const auto& row : rows) {
+    StartDaemon();
+    Publish(row.published);
+    FrameBlockReader reader = Attach(Start::kOldest);
+    EXPECT_EQ(Drain(reader), row.taken);
+    EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
+  }
+}
+
+TEST_F(FrameRing, EmptyRingIsReadFromItsFirstUnitOn) {
+  for (const Start start : {Start::kLive, Start::kOldest}) {
+    StartDaemon();
+    FrameBlockReader reader = Attach(start);
+    EXPECT_EQ(Drain(reader), "none");
+    Publish(7);
+    EXPECT_EQ(Drain(reader), "0-6");
+    EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
+  }
+}
+
+TEST_F(FrameRing, ReaderThatKeepsUpFollowsThroughAllNumbersAndTheirWrap) {
+  FrameBlockReader reader = Attach();
+  std::vector<std::uint8_t> unit;
+  for (std::uint32_t number = 0; number < 66'000; ++number) {
+    Publish(1);
+    ASSERT_TRUE(reader.Next(unit)) << number;
+    ASSERT_EQ(unit, NumberedUnit(number));
+    ASSERT_FALSE(reader.Next(unit)) << number;
+  }
+  EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
+}
+
+TEST_F(FrameRing, SlowReaderLosesUnitsFromTheRoundOfTheRingOn) {
+  const struct {
+    std::uint32_t before, unread;  // units taken, then units published in one go
+    const char* taken;
+    const char* counters;
+  } rows[] = {
+      {57, 199, "57-255", "lost 0, laps 0, restarts 0"},
+      {57, 200, "157-256", "lost 100, laps 1, restarts 0"},  // a round to the slot
+      {57, 201, "158-257", "lost 101, laps 1, restarts 0"},
+      {57, 1000, "957-1056", "lost 900, laps 1, restarts 0"},
+      {200, 200, "300-399", "lost 100, laps 1, restarts 0"},
+      {65'400, 400, "65700-65799", "lost 300, laps 1, restarts 0"},  // over the wrap
+  };
+  for (const auto& row : rows) {
+    StartDaemon();
+    FrameBlockReader reader = Attach();
+    Follow(reader, row.before);
+    Publish(row.unread);
+    EXPECT_EQ(Drain(reader), row.taken);
+    EXPECT_EQ(CountersOf(reader), row.counters);
+  }
+}
+
+TEST_F(FrameRing, UnitCountsOnceItsNumberIsPublished) {
+  Publish(5);
+  FrameBlockReader reader = Attach();
+  Publish(1);
+  EXPECT_EQ(Drain(reader), "5-5");
+  Publish(1);
+  // As between the writer's last two stores: the slot is announced, the unit's number is not.
+  StoreLe16(block_->bytes(), kLastSequenceOffset, 5);
+  FrameBlockReader live = Attach(Start::kLive);
+  FrameBlockReader oldest = Attach(Start::kOldest);
+  for (FrameBlockReader* each : {&reader, &live, &oldest}) {
+    EXPECT_EQ(Drain(*each), "none");
+  }
+  StoreLe16(block_->bytes(), kLastSequenceOffset, 6);
+  EXPECT_EQ(Drain(reader), "6-6");
+  EXPECT_EQ(Drain(live), "none");
+  EXPECT_EQ(Drain(oldest), "0-6");
+  EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
+}
+
+TEST_F(FrameRing, ReaderGoesOnAfterAClear) {
+  const struct {
+    std::uint32_t before, unread, after;
+    const char* taken;
+    const char* counters;
+  } rows[] = {
+      {57, 0, 1, "57-57", "lost 0, laps 1, restarts 0"},
+      {57, 5, 3, "62-64", "lost 5, laps 1, restarts 0"},
+      {300, 0, 4, "300-303", "lost 0, laps 1, restarts 0"},
+      {300, 7, 100, "307-406", "lost 7, laps 1, restarts 0"},
+      {201, 0, 1, "201-201", "lost 0, laps 1, restarts 0"},  // the write index is 1 as before
+      {400, 0, 1, "400-400", "lost 0, laps 0, restarts 0"},  // slot 0 was next anyway
+  };
+  for (const auto& row : rows) {
+    StartDaemon();
+    FrameBlockReader reader = Attach();
+    Follow(reader, row.before);
+    Publish(row.unread);
+    RequestClear(block_->data());
+    Publish(row.after);
+    EXPECT_EQ(Drain(reader), row.taken);
+    EXPECT_EQ(CountersOf(reader), row.counters);
+  }
+}
+
+TEST_F(FrameRing, ReaderGoesOnWithTheFirstUnitOfARestartedDaemon) {
+  const struct {
+    std::uint32_t before;
+    bool looks_between;  // the reader polls before the first unit, as it does in a real restart
+    std::uint32_t after;
+    const char* taken;
+  } rows[] = {
+      {57, true, 1, "0-0"},     {57, true, 90, "0-89"},  {1, true, 1, "0-0"},
+      {1, true, 5, "0-4"},      {200, true, 1, "0-0"},   {300, true, 3, "0-2"},
+      {57, false, 1, "0-0"},    {57, false, 20, "0-19"}, {200, false, 1, "0-0"},
+      {300, false, 99, "0-98"}, {203, false, 3, "0-2"},  // the write index is 3 as before
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.before);
+    StartDaemon();
+    FrameBlockReader reader = Attach();
+    Follow(reader, row.before);
+    StartDaemon();
+    if (row.looks_between) {
+      EXPECT_EQ(Drain(reader), "none");
+    }
+    Publish(row.after);
+    EXPECT_EQ(Drain(reader), row.taken);
+    EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 1");
+  }
+}
+
+struct Damage {
+  const char* what;
+  void (*inflict)(std::span<std::uint8_t> block);
+};
+
+// Inflicted on a ring of 50 units.
+const Damage kDamages[] = {
+    {"write index just outside", [](auto block) { StoreLe16(block, kWriteIndexOffset, 200); }},
+    {"write index far outside", [](auto block) { StoreLe16(block, kWriteIndexOffset, 0xFFFF); }},
+    {"write index elsewhere", [](auto block) { StoreLe16(block, kWriteIndexOffset, 120); }},
+    {"write index 0", [](auto block) { StoreLe16(block, kWriteIndexOffset, 0); }},
+    {"last sequence back", [](auto block) { StoreLe16(block, kLastSequenceOffset, 20); }},
+    {"last sequence ahead", [](auto block) { StoreLe16(block, kLastSequenceOffset, 5000); }},
+    {"no length", [](auto block) { StoreLe32(block, SlotOffset(49), 0); }},
+    {"length just too long", [](auto block) { StoreLe32(block, SlotOffset(49), 300'001); }},
+    {"length far too long", [](auto block) { StoreLe32(block, SlotOffset(49), 0xFFFFFFFF); }},
+    {"second chunk", [](auto block) { block[SlotOffset(49) + kChunkIndexOffset] = 1; }},
+    {"another number", [](auto block) { StoreLe16(block, SlotOffset(49) + 4, 48); }},
+    {"all ones", [](auto block) { std::ranges::fill(block.subspan(2), std::uint8_t{0xFF}); }},
+    {"all zero", [](auto block) { std::ranges::fill(block, std::uint8_t{0}); }},
+    {"header zero", [](auto block) { std::ranges::fill(block.first(24), std::uint8_t{0}); }},
+};
+
+TEST_F(FrameRing, DamageHidesUnitsUntilTheDaemonsNextOne) {
+  for (const Damage& damage : kDamages) {
+    SCOPED_TRACE(damage.what);
+    StartDaemon();
+    Publish(49);
+    FrameBlockReader attached = Attach();
+    Publish(1);
+    damage.inflict(block_->bytes());
+    FrameBlockReader late = Attach();
+    // A unit that lies whole in the ring may still be taken; nothing else may.
+    const std::string taken = Drain(attached);
+    EXPECT_TRUE(taken == "none" || taken == "49-49") << taken;
+    EXPECT_EQ(Drain(late), "none");
+    Publish(1);
+    Drain(attached);
+    Drain(late);
+    Publish(1);
+    EXPECT_EQ(Drain(attached), "51-51");
+    EXPECT_EQ(Drain(late), "51-51");
+    EXPECT_EQ(attached.counters().restarts, 0U);
+  }
+}
+
+// The block has exactly its size here, so AddressSanitizer sees every step outside of it.
+TEST(FrameBlockReader, NeverReadsOutsideTheBlockWhateverStandsInIt) {
+  std::vector<std::uint8_t> block(kFrameBlockSize);
+  std::mt19937 random(1);
+  const auto pick = [&](std::initializer_list<std::uint32_t> values) {
+    return values.begin()[random() % values.size()];
+  };
+  std::vector<std::uint8_t> unit;
+  for (int round = 0; round < 300; ++round) {
+    const std::uint32_t newest = pick({0, 1, 99, 199, 200, 65'535});
+    const std::uint32_t write_index = pick({0, 0, 1, 100, 199, 200, 201, 65'535});
+    StoreLe16(block, kLastSequenceOffset, static_cast<std::uint16_t>(newest));
+    StoreLe16(block, kWriteIndexOffset, static_cast<std::uint16_t>(write_index));
+    for (std::uint32_t slot = 0; slot < kSlotCount; ++slot) {
+      const auto age = static_cast<std::uint32_t>((write_index + 399 - slot) % kSlotCount);
+      StoreLe32(block, SlotOffset(slot), pick({1, 64, 300'000, 300'000, 300'001, 0xFFFFFFFF}));
+      StoreLe16(block, SlotOffset(slot) + kUnitSequenceOffset,
+                static_cast<std::uint16_t>(newest - age));
+    }
+    FrameBlockReader reader(block.data(), Start::kOldest);
+    while (reader.Next(unit)) {
+      ASSERT_GE(unit.size(), 1U);
+      ASSERT_LE(unit.size(), kChunkCapacity);
+    }
+    ASSERT_LE(reader.counters().units, 200U);
+  }
+}
+
+TEST(FrameBlockMapping, OpensOnceTheDaemonHasMadeTheBlock) {
+  shm_unlink(kFrameBlockName);
+  FrameBlockMapping mapping;
+  EXPECT_FALSE(mapping.Open());
+  EXPECT_EQ(errno, ENOENT);
+  const int descriptor = shm_open(kFrameBlockName, O_RDWR | O_CREAT, 0600);
+  ASSERT_EQ(ftruncate(descriptor, kFrameBlockSize - 1), 0);
+  close(descriptor);
+  EXPECT_FALSE(mapping.Open());
+  EXPECT_EQ(errno, EAGAIN);
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  EXPECT_TRUE(mapping.Open());
+  EXPECT_EQ(mapping.data()[0], 1);
+}
+
+// A process of its own that publishes without a pause, until it is killed. Its units count on
+// through clears (asked for by the test) and starts of the daemon.
+class RestlessWriter {
+ public:
+  explicit RestlessWriter(std::uint32_t units_between_starts) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      Run(units_between_starts);
+    }
+  }
+  RestlessWriter(const RestlessWriter&) = delete;
+  RestlessWriter& operator=(const RestlessWriter&) = delete;
+  ~RestlessWriter() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+
+ private:
+  [[noreturn]] static void Run(std::uint32_t units_between_starts) {
+    std::freopen("/dev/null", "we", stderr);
+    std::mt19937 random(2);
+    for (std::uint32_t number = 0;; ++number) {
+      if (number % units_between_starts == 0) {
+        InitFrameBuffers();
+      }
+      PublishVideoUnit(NumberedUnit(number, 50'000 + random() % 49'999));
+    }
+  }
+
+  pid_t pid_ = -1;
+};
+
+// Lets the writer go on by so many units, and returns without delay.
+bool AwaitUnits(const std::uint8_t* block, std::uint32_t count) {
+  const auto newest = [&] { return LoadShared16(block + kLastSequenceOffset, __ATOMIC_ACQUIRE); };
+  const std::uint16_t before = newest();
+  const auto deadline = std::chrono::steady_clock::now() + Patience();
+  while (static_cast<std::uint16_t>(newest() - before) < count) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+  }
+  return true;
+}
+
+TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
+  constexpr std::uint32_t kNever = UINT32_MAX;
+  const struct {
+    const char* what;
+    std::uint32_t units_between_starts;
+    bool clears;
+  } races[] = {{"laps", kNever, false}, {"clears", kNever, true}, {"starts", 900, false}};
+  for (const auto& race : races) {
+    SCOPED_TRACE(race.what);
+    StartDaemon();
+    FrameBlockReader reader = Attach();
+    const RestlessWriter writer(race.units_between_starts);
+    std::vector<std::uint8_t> unit;
+    std::int64_t last = -1;
+    std::mt19937 random(3);
+    for (int round = 0; round < 25; ++round) {
+      // Mostly to where the writer has come round to the very unit that is read next.
+      ASSERT_TRUE(AwaitUnits(block_->data(),
+                             round % 3 == 0 ? static_cast<std::uint32_t>(random() % 300) : 200));
+      while (reader.Next(unit)) {
+        ASSERT_TRUE(IsIntact(unit)) << "after unit " << last;
+        ASSERT_GT(NumberOf(unit), last);
+        last = NumberOf(unit);
+        if (race.clears && random() % 256 == 0) {
+          RequestClear(block_->data());
+        }
+      }
+    }
+    EXPECT_GT(reader.counters().laps, 0U);
+    EXPECT_EQ(reader.counters().restarts > 0, race.units_between_starts != kNever);
+  }
+}
+
+}  // namespace
+}  // namespace kestrelbridge

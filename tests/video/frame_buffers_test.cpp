@@ -1,0 +1,237 @@
+// The writer of the frame ring, seen from another process.
+#include "video/frame_buffers.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "base/byte_order.h"
+#include "base/run_paths.h"
+#include "base/text_file.h"
+#include "kestrelbridge/frame_block.h"
+#include "support/child_process.h"
+#include "video/mapped_block.h"
+#include "video/numbered_unit.h"
+
+namespace kestrelbridge {
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// A new /dev/shm of that size, until the end of the test.
+class EmptySharedMemory {
+ public:
+  explicit EmptySharedMemory(const std::string& size) {
+    const std::string options = "mode=1777,size=" + size;
+    EXPECT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, options.c_str()), 0);
+  }
+  EmptySharedMemory(const EmptySharedMemory&) = delete;
+  EmptySharedMemory& operator=(const EmptySharedMemory&) = delete;
+  ~EmptySharedMemory() { umount2("/dev/shm", MNT_DETACH); }
+};
+
+struct BlockHeader {
+  int clear_request, last_sequence, write_index;
+  bool operator==(const BlockHeader&) const = default;
+};
+
+BlockHeader HeaderOf(const MappedBlock& block) {
+  return {LoadLe16(block.bytes(), kClearRequestOffset),
+          LoadLe16(block.bytes(), kLastSequenceOffset), LoadLe16(block.bytes(), kWriteIndexOffset)};
+}
+
+std::span<const std::uint8_t> PayloadOf(const MappedBlock& block, std::size_t slot) {
+  return block.bytes().subspan(SlotOffset(slot) + kSlotHeaderSize, kChunkCapacity);
+}
+
+bool AllZero(std::span<const std::uint8_t> bytes) {
+  return std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
+}
+
+bool SlotHolds(const MappedBlock& block, std::size_t slot, std::uint16_t sequence,
+               std::span<const std::uint8_t> chunk, std::uint8_t chunk_index = 0) {
+  const auto header = block.bytes().subspan(SlotOffset(slot), kSlotHeaderSize);
+  return LoadLe32(header, 0) == chunk.size() && LoadLe16(header, 4) == sequence &&
+         header[6] == chunk_index && header[7] == 0 &&
+         std::ranges::all_of(header.subspan(8), [](std::uint8_t flag) { return flag == 1; }) &&
+         std::ranges::equal(PayloadOf(block, slot).first(chunk.size()), chunk);
+}
+
+void Publish(std::uint32_t first, std::uint32_t count) {
+  for (std::uint32_t i = 0; i < count; ++i) {
+    PublishVideoUnit(NumberedUnit(first + i));
+  }
+}
+
+void LeaveOldBlock(const char* name, std::size_t size) {
+  std::filesystem::resize_file(std::string("/dev/shm/") + name, size);
+  if (size > 0) {
+    std::ranges::fill(MappedBlock(name).bytes(), std::uint8_t{0xFF});
+  }
+}
+
+bool IsFreshBlock(const char* name, std::size_t size) {
+  const MappedBlock block(name);
+  return block.bytes().size() == size && block.mode() == 0600 && block.bytes()[0] == 1 &&
+         AllZero(block.bytes().subspan(1));
+}
+
+TEST(FrameBuffers, StartUpTakesOverBlocksOfAnySizeAndContent) {
+  const EmptySharedMemory memory("200m");
+  for (const int old_size : {-1, 0, 4096, 13'003'624, 60'003'624, 70'000'000}) {
+    SCOPED_TRACE(old_size);
+    if (old_size >= 0) {
+      LeaveOldBlock(kFrameBlockName, static_cast<std::size_t>(old_size));
+      LeaveOldBlock(kTranscodingBlockName, static_cast<std::size_t>(old_size));
+    }
+    ASSERT_EQ(InitFrameBuffers(), 0);
+    EXPECT_TRUE(IsFreshBlock(kFrameBlockName, 60'003'624));
+    EXPECT_TRUE(IsFreshBlock(kTranscodingBlockName, 13'003'624));
+  }
+}
+
+TEST(FrameBuffers, StartUpForgetsThePictureSizeAndNamesBothBlocks) {
+  WriteTextFile(kVideoWidthPath, "1920");
+  WriteTextFile(kVideoHeightPath, "1080");
+  CaptureStderr();
+  InitFrameBuffers();
+  EXPECT_EQ(GetCapturedStderr(),
+            "Init frame buffer 60003624 bytes\n"
+            "Init frame buffer for transcoding 13003624 bytes\n");
+  EXPECT_NE(access(kVideoWidthPath, F_OK), 0);
+  EXPECT_NE(access(kVideoHeightPath, F_OK), 0);
+}
+
+TEST(FrameBuffers, FirstUnitClearsTheBlockOnceAndGoesToSlot0) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  block.bytes()[10] = 0xAA;  // reserved: only a clear writes there
+  CaptureStderr();
+  Publish(0, 2);
+  EXPECT_EQ(GetCapturedStderr(), "Clear frame shared memory\n");
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 1, 2}));
+  EXPECT_TRUE(AllZero(block.bytes().subspan(6, 18)));
+  EXPECT_TRUE(SlotHolds(block, 0, 0, NumberedUnit(0)));
+  EXPECT_TRUE(SlotHolds(block, 1, 1, NumberedUnit(1)));
+}
+
+TEST(FrameBuffers, UnitNumber201GoesToSlot0Again) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  Publish(0, 200);
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 199, 0}));
+  EXPECT_TRUE(SlotHolds(block, 199, 199, NumberedUnit(199)));
+  Publish(200, 1);
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 200, 1}));
+  EXPECT_TRUE(SlotHolds(block, 0, 200, NumberedUnit(200)));
+  EXPECT_TRUE(SlotHolds(block, 1, 1, NumberedUnit(1)));
+}
+
+TEST(FrameBuffers, Unit65537CarriesNumber0Again) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  Publish(0, 65'536);
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 65'535, 136}));
+  Publish(65'536, 1);
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 0, 137}));
+  EXPECT_TRUE(SlotHolds(block, 136, 0, NumberedUnit(65'536)));
+}
+
+TEST(FrameBuffers, ClearRequestEmptiesTheRingAndTheNumbersCarryOn) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  Publish(0, 5);
+  StoreLe16(block.bytes(), kClearRequestOffset, 0x0100);  // any value but 0
+  CaptureStderr();
+  Publish(5, 1);
+  EXPECT_EQ(GetCapturedStderr(), "Clear frame shared memory\n");
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 5, 1}));
+  EXPECT_TRUE(SlotHolds(block, 0, 5, NumberedUnit(5)));
+  EXPECT_TRUE(AllZero(block.bytes().subspan(SlotOffset(1))));
+}
+
+TEST(FrameBuffers, LongUnitIsCutIntoChunksAndCountsOnce) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  const auto unit = NumberedUnit(0, 2 * kChunkCapacity + 1);
+  const std::span<const std::uint8_t> bytes = unit;
+  Publish(0, 1);
+  PublishVideoUnit(unit);
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{0, 1, 4}));
+  EXPECT_TRUE(SlotHolds(block, 1, 1, bytes.first(kChunkCapacity), 0));
+  EXPECT_TRUE(SlotHolds(block, 2, 1, bytes.subspan(kChunkCapacity, kChunkCapacity), 1));
+  EXPECT_TRUE(SlotHolds(block, 3, 1, bytes.last(1), 2));
+}
+
+TEST(FrameBuffers, EmptyUnitIsNotPublished) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  PublishVideoUnit({});
+  EXPECT_EQ(HeaderOf(block), (BlockHeader{1, 0, 0}));
+}
+
+TEST(FrameBuffers, WriteIndexThatLeadsOutOfTheRingIsTakenAs0) {
+  InitFrameBuffers();
+  const MappedBlock block(kFrameBlockName);
+  Publish(0, 3);
+  std::uint16_t sequence = 3;
+  for (const int spoiled : {200, 201, 0x7FFF, 0xFFFF}) {
+    SCOPED_TRACE(spoiled);
+    StoreLe16(block.bytes(), kWriteIndexOffset, static_cast<std::uint16_t>(spoiled));
+    Publish(sequence, 1);
+    EXPECT_EQ(HeaderOf(block), (BlockHeader{0, sequence, 1}));
+    EXPECT_TRUE(SlotHolds(block, 0, sequence, NumberedUnit(sequence)));
+    ++sequence;
+  }
+}
+
+struct Obstacle {
+  const char* what;
+  const char* memory_size;
+  void (*place)();
+  const char* message;
+};
+
+const Obstacle kObstacles[] = {
+    {"no_memory_for_the_frame_block", "1m", [] {},
+     "Cannot reserve shared memory /dev/shm/kestrelbridge_framebuffer (60003624 bytes): No space"},
+    {"no_memory_for_the_transcoding_block", "60m", [] {},
+     "Cannot reserve shared memory /dev/shm/kestrelbridge_framebuffer_transcoding (13003624 "},
+    {"a_folder_of_that_name", "100m", [] { mkdir("/dev/shm/kestrelbridge_framebuffer", 0700); },
+     "Cannot open shared memory /dev/shm/kestrelbridge_framebuffer (60003624 bytes): "},
+    {"a_pipe_of_that_name", "100m",
+     [] { mkfifo("/dev/shm/kestrelbridge_framebuffer_transcoding", 0600); },
+     "Cannot reserve shared memory /dev/shm/kestrelbridge_framebuffer_transcoding (13003624 "},
+};
+
+class ObstructedFrameBuffers : public testing::TestWithParam<Obstacle> {};
+
+TEST_P(ObstructedFrameBuffers, FailTheStartWithALineThatSaysWhy) {
+  const EmptySharedMemory memory(GetParam().memory_size);
+  GetParam().place();
+  CaptureStderr();
+  EXPECT_EQ(InitFrameBuffers(), -1);
+  const std::string error = GetCapturedStderr();
+  EXPECT_EQ(CountLines(error, GetParam().message), 1) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Obstacles, ObstructedFrameBuffers, testing::ValuesIn(kObstacles),
+                         [](const auto& row) { return std::string(row.param.what); });
+
+// A reader that touched a block without memory would end with SIGBUS.
+TEST(FrameBuffers, WithoutMemoryThereIsNoBlockForReadersNorForUnits) {
+  const EmptySharedMemory memory("1m");
+  ASSERT_EQ(InitFrameBuffers(), -1);
+  FrameBlockMapping mapping;
+  EXPECT_FALSE(mapping.Open());
+  EXPECT_EQ(errno, EAGAIN);
+  PublishVideoUnit(NumberedUnit(0));
+}
+
+}  // namespace
+}  // namespace kestrelbridge

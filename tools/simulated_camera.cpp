@@ -1,0 +1,200 @@
+#include "tools/simulated_camera.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+#include "base/byte_order.h"
+#include "camera/packet_format.h"
+#include "tools/camera_pushes.h"
+#include "tools/host_port.h"
+
+namespace kestrelbridge {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kCommandDataPeriod{100};
+
+// A sender that is behind sends this much in one go, then lets the receiver breathe.
+constexpr std::size_t kBurstBytes = 65'536;
+constexpr milliseconds kBurstPause{1};
+
+constexpr int kPacketsPerTurn = 1000;  // so that a flood of packets cannot stop the stream
+constexpr std::size_t kReceiveSize = 65'536;
+
+bool SamePeer(UdpPeer a, UdpPeer b) { return a.address == b.address && a.port == b.port; }
+
+}  // namespace
+
+SimulatedCamera::SimulatedCamera(const CameraOptions& options, std::span<const AccessUnit> units,
+                                 const UdpSocket& socket, CameraJournal& journal)
+    : options_(options),
+      units_(units),
+      socket_(socket),
+      journal_(journal),
+      schedule_(options.units_per_second),
+      faults_(options.faults, options.seed),
+      buffer_(options.datagram_size),
+      receive_(kReceiveSize) {}
+
+void SimulatedCamera::Receive(SteadyTime now) {
+  std::span<const std::uint8_t> packet;
+  UdpPeer from;
+  for (int taken = 0; taken < kPacketsPerTurn && socket_.Receive(receive_, packet, from); ++taken) {
+    TakePacket(packet, from, now);
+  }
+}
+
+void SimulatedCamera::Send(SteadyTime now) {
+  if (!peer_ || IsSilent(now)) {
+    return;
+  }
+  if (now >= next_command_data_) {
+    SendCommandData(now);
+  }
+  SendDueUnits(now);
+}
+
+SteadyTime SimulatedCamera::NextSend() const {
+  if (!peer_) {
+    return SteadyTime::max();
+  }
+  const SteadyTime next_unit =
+      clip_end_ ? SteadyTime::max() : std::max(schedule_.NextDue(), burst_pause_end_);
+  const SteadyTime next = std::min(next_unit, next_command_data_);
+  return IsSilent(next) ? SteadyTime::max() : next;
+}
+
+void SimulatedCamera::TakePacket(std::span<const std::uint8_t> packet, UdpPeer from,
+                                 SteadyTime now) {
+  const CheckedPacket checked = CheckPacket(packet);
+  const bool from_peer = peer_ && SamePeer(*peer_, from);
+  if (checked.type == PacketType::kBad) {
+    NoteBadPacket(checked.fault, packet);
+  } else if (checked.type == PacketType::kConnectionRequest) {
+    ++counters_.connection_requests;
+    if (!from_peer) {
+      Connect(from, now);
+    }
+  } else if (!from_peer) {
+    ++counters_.foreign_packets;
+  } else if (checked.type == PacketType::kUnitAcknowledgement) {
+    ++counters_.acknowledged;
+  } else {
+    TakeFrame(checked, packet);
+  }
+}
+
+// Every packet of the daemon takes a new number, so two frames in a row cannot have the same one.
+void SimulatedCamera::TakeFrame(const CheckedPacket& checked,
+                                std::span<const std::uint8_t> packet) {
+  const std::uint16_t sequence = LoadLe16(checked.frame, kFrameSequenceOffset);
+  if (last_frame_sequence_ == sequence) {
+    NoteBadPacket("frame sequence used twice", packet);
+    return;
+  }
+  last_frame_sequence_ = sequence;
+  if (checked.type == PacketType::kKeepalive) {
+    ++counters_.keepalives;
+  } else {
+    ++counters_.commands;  // here is where a camera that obeys gets its commands: checked.frame
+  }
+}
+
+void SimulatedCamera::NoteBadPacket(const char* fault, std::span<const std::uint8_t> packet) {
+  ++counters_.bad_packets;
+  bad_packets_.Note(fault, packet);
+}
+
+void SimulatedCamera::Connect(UdpPeer peer, SteadyTime now) {
+  peer_ = peer;
+  clip_unit_ = 0;
+  clip_end_.reset();
+  last_frame_sequence_.reset();
+  faults_.Discard();
+  schedule_.Start(now);
+  next_command_data_ = now;  // the answer to the request
+  burst_pause_end_ = now;
+  streaming_since_ = streaming_since_.value_or(now);
+  std::printf("connection request from %s: streaming %zu units at %g units/s%s\n",
+              HostPortText(peer).c_str(), units_.size(), options_.units_per_second,
+              options_.loop ? ", again and again" : "");
+}
+
+bool SimulatedCamera::IsSilent(SteadyTime now) const {
+  return options_.silence_after && streaming_since_ &&
+         now - *streaming_since_ >= *options_.silence_after;
+}
+
+// What the camera tells about itself: this is where pushes of a camera state go out.
+void SimulatedCamera::SendCommandData(SteadyTime now) {
+  std::array<std::uint8_t, kReceivedWrapperSize + kStatusPushSize> datagram{};
+  const StatusPush push = BuildStatusPush(push_sequence_++);
+  SendDatagram(BuildCommandData(push, datagram_sequence_++, datagram));
+  ++counters_.command_data_sent;
+  next_command_data_ = std::max(next_command_data_ + kCommandDataPeriod, now);
+}
+
+void SimulatedCamera::SendDueUnits(SteadyTime now) {
+  if (clip_end_ || now < burst_pause_end_) {
+    return;
+  }
+  if (schedule_.DropLag(now)) {
+    ++counters_.schedule_slips;
+  }
+  std::size_t burst = 0;
+  while (!clip_end_ && schedule_.NextDue() <= now) {
+    const std::size_t length = units_[clip_unit_].size();
+    if (burst != 0 && burst + length > kBurstBytes) {
+      burst_pause_end_ = now + kBurstPause;
+      return;
+    }
+    burst += length;
+    SendUnit(now);
+  }
+}
+
+void SimulatedCamera::SendUnit(SteadyTime now) {
+  const AccessUnit unit = units_[clip_unit_];
+  const std::size_t datagrams = UnitDatagramCount(unit.size(), options_.datagram_size);
+  fates_.clear();
+  for (std::size_t position = 0; position < datagrams; ++position) {
+    SendVideoDatagram(BuildUnitDatagram(unit, position, datagram_sequence_++, buffer_));
+  }
+  journal_.Write({.unit = counters_.units_sent,
+                  .clip_unit = clip_unit_,
+                  .length = unit.size(),
+                  .fates = fates_});
+  ++counters_.units_sent;
+  schedule_.Advance();
+  if (++clip_unit_ < units_.size()) {
+    return;
+  }
+  clip_unit_ = 0;
+  if (!options_.loop) {
+    faults_.Flush([this](auto datagram) { SendDatagram(datagram); });
+    clip_end_ = now;
+  }
+}
+
+void SimulatedCamera::SendVideoDatagram(std::span<std::uint8_t> datagram) {
+  const DatagramFate fate =
+      faults_.Pass(datagram, [this](auto arriving) { SendDatagram(arriving); });
+  counters_.datagrams_lost += fate.lost ? 1 : 0;
+  counters_.datagrams_duplicated += fate.duplicated ? 1 : 0;
+  counters_.datagrams_reordered += fate.reordered ? 1 : 0;
+  counters_.datagrams_corrupted += fate.corrupted ? 1 : 0;
+  fates_.push_back(fate);
+}
+
+void SimulatedCamera::SendDatagram(std::span<const std::uint8_t> datagram) {
+  if (!socket_.Send(datagram, *peer_)) {
+    ++counters_.send_failures;
+    return;
+  }
+  ++counters_.datagrams_sent;
+  counters_.bytes_sent += datagram.size();
+}
+
+}  // namespace kestrelbridge
