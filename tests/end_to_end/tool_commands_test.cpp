@@ -106,7 +106,8 @@ TEST_F(ToolCommands, EndWith3WhenTheEffectIsNotSeenInTime) {
   camera_.Send(SettingsData("iso_set", 3));
   ChildProcess command(Tool({"command", "iso", "400", "--wait", "--timeout", "3"}));
   EXPECT_EQ(command.WaitForExit(), ExitedWith(3));
-  EXPECT_EQ(CountLines(command.Error(), "within 3 s: iso_set=400; telemetry shows iso_set=100"), 1)
+  EXPECT_EQ(
+      CountLines(command.Error(), "within 3 s: iso_set=400; telemetry last showed iso_set=100"), 1)
       << command.Error();
 }
 
