@@ -111,7 +111,7 @@ void WaitForEffect(TelemetrySocket& telemetry, const CommandEffect& effect, Tele
   char patience[32];
   std::snprintf(patience, sizeof patience, "%g", timeout_s);
   throw ToolError("not seen within " + std::string(patience) + " s: " + EffectText(effect) +
-                      "; telemetry shows " + PrintableText(watch.Latest()),
+                      "; telemetry last showed " + PrintableText(watch.Latest()),
                   kNotSeenExitCode);
 }
 
@@ -169,7 +169,9 @@ void AddCommandCommand(CLI::App& app) {
       ->excludes(words)
       ->excludes(force);
   command->add_flag("--wait", line->wait, "Stay until the telemetry shows the effect");
-  command->add_option("--timeout", line->timeout_s, "Wait no longer than so many seconds")
+  command
+      ->add_option("--timeout", line->timeout_s,
+                   "Wait no longer than so many seconds; settings are told of once a second")
       ->check(NumberBetween(0.1, kMaxSeconds))
       ->type_name("SECONDS")
       ->capture_default_str();
