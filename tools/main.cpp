@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "tools/camera_command.h"
+#include "tools/phone_command.h"
 #include "tools/video_command.h"
 
 namespace {
@@ -16,6 +17,7 @@ using AddCommand = void (*)(CLI::App& app);
 constexpr AddCommand kCommands[] = {
     kestrelbridge::AddCameraCommand,
     kestrelbridge::AddVideoCommand,
+    kestrelbridge::AddPhoneCommand,
 };
 
 int Run(int argc, char** argv) {

@@ -43,6 +43,14 @@ bool RunEnd::Wait(nanoseconds pause, int output) {
   return stopped_ || descriptors[1].revents != 0;
 }
 
+bool RunEnd::WaitForInput(int input, Clock::time_point until) {
+  std::array<pollfd, 2> descriptors = {{{.fd = stop_signal_, .events = POLLIN, .revents = 0},
+                                        {.fd = input, .events = POLLIN, .revents = 0}}};
+  Poll(descriptors, std::min(until, end_) - Clock::now());
+  stopped_ = stopped_ || descriptors[0].revents != 0 || Clock::now() >= end_;
+  return stopped_;
+}
+
 bool RunEnd::WaitForRoom(int output) {
   std::array<pollfd, 2> descriptors = {{{.fd = stop_signal_, .events = POLLIN, .revents = 0},
                                         {.fd = output, .events = POLLOUT, .revents = 0}}};
