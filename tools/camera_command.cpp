@@ -10,7 +10,9 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "tools/camera_assignment.h"
 #include "tools/camera_journal.h"
 #include "tools/clip.h"
 #include "tools/host_port.h"
@@ -37,6 +39,7 @@ struct CommandLine {
   std::string listen = "127.0.0.1:9010";
   std::string clip;
   std::string journal;
+  std::vector<std::string> assignments;
   double duration_s = 0;
   double silence_after_s = 0;
   CLI::Option* duration_option = nullptr;
@@ -177,6 +180,7 @@ void RunCamera(CommandLine& line) {
   if (line.silence_option->count() != 0) {
     line.camera.silence_after = duration<double>(line.silence_after_s);
   }
+  line.camera.start = StartModel(line.assignments);
   const auto clip = ReadClip(line.clip);
   const auto units = CutClip(clip);
   WarnOfShortStartCodes(units);
@@ -204,7 +208,7 @@ void AddStreamOptions(CLI::App& command, CommandLine& line) {
   command.add_flag("--loop", line.camera.loop, "Start the clip again after its end");
   command
       .add_option("--datagram-size", line.camera.datagram_size,
-                  "Longest datagram in bytes, its 20-byte wrapper included")
+                  "Longest video datagram in bytes, its 20-byte wrapper included")
       ->check(NumberBetween(kMinDatagramSize, kMaxDatagramSize))
       ->capture_default_str();
   line.duration_option =
@@ -216,6 +220,14 @@ void AddStreamOptions(CLI::App& command, CommandLine& line) {
   command
       .add_option("--journal", line.journal, "Record every unit sent and its faults in this file")
       ->type_name("FILE");
+  command
+      .add_option(
+          "--set", line.assignments,
+          "State at the start, in words as telemetry reports them, such as iso_set=400; may "
+          "repeat. A wrong NAME or WORD lists those that exist")
+      ->type_name("NAME=WORD")
+      ->allow_extra_args(false)
+      ->check(AssignmentValidator());
 }
 
 void AddFaultOptions(CLI::App& command, CommandLine& line) {
@@ -246,8 +258,10 @@ void AddFaultOptions(CLI::App& command, CommandLine& line) {
 }  // namespace
 
 void AddCameraCommand(CLI::App& app) {
-  CLI::App* const command = app.add_subcommand(
-      "camera", "Simulated camera: streams an H.264 clip to the daemon and checks what comes back");
+  CLI::App* const command =
+      app.add_subcommand("camera",
+                         "Simulated camera: streams an H.264 clip to the daemon, pushes its state, "
+                         "checks and obeys what comes back");
   command->footer(
       "Ctrl-C ends it with the summary. Try: kestrelctl camera --clip clip.h264 --loop, and beside "
       "it: kestrelbridge --host 127.0.0.1 --port 9010");

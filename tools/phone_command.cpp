@@ -1,5 +1,7 @@
 #include "tools/phone_command.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -115,14 +117,17 @@ void RunPhone(CommandLine& line) {
                        [&](auto unit) { reader_gone = reader_gone || !output.Write(unit, end); });
   std::fprintf(report, "sending to %s from port %u\n", line.to.c_str(),
                unsigned{socket.Local().port});
+  // Whose closed pipe ends the run.
+  const int watched = output.descriptor() != -1 ? output.descriptor() : STDOUT_FILENO;
   Progress progress(report, steady_clock::now());
-  do {
+  for (bool ended = false; !ended;) {
     phone.Receive();
     const SteadyTime now = steady_clock::now();
     phone.Send(now);
     progress.Report(phone, now);
-  } while (!reader_gone && !end.WaitForInput(socket.Descriptor(),
-                                             std::min(phone.NextSend(), progress.NextReport())));
+    const auto pause = std::min(phone.NextSend(), progress.NextReport()) - now;
+    ended = reader_gone || end.WaitForInput(socket.Descriptor(), pause, watched);
+  }
   output.Close();
   PrintSummary(report, phone);
 }

@@ -17,9 +17,8 @@ class RunEnd {
   // closed its pipe; true then. Output -1: nobody to watch.
   bool Wait(std::chrono::nanoseconds pause, int output);
 
-  // Waits until `input` has something to read, or until the given time. True when it is time to
-  // end.
-  bool WaitForInput(int input, Clock::time_point until);
+  // The same, but waits no longer than until `input` has something to read.
+  bool WaitForInput(int input, std::chrono::nanoseconds pause, int output);
 
   // Waits until `output` takes bytes or has failed. False when it does neither and it is time to
   // end; a reader gets a short grace then, so that it does not lose half a unit.

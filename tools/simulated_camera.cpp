@@ -6,15 +6,17 @@
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
-#include "tools/camera_pushes.h"
 #include "tools/host_port.h"
+#include "tools/obeyed_commands.h"
 
 namespace kestrelbridge {
 namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kCommandDataPeriod{100};
+// Each datagram carries all pushes. The daemon looks at command data whenever more than 500 bytes
+// have gathered: that is every second datagram, or every third while there is no histogram.
+constexpr milliseconds kCommandDataPeriod{50};
 
 // A sender that is behind sends this much in one go, then lets the receiver breathe.
 constexpr std::size_t kBurstBytes = 65'536;
@@ -34,6 +36,7 @@ SimulatedCamera::SimulatedCamera(const CameraOptions& options, std::span<const A
       socket_(socket),
       journal_(journal),
       schedule_(options.units_per_second),
+      model_(options.start),
       faults_(options.faults, options.seed),
       buffer_(options.datagram_size),
       receive_(kReceiveSize) {}
@@ -82,13 +85,13 @@ void SimulatedCamera::TakePacket(std::span<const std::uint8_t> packet, UdpPeer f
   } else if (checked.type == PacketType::kUnitAcknowledgement) {
     ++counters_.acknowledged;
   } else {
-    TakeFrame(checked, packet);
+    TakeFrame(checked, packet, now);
   }
 }
 
 // Every packet of the daemon takes a new number, so two frames in a row cannot have the same one.
-void SimulatedCamera::TakeFrame(const CheckedPacket& checked,
-                                std::span<const std::uint8_t> packet) {
+void SimulatedCamera::TakeFrame(const CheckedPacket& checked, std::span<const std::uint8_t> packet,
+                                SteadyTime now) {
   const std::uint16_t sequence = LoadLe16(checked.frame, kFrameSequenceOffset);
   if (last_frame_sequence_ == sequence) {
     NoteBadPacket("frame sequence used twice", packet);
@@ -98,8 +101,13 @@ void SimulatedCamera::TakeFrame(const CheckedPacket& checked,
   if (checked.type == PacketType::kKeepalive) {
     ++counters_.keepalives;
   } else {
-    ++counters_.commands;  // here is where a camera that obeys gets its commands: checked.frame
+    ++counters_.commands;
+    Obey(checked.frame, now);
   }
+}
+
+void SimulatedCamera::Obey(std::span<const std::uint8_t> frame, SteadyTime now) {
+  std::printf("command: %s\n", ObeyCommand(frame, options_.start, now, model_).c_str());
 }
 
 void SimulatedCamera::NoteBadPacket(const char* fault, std::span<const std::uint8_t> packet) {
@@ -127,11 +135,13 @@ bool SimulatedCamera::IsSilent(SteadyTime now) const {
          now - *streaming_since_ >= *options_.silence_after;
 }
 
-// What the camera tells about itself: this is where pushes of a camera state go out.
 void SimulatedCamera::SendCommandData(SteadyTime now) {
-  std::array<std::uint8_t, kReceivedWrapperSize + kStatusPushSize> datagram{};
-  const StatusPush push = BuildStatusPush(push_sequence_++);
-  SendDatagram(BuildCommandData(push, datagram_sequence_++, datagram));
+  if (PassTime(model_, now)) {
+    std::printf("recording ends: the card is full\n");
+  }
+  std::array<std::uint8_t, kReceivedWrapperSize + kPushesSize> datagram{};
+  const auto pushes = BuildPushes(model_, HistogramOf(last_unit_), push_sequence_);
+  SendDatagram(BuildCommandData(pushes, datagram_sequence_++, datagram));
   ++counters_.command_data_sent;
   next_command_data_ = std::max(next_command_data_ + kCommandDataPeriod, now);
 }
@@ -167,6 +177,7 @@ void SimulatedCamera::SendUnit(SteadyTime now) {
                   .length = unit.size(),
                   .fates = fates_});
   ++counters_.units_sent;
+  last_unit_ = unit;
   schedule_.Advance();
   if (++clip_unit_ < units_.size()) {
     return;

@@ -1,5 +1,5 @@
 // A camera without a camera: waits for a connection request, then streams a clip to whoever sent
-// it, pushes its status, and checks every packet that comes back.
+// it, pushes its state, and checks and obeys what comes back.
 //
 //             connection request                 unit after unit, at --fps
 //   waiting ----------------------> streaming ---------------------------> clip ended
@@ -22,6 +22,8 @@
 #include "tools/annexb.h"
 #include "tools/bad_packet_log.h"
 #include "tools/camera_journal.h"
+#include "tools/camera_model.h"
+#include "tools/camera_pushes.h"
 #include "tools/camera_wire.h"
 #include "tools/datagram_faults.h"
 #include "tools/packet_check.h"
@@ -36,6 +38,7 @@ struct CameraOptions {
   std::size_t datagram_size = kUsualDatagramSize;  // wrapper included
   std::optional<std::chrono::duration<double>> silence_after;
   FaultRates faults;  // of the video datagrams
+  CameraModel start;  // its state at first, and after a reset
   std::uint64_t seed = 1;
 };
 
@@ -84,7 +87,9 @@ class SimulatedCamera {
 
  private:
   void TakePacket(std::span<const std::uint8_t> packet, UdpPeer from, SteadyTime now);
-  void TakeFrame(const CheckedPacket& checked, std::span<const std::uint8_t> packet);
+  void TakeFrame(const CheckedPacket& checked, std::span<const std::uint8_t> packet,
+                 SteadyTime now);
+  void Obey(std::span<const std::uint8_t> frame, SteadyTime now);
   void NoteBadPacket(const char* fault, std::span<const std::uint8_t> packet);
   void Connect(UdpPeer peer, SteadyTime now);
 
@@ -107,6 +112,9 @@ class SimulatedCamera {
   UnitSchedule schedule_;
   SteadyTime burst_pause_end_;
   SteadyTime next_command_data_;
+
+  CameraModel model_;
+  AccessUnit last_unit_;  // the histogram's
 
   std::uint16_t datagram_sequence_ = 0;
   std::uint16_t push_sequence_ = 0;

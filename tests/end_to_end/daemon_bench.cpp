@@ -30,6 +30,15 @@ std::set<std::string> SocketsOf(pid_t process) {
 
 }  // namespace
 
+void ForgetEarlierRuns() {
+  for (const std::filesystem::path folder : {"/run/kestrelbridge", "/dev/shm"}) {
+    std::filesystem::create_directory(folder);
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      std::filesystem::remove_all(entry.path());
+    }
+  }
+}
+
 std::vector<std::string> DaemonCommand(std::vector<std::string> options) {
   options.insert(options.begin(), ProgramPath("kestrelbridge"));
   return options;

@@ -24,6 +24,10 @@ inline constexpr std::uint16_t kOtherCameraPort = 9104;
 // Where the daemon waits for the phone app.
 inline constexpr std::uint16_t kPhonePort = 9004;
 
+// Empties /run/kestrelbridge and /dev/shm. For tests to which it matters what an earlier daemon
+// left there, as when all tests run in one program.
+void ForgetEarlierRuns();
+
 // The command that starts the daemon.
 std::vector<std::string> DaemonCommand(std::vector<std::string> options = {});
 // The same, with its camera on another port.

@@ -41,15 +41,8 @@ std::string Banner() {
 // Gives every test an empty /run/kestrelbridge and /dev/shm, also when all run in one program.
 class StartUp : public testing::Test {
  protected:
-  void SetUp() override {
-    for (const fs::path folder : {"/run/kestrelbridge", "/dev/shm"}) {
-      fs::create_directory(folder);
-      for (const auto& entry : fs::directory_iterator(folder)) {
-        fs::remove_all(entry.path());
-      }
-    }
-  }
-  void TearDown() override { SetUp(); }
+  void SetUp() override { ForgetEarlierRuns(); }
+  void TearDown() override { ForgetEarlierRuns(); }
 };
 
 struct RefusedStart {
@@ -230,13 +223,15 @@ ChildProcess StartWithOpenFiles(int limit) {
 }
 
 TEST_F(StartUp, EndsWithCodeOneWhenAMainApplicationEndpointCannotBeOpened) {
-  ChildProcess daemon = StartWithOpenFiles(4);  // one more than the standard three
+  ChildProcess daemon =
+      StartWithOpenFiles(5);  // beside the standard three: remote control, one socket
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
-  EXPECT_TRUE(daemon.Error().ends_with(":5000\nFailed\n")) << daemon.Error();
+  EXPECT_TRUE(daemon.Error().ends_with(":5000\nCreating new shared raw RC\nFailed\n"))
+      << daemon.Error();
 }
 
 TEST_F(StartUp, EndsWithCodeOneAndNoWordWhenTheCameraEndpointCannotBeOpened) {
-  ChildProcess daemon = StartWithOpenFiles(7);  // two sockets and two blocks
+  ChildProcess daemon = StartWithOpenFiles(8);  // two sockets and three blocks
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
   EXPECT_TRUE(daemon.Error().ends_with(" via iface wifi0\n")) << daemon.Error();
 }

@@ -7,9 +7,6 @@
 #include <numeric>
 #include <vector>
 
-#include "camera/frame_scanner.h"
-#include "tools/camera_pushes.h"
-
 namespace kestrelbridge {
 namespace {
 
@@ -53,11 +50,6 @@ TEST(CameraWire, DatagramsOfAUnitCarryItsBytesInOrderAndNoneIsEmptyOrTooLong) {
       EXPECT_EQ(carried, unit);
     }
   }
-}
-
-TEST(CameraWire, StatusPushIsAFrameThatTheScannerFinds) {
-  const StatusPush push = BuildStatusPush(7);
-  EXPECT_EQ(CommandFrameAt(push).size(), push.size());
 }
 
 }  // namespace
