@@ -7,6 +7,7 @@
 
 #include "tools/camera_command.h"
 #include "tools/command_command.h"
+#include "tools/phone_command.h"
 #include "tools/rc_command.h"
 #include "tools/telemetry_command.h"
 #include "tools/tool_error.h"
@@ -20,7 +21,7 @@ using AddCommand = void (*)(CLI::App& app);
 constexpr AddCommand kCommands[] = {
     kestrelbridge::AddCameraCommand,    kestrelbridge::AddVideoCommand,
     kestrelbridge::AddTelemetryCommand, kestrelbridge::AddCommandCommand,
-    kestrelbridge::AddRcCommand,
+    kestrelbridge::AddRcCommand,        kestrelbridge::AddPhoneCommand,
 };
 
 int Run(int argc, char** argv) {
