@@ -30,7 +30,8 @@ TEST(CommandFrame, IsFoundUpToTheLastByteOfTheBatchAndNotBeyond) {
     EXPECT_EQ(FrameLengthAt(batch), batch.size());
     batch.push_back(kFrameStart);
     EXPECT_EQ(FrameLengthAt(batch), batch.size() - 1);
-    batch.resize(batch.size() - 2);
+    batch.pop_back();
+    batch.pop_back();
     EXPECT_EQ(FrameLengthAt(batch), 0U) << "cut by the end of the batch";
   }
 }
