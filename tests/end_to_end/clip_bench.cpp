@@ -5,8 +5,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "end_to_end/daemon_bench.h"
-
 namespace kestrelbridge {
 namespace {
 
@@ -112,11 +110,11 @@ std::map<std::string, std::uint64_t> Summary(const ChildProcess& tool) {
 }
 
 std::vector<std::string> CameraTool(const std::string& clip_path, const ClipFormat& format,
-                                    const std::vector<std::string>& options) {
+                                    const std::vector<std::string>& options, std::uint16_t port) {
   std::vector<std::string> command = {ProgramPath("kestrelctl"),
                                       "camera",
                                       "--listen",
-                                      std::string(kCameraAddress) + ":9004",
+                                      std::string(kCameraAddress) + ":" + std::to_string(port),
                                       "--clip",
                                       clip_path,
                                       "--fps",

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "end_to_end/daemon_bench.h"
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
 
@@ -58,7 +59,8 @@ std::map<std::string, std::uint64_t> Summary(const ChildProcess& tool);
 
 // The programs, with the options that every test gives them.
 std::vector<std::string> CameraTool(const std::string& clip_path, const ClipFormat& format,
-                                    const std::vector<std::string>& options = {});
+                                    const std::vector<std::string>& options = {},
+                                    std::uint16_t port = kOtherCameraPort);
 std::vector<std::string> VideoTool(const std::string& output_path,
                                    const std::vector<std::string>& options = {});
 

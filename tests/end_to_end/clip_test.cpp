@@ -30,7 +30,7 @@ TEST_P(ClipAtRate, ComesOutOfTheRingByteForByte) {
   // The daemon holds the last unit back: only the next one's header would show that it is whole.
   const auto expected_units = static_cast<std::uint64_t>(format.units - 1);
 
-  ChildProcess daemon(DaemonCommand());
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
   ASSERT_TRUE(daemon.WaitForLine("Init frame buffer for transcoding"));
   ChildProcess video(VideoTool(ring_path, {"--count", std::to_string(expected_units)}));
   ASSERT_TRUE(WaitUntilWatching(video));
@@ -109,7 +109,7 @@ TEST(LossyLink, CostsTheUnitsThatLostADatagramAndThoseBeforeALostHeader) {
   const std::string journal_path = folder.File("journal");
   MakeClip(kSmallClip, clip_path);
 
-  ChildProcess daemon(DaemonCommand());
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
   ASSERT_TRUE(daemon.WaitForLine("Init frame buffer for transcoding"));
   ChildProcess video(VideoTool(ring_path));
   ASSERT_TRUE(WaitUntilWatching(video));
@@ -166,10 +166,10 @@ TEST(VideoTool, GoesOnAfterARestartOfTheDaemonAndAfterAClear) {
   ChildProcess camera(CameraTool(clip_path, kSmallClip, {"--loop"}));
   ChildProcess video(VideoTool(ring_path));
   {
-    const ChildProcess daemon(DaemonCommand());
+    const ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
     ASSERT_TRUE(KeepsGrowing(ring_path)) << video.Error();
   }
-  ChildProcess daemon(DaemonCommand());
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
   // It clears by itself before its first unit.
   ASSERT_TRUE(daemon.WaitForLine("Clear frame shared memory"));
   EXPECT_TRUE(KeepsGrowing(ring_path)) << video.Error();

@@ -111,7 +111,7 @@ TEST_F(PhoneNetwork, AppAndMainApplicationGetTheWholeStreamAtFullRate) {
   EXPECT_EQ(RulesOnBox(), 2);
   ChildProcess video(VideoTool(ring_path));
   ASSERT_TRUE(WaitUntilWatching(video));
-  ChildProcess camera(OnHost(kCameraHost, CameraTool(kClip, kFullRate, {"--loop"})));
+  ChildProcess camera(OnHost(kCameraHost, CameraTool(kClip, kFullRate, {"--loop"}, kCameraPort)));
   ASSERT_TRUE(Eventually([&] { return SizeOf(ring_path) > 0; })) << daemon.Error();
 
   ChildProcess phone(OnHost(kPhoneHost, {ProgramPath("kestrelctl"), "phone", "--to",
