@@ -47,10 +47,11 @@ std::span<std::uint8_t> MapBlock(const char* name, std::size_t size) {
 // the slot's header changed as well (see FrameBlockReader).
 void ClearFrameBlock() {
   for (std::size_t slot = 0; slot < kSlotCount; ++slot) {
-    std::ranges::fill(frame_block.subspan(SlotOffset(slot), kSlotHeaderSize), std::uint8_t{0});
+    std::memset(&frame_block[SlotOffset(slot)], 0, kSlotHeaderSize);
   }
   std::atomic_thread_fence(std::memory_order_release);
-  std::ranges::fill(frame_block, std::uint8_t{0});
+  // memset, in every build: 60 MB byte by byte would keep the camera waiting for too long.
+  std::memset(frame_block.data(), 0, frame_block.size());
 }
 
 void HonourClearRequest() {
@@ -104,7 +105,7 @@ int InitFrameBuffers() {
   if (transcoding_block.empty()) {
     return -1;
   }
-  std::ranges::fill(transcoding_block, std::uint8_t{0});
+  std::memset(transcoding_block.data(), 0, transcoding_block.size());
   transcoding_block[0] = 1;
   return 0;
 }
