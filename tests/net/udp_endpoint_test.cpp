@@ -9,8 +9,9 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <span>
-#include <string_view>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,14 +28,25 @@ std::atomic<int> lost{0};
 std::atomic<int> datagrams{0};
 std::atomic<int> found_at_last_datagram{0};
 std::atomic<std::size_t> last_length{0};
-std::array<char, kAddressTextSize> last_sender{};
 std::atomic<std::uint16_t> last_port{0};
 
 constexpr std::size_t kBufferSize = 10'000;
 constexpr std::size_t kGuardSize = 64;
 constexpr std::uint8_t kGuardByte = 0xA5;
 std::span<std::uint8_t> buffer;  // the endpoint's, until it is cleared for the next datagram
-std::array<std::uint8_t, kBufferSize + kGuardSize> seen{};  // what it held at the last datagram
+
+// What the last datagram brought.
+struct Seen {
+  std::array<std::uint8_t, kBufferSize + kGuardSize> buffer{};
+  std::string sender;
+};
+std::mutex seen_mutex;
+Seen last_seen;
+
+Seen LastSeen() {
+  const std::lock_guard lock(seen_mutex);
+  return last_seen;
+}
 
 UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   // Both live for ever, because the receive thread does.
@@ -48,10 +60,13 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   endpoint.on_lost = [] { ++lost; };
   endpoint.on_datagram = [](std::span<const std::uint8_t> datagram, const char* sender,
                             std::uint16_t port) {
-    std::copy_n(sender, std::string_view(sender).size() + 1, last_sender.begin());
+    {
+      const std::lock_guard lock(seen_mutex);
+      std::ranges::copy(buffer, last_seen.buffer.begin());
+      last_seen.sender = sender;
+    }
     last_port = port;
     last_length = datagram.size();
-    std::ranges::copy(buffer, seen.begin());
     found_at_last_datagram = found.load();
     ++datagrams;
   };
@@ -90,7 +105,7 @@ TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   SendAndWait(sender, endpoint, 5);
   EXPECT_EQ(found_at_last_datagram, 1);
   EXPECT_EQ(last_length, 5U);
-  EXPECT_STREQ(last_sender.data(), "127.0.0.1");
+  EXPECT_EQ(LastSeen().sender, "127.0.0.1");
   EXPECT_EQ(last_port, sender.port());
   EXPECT_EQ(Peer(endpoint).port, sender.port());
   EXPECT_EQ(Peer(endpoint).address, htonl(INADDR_LOOPBACK));
@@ -143,7 +158,7 @@ TEST(UdpEndpoint, CutsALongDatagramToTheBuffer) {
   UdpSocket sender;
   SendAndWait(sender, endpoint, kBufferSize + 5000);
   EXPECT_EQ(last_length, kBufferSize);
-  EXPECT_EQ(seen[kBufferSize], kGuardByte);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
 }
 
 TEST(UdpEndpoint, TerminatesATextHoweverLongItIs) {
@@ -151,10 +166,11 @@ TEST(UdpEndpoint, TerminatesATextHoweverLongItIs) {
   UdpSocket sender;
   SendAndWait(sender, endpoint, kBufferSize);
   EXPECT_EQ(last_length, kBufferSize - 1);
-  EXPECT_EQ(seen[kBufferSize - 1], 0);
-  EXPECT_EQ(seen[kBufferSize], kGuardByte);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize - 1], 0);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
   SendAndWait(sender, endpoint, 5);
-  EXPECT_TRUE(std::all_of(seen.begin() + 5, seen.begin() + kBufferSize - 1,
+  const Seen seen = LastSeen();
+  EXPECT_TRUE(std::all_of(seen.buffer.begin() + 5, seen.buffer.begin() + kBufferSize - 1,
                           [](std::uint8_t byte) { return byte == 0; }));
 }
 
