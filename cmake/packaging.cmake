@@ -43,7 +43,7 @@ install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
 install(FILES packaging/completion/kestrelctl DESTINATION share/bash-completion/completions)
 install(FILES tools/clips/test-pattern-720p30.h264 DESTINATION share/kestrelbridge/clips)
-install(FILES README.md DESTINATION ${doc_dir})
+install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir})
 install(FILES tools/clips/README.md DESTINATION ${doc_dir}/tools/clips) # README.md links there
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
 install(FILES ${documents} DESTINATION ${doc_dir}/docs)

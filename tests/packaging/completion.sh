@@ -43,4 +43,10 @@ expect_only 'kestrelctl camera --set iso_s' iso_set=
 expect_only 'kestrelctl camera --set iso_set=1' 100 1600
 expect_only 'kestrelctl camera --set=iso_set=au' auto
 expect_only 'kestrelctl camera --set color_mode=black' 'black\ white'
+expect_only 'kestrelctl command ca' camera
+expect_only 'kestrelctl command camera m' mode
+expect_only 'kestrelctl command camera mode ph' photo
+expect_only 'kestrelctl command iso 6' 6400
+expect_only 'kestrelctl command color bl' 'black\ white'
+expect 'kestrelctl command iso ' auto --wait
 exit $failures
