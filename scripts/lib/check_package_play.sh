@@ -12,8 +12,8 @@ readonly camera_port=9104 # the daemon's own port for the phone is the camera's 
 
 # Runs a command on the box; so does look, which says nothing.
 on_box() {
-  nsenter --target "$box" --mount --net --pid --uts --ipc --cgroup --root --wd=/ -- \
-    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
+  nsenter --target "$box" --mount --net --pid --uts --ipc --cgroup --root -- \
+    env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
 }
 look() { on_box "$@" >/dev/null 2>&1; }
 
@@ -37,7 +37,7 @@ restarts() { on_box systemctl show --value --property NRestarts kestrelbridge; }
 has_rule() { [[ "$(rules)" -ge 1 ]]; }
 log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -q -- "$1"; }
 has_restarted_since() { [[ "$(restarts)" -gt $1 ]]; }
-rules() { on_box iptables -t nat -S PREROUTING | grep -c -- '--to-ports 9004' || true; }
+rules() { on_box iptables -t nat -S PREROUTING 2>/dev/null | grep -c -- '--to-ports 9004' || true; }
 
 # camera SECONDS: streams in the background and falls silent then.
 camera() {
@@ -58,12 +58,13 @@ expect_video() {
 step 'The service, as the package enabled it'
 wait_for 60 look systemctl is-active kestrelbridge || give_up 'the service did not start at boot'
 look systemctl is-enabled kestrelbridge || give_up 'the service is not enabled'
-on_box systemd-analyze verify --man=no kestrelbridge.service || give_up 'the unit has faults'
+on_box systemd-analyze verify --man=no /usr/lib/systemd/system/kestrelbridge.service || give_up 'the unit has faults'
 on_box systemd-analyze security --threshold=30 kestrelbridge.service | tail -n 1 ||
   give_up 'the service may do too much'
 done_with 'It runs since the boot.'
 
 step 'With options, a camera and an access point'
+nsenter --target "$box" --net -- ip address add 192.168.2.1/32 dev lo
 on_box sh -c "echo 'KESTRELBRIDGE_OPTIONS=--verbose --port=$camera_port' >/etc/default/kestrelbridge"
 on_box sh -c 'echo wlan1 >/run/kestrelbridge/ap.iface'
 on_box systemctl restart kestrelbridge

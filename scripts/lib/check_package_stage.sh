@@ -39,10 +39,10 @@ case "${3:-outside}" in
     trap clean_up EXIT
     trap 'exit 0' TERM INT HUP
     # The one child of unshare is process 1 of the new namespaces.
-    until read -r box _ <"/proc/$namespaces/task/$namespaces/children" && [[ -n $box ]]; do
+    until box="$(cat "/proc/$namespaces/task/$namespaces/children")" && [[ -n $box ]]; do
       sleep 0.1
-    done 2>/dev/null
-    echo "$box" >"$2/box.pid"
+    done
+    echo "${box%% *}" >"$2/box.pid"
     wait "$namespaces"
     ;;
 
@@ -52,7 +52,9 @@ case "${3:-outside}" in
     mount -t proc proc "$root/proc"
     mount --bind "$root/proc/sys" "$root/proc/sys"
     mount -o remount,bind,ro "$root/proc/sys"
-    mount --bind /dev/null "$root/proc/sysrq-trigger"
+    if [[ -e $root/proc/sysrq-trigger ]]; then
+      mount --bind /dev/null "$root/proc/sysrq-trigger"
+    fi
     mount -t sysfs -o ro sysfs "$root/sys"
     mount -t cgroup2 cgroup2 "$root/sys/fs/cgroup"
     mount -t tmpfs -o mode=755 tmpfs "$root/dev"
@@ -71,15 +73,14 @@ case "${3:-outside}" in
     mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
 
     ip link set lo up
-    ip address add 192.168.2.1/32 dev lo # the camera's
 
     cd "$root"
     pivot_root . .
     umount --lazy .
     # What this machine's hardware, clock, modules and kernel are concerned with, is not for the box.
-    exec env -i container=check PATH=/usr/sbin:/usr/bin:/sbin:/bin capsh \
-      --drop=cap_sys_module,cap_sys_rawio,cap_sys_time,cap_sys_boot,cap_syslog,cap_mknod,cap_wake_alarm,cap_mac_admin,cap_mac_override \
-      --shell=/lib/systemd/systemd -- --system --unit=multi-user.target --log-target=console \
+    exec env -i container=check PATH=/usr/sbin:/usr/bin:/sbin:/bin setpriv \
+      --bounding-set=-sys_module,-sys_rawio,-sys_time,-sys_boot,-syslog,-mknod,-wake_alarm \
+      /lib/systemd/systemd --system --unit=multi-user.target --log-target=console \
       --log-level=notice --show-status=no </dev/null
     ;;
 esac
