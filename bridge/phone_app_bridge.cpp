@@ -1,6 +1,7 @@
 #include "bridge/phone_app_bridge.h"
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 
@@ -13,7 +14,9 @@ namespace {
 
 struct PhoneAppBridge {
   UdpEndpoint endpoint;
-  bool trace = false;  // a line for each relayed datagram; nothing switches it on
+  // A line for each relayed datagram; nothing switches it on. Written at start-up, when the
+  // camera's receive thread already reads it.
+  std::atomic<bool> trace{false};
   std::array<std::uint8_t, kReceiveBufferSize> receive_buffer{};
 };
 

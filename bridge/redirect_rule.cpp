@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace kestrelbridge {
 namespace {
@@ -16,13 +17,17 @@ bool IsPlainCharacter(char character) {
   return letter || digit || kPlainMarks.find(character) != std::string_view::npos;
 }
 
-// The name is shown with '?' for what a terminal should not get from a stranger.
+// The name is shown with '?' for what a terminal should not get from a stranger. One write: other
+// threads log meanwhile.
 void ReportUnusable(const char* what, std::string_view name) {
-  std::fprintf(stderr, "No redirect rule for the phone app: %s \"", what);
-  for (const char character : name) {
-    std::fputc(character > ' ' && character <= '~' ? character : '?', stderr);
-  }
-  std::fprintf(stderr, "\" may only have letters, digits, blanks and . _ - : @ +\n");
+  std::string shown(name);
+  std::ranges::replace_if(
+      shown, [](char character) { return character < ' ' || character > '~'; }, '?');
+  std::fprintf(
+      stderr,
+      "No redirect rule for the phone app: %s \"%s\" may only have letters, digits, blanks "
+      "and . _ - : @ +\n",
+      what, shown.c_str());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "control/rc_block.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,10 +9,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/shared_memory.h"
+
 namespace kestrelbridge {
 namespace {
 
-constexpr mode_t kBlockMode = 0600;
 constexpr auto kBlockLength = static_cast<off_t>(kRcBlockSize);
 
 void CloseRcBlock(RcBlock& block) {
@@ -41,12 +41,12 @@ bool Refuse(RcBlock& block, const char* action, int error) {
 
 // Takes the block of the remote-control process, or creates it for that process to find.
 int OpenOrCreate(bool quiet) {
-  const int descriptor = shm_open(kRcBlockName, O_RDWR, kBlockMode);  // close-on-exec by itself
+  const int descriptor = OpenSharedBlock(kRcBlockName);
   if (!quiet) {
     std::fprintf(stderr,
                  descriptor == -1 ? "Creating new shared raw RC\n" : "Shared raw RC mem opened\n");
   }
-  return descriptor != -1 ? descriptor : shm_open(kRcBlockName, O_RDWR | O_CREAT, kBlockMode);
+  return descriptor != -1 ? descriptor : OpenOrCreateSharedBlock(kRcBlockName);
 }
 
 // A page behind the end of a file that was cut short cannot be touched without a SIGBUS, and a
@@ -67,23 +67,16 @@ void CountGoodRead(RcBlock& block) {
 
 bool OpenRcBlock(RcBlock& block) {
   CloseRcBlock(block);
-  block.descriptor = OpenOrCreate(block.in_trouble);
-  if (block.descriptor == -1) {
+  const int descriptor = OpenOrCreate(block.in_trouble);
+  if (descriptor == -1) {
     return Refuse(block, "open", errno);
   }
-  if (ftruncate(block.descriptor, kBlockLength) != 0) {
-    return Refuse(block, "size", errno);
+  const SharedBlock mapped = MapSharedBlock(descriptor, kRcBlockSize);
+  if (mapped.bytes == nullptr) {
+    return Refuse(block, mapped.failed_step, mapped.error);
   }
-  // Without the reservation a full /dev/shm would show as a SIGBUS in flight.
-  if (const int error = posix_fallocate(block.descriptor, 0, kBlockLength); error != 0) {
-    return Refuse(block, "reserve", error);
-  }
-  void* mapped =
-      mmap(nullptr, kRcBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, block.descriptor, 0);
-  if (mapped == MAP_FAILED) {
-    return Refuse(block, "map", errno);
-  }
-  block.bytes = static_cast<std::uint8_t*>(mapped);
+  block.descriptor = mapped.descriptor;
+  block.bytes = mapped.bytes;
   return true;
 }
 

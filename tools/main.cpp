@@ -6,6 +6,11 @@
 #include <exception>
 
 #include "tools/camera_command.h"
+#include "tools/command_command.h"
+#include "tools/phone_command.h"
+#include "tools/rc_command.h"
+#include "tools/telemetry_command.h"
+#include "tools/tool_error.h"
 #include "tools/video_command.h"
 
 namespace {
@@ -14,8 +19,9 @@ using AddCommand = void (*)(CLI::App& app);
 
 // In the order in which --help lists them.
 constexpr AddCommand kCommands[] = {
-    kestrelbridge::AddCameraCommand,
-    kestrelbridge::AddVideoCommand,
+    kestrelbridge::AddCameraCommand,    kestrelbridge::AddVideoCommand,
+    kestrelbridge::AddTelemetryCommand, kestrelbridge::AddCommandCommand,
+    kestrelbridge::AddRcCommand,        kestrelbridge::AddPhoneCommand,
 };
 
 int Run(int argc, char** argv) {
@@ -37,6 +43,9 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
+  } catch (const kestrelbridge::ToolError& error) {
+    std::fprintf(stderr, "kestrelctl: %s\n", error.what());
+    return error.exit_code();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kestrelctl: %s\n", error.what());
     return 1;

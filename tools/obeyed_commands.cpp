@@ -17,6 +17,7 @@ namespace kestrelbridge {
 namespace {
 
 using Payload = std::span<const std::uint8_t>;
+using Words = std::optional<std::string>;
 
 constexpr std::uint8_t kCommandFlags = 0x40;
 
@@ -36,10 +37,8 @@ struct CommandRow {
   std::string_view name;
   // Changes the model and returns the words after the name; nothing when the camera does not have
   // a code of the payload, and then the model is as it was.
-  std::optional<std::string> (*apply)(const Order& order);
+  Words (*apply)(const Order& order);
 };
-
-using Words = std::optional<std::string>;
 
 // The word for a code that the camera has.
 Words WordOf(const Setting& setting, std::uint8_t code) {
@@ -57,7 +56,7 @@ struct Name {
 // The payload's byte at `offset` becomes the field's code; bytes around it don't matter.
 template <Name field, std::size_t offset = 0>
 Words Code(const Order& order) {
-  const Words word = WordOf(*FindField(field.text)->setting, order.payload[offset]);
+  Words word = WordOf(*FindField(field.text)->setting, order.payload[offset]);
   if (word) {
     Set(order.model, field.text, order.payload[offset]);
   }
@@ -72,7 +71,7 @@ Words OneOf(const Order& order, std::span<const std::string_view> words) {
 
 Words Recording(const Order& order) {
   constexpr std::string_view kWords[] = {"stop", "start"};
-  const Words word = OneOf(order, kWords);
+  Words word = OneOf(order, kWords);
   if (!word) {
     return word;
   }
@@ -94,7 +93,7 @@ Words Shot(const Order& order) {
 }
 
 Words ImageMode(const Order& order) {
-  const Words word = WordOf(kImageMode, order.payload[0]);
+  Words word = WordOf(kImageMode, order.payload[0]);
   if (word) {
     SetImageModeCode(order.model, order.payload[0]);
   }
@@ -112,7 +111,7 @@ Words Shutter(const Order& order) {
 }
 
 Words Iso(const Order& order) {
-  const Words word = WordOf(kIso, order.payload[0]);
+  Words word = WordOf(kIso, order.payload[0]);
   if (word) {
     SetIsoCode(order.model, order.payload[0]);
   }
@@ -121,7 +120,7 @@ Words Iso(const Order& order) {
 
 // Each mode comes with a temperature, presets with their own.
 Words WhiteBalance(const Order& order) {
-  const Words word = Code<"wb">(order);
+  Words word = Code<"wb">(order);
   if (!word) {
     return word;
   }
@@ -163,7 +162,7 @@ Words Power(const Order& order) {
 
 Words HistogramSwitch(const Order& order) {
   constexpr std::string_view kWords[] = {"off", "on"};
-  const Words word = OneOf(order, kWords);
+  Words word = OneOf(order, kWords);
   if (word) {
     order.model.histogram_on = order.payload[0] == 1;
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <span>
 
 #include "tools/stop_signal.h"
 
@@ -15,13 +16,15 @@ using std::chrono::nanoseconds;
 
 constexpr std::chrono::milliseconds kGrace{500};
 
-void Poll(std::array<pollfd, 2>& descriptors, nanoseconds timeout) {
+void Poll(std::span<pollfd> descriptors, nanoseconds timeout) {
   const auto wait = std::max(timeout, nanoseconds::zero());
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
   const timespec limit = {.tv_sec = static_cast<std::time_t>(seconds.count()),
                           .tv_nsec = static_cast<long>((wait - seconds).count())};
   if (ppoll(descriptors.data(), descriptors.size(), &limit, nullptr) <= 0) {
-    descriptors[0].revents = descriptors[1].revents = 0;
+    for (pollfd& descriptor : descriptors) {
+      descriptor.revents = 0;
+    }
   }
 }
 
@@ -34,10 +37,13 @@ RunEnd::RunEnd(double duration_s) : stop_signal_(OpenStopSignal()), end_(Clock::
   }
 }
 
-bool RunEnd::Wait(nanoseconds pause, int output) {
+bool RunEnd::Wait(nanoseconds pause, int output) { return WaitForInput(-1, pause, output); }
+
+bool RunEnd::WaitForInput(int input, nanoseconds pause, int output) {
   const auto left = end_ - Clock::now();
-  std::array<pollfd, 2> descriptors = {{{.fd = stop_signal_, .events = POLLIN, .revents = 0},
-                                        {.fd = output, .events = 0, .revents = 0}}};
+  std::array<pollfd, 3> descriptors = {{{.fd = stop_signal_, .events = POLLIN, .revents = 0},
+                                        {.fd = output, .events = 0, .revents = 0},
+                                        {.fd = input, .events = POLLIN, .revents = 0}}};
   Poll(descriptors, std::min<nanoseconds>(pause, left));
   stopped_ = stopped_ || descriptors[0].revents != 0 || Clock::now() >= end_;
   return stopped_ || descriptors[1].revents != 0;

@@ -17,6 +17,9 @@ class RunEnd {
   // closed its pipe; true then. Output -1: nobody to watch.
   bool Wait(std::chrono::nanoseconds pause, int output);
 
+  // The same, but waits no longer than until `input` has something to read.
+  bool WaitForInput(int input, std::chrono::nanoseconds pause, int output);
+
   // Waits until `output` takes bytes or has failed. False when it does neither and it is time to
   // end; a reader gets a short grace then, so that it does not lose half a unit.
   bool WaitForRoom(int output);

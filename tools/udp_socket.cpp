@@ -1,9 +1,11 @@
 #include "tools/udp_socket.h"
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -37,13 +39,13 @@ void EnlargeBuffer(int socket, int forced_option, int plain_option) {
   }
 }
 
-ToolError BindError(UdpPeer local, int error) {
+[[noreturn]] void RefuseAddress(UdpPeer local, int error) {
   const std::string place = HostPortText(local);
   if (error == EADDRINUSE) {
-    return ToolError(place + ": address in use; end the program that listens there (\"ss -ulnp\" " +
-                     "names it) or choose another port");
+    throw AddressInUseError(place + ": address in use; end the program that listens there (\"ss " +
+                            "-ulnp\" names it) or choose another port");
   }
-  return ToolError("cannot listen on " + place + ": " + std::strerror(error));
+  throw ToolError("cannot listen on " + place + ": " + std::strerror(error));
 }
 
 }  // namespace
@@ -59,7 +61,7 @@ UdpSocket::UdpSocket(UdpPeer local) {
   if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int error = errno;
     close(socket);
-    throw BindError(local, error);
+    RefuseAddress(local, error);
   }
   socket_ = socket;
 }
@@ -81,6 +83,12 @@ bool UdpSocket::Send(std::span<const std::uint8_t> datagram, UdpPeer to) const {
                   reinterpret_cast<const sockaddr*>(&address), sizeof address);
   } while (sent == -1 && errno == EINTR);
   return sent == static_cast<ssize_t>(datagram.size());
+}
+
+bool UdpSocket::WaitForDatagram(std::chrono::nanoseconds patience) const {
+  pollfd descriptor = {.fd = socket_, .events = POLLIN, .revents = 0};
+  const auto patience_ms = std::chrono::ceil<std::chrono::milliseconds>(patience).count();
+  return poll(&descriptor, 1, static_cast<int>(std::max<std::int64_t>(patience_ms, 0))) > 0;
 }
 
 bool UdpSocket::Receive(std::span<std::uint8_t> buffer, std::span<const std::uint8_t>& datagram,

@@ -1,6 +1,7 @@
 // A plain UDP socket for the stand-ins, which poll instead of having a receive thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <span>
 
@@ -12,7 +13,7 @@ namespace kestrelbridge {
 class UdpSocket {
  public:
   // Binds to the address (port 0: a free one), with socket buffers as large as the daemon's. Throws
-  // ToolError when that fails.
+  // ToolError when that fails, AddressInUseError when somebody else listens there.
   explicit UdpSocket(UdpPeer local);
   ~UdpSocket();
   UdpSocket(const UdpSocket&) = delete;
@@ -23,6 +24,9 @@ class UdpSocket {
 
   // Sends one datagram; waits while the send buffer is full. False when the system refused it.
   [[nodiscard]] bool Send(std::span<const std::uint8_t> datagram, UdpPeer to) const;
+
+  // Waits until a datagram has arrived; false when none has within that time.
+  [[nodiscard]] bool WaitForDatagram(std::chrono::nanoseconds patience) const;
 
   // Takes one datagram that has arrived, without waiting. False when there is none. `datagram` is
   // the part of the buffer that it fills.

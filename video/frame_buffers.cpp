@@ -1,7 +1,5 @@
 #include "video/frame_buffers.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,12 +10,11 @@
 
 #include "base/byte_order.h"
 #include "base/run_paths.h"
+#include "base/shared_memory.h"
 #include "kestrelbridge/frame_block.h"
 
 namespace kestrelbridge {
 namespace {
-
-constexpr mode_t kBlockMode = 0600;
 
 // Set by start-up before the camera's receive thread exists; that thread alone uses them after.
 constinit std::span<std::uint8_t> frame_block{};
@@ -33,29 +30,17 @@ std::span<std::uint8_t> Refuse(const char* action, const char* name, std::size_t
   return {};
 }
 
-// Takes over the block of an earlier run or creates it. The descriptor stays open for the life of
-// the process. Returns an empty span when that fails.
+// Takes over the block of an earlier run or creates it. Returns an empty span when that fails.
 std::span<std::uint8_t> MapBlock(const char* name, std::size_t size) {
-  int descriptor = shm_open(name, O_RDWR, kBlockMode);  // close-on-exec by itself
-  if (descriptor == -1) {
-    descriptor = shm_open(name, O_RDWR | O_CREAT, kBlockMode);
-  }
+  const int descriptor = OpenOrCreateSharedBlock(name);
   if (descriptor == -1) {
     return Refuse("open", name, size, errno);
   }
-  // Without the reservation a full /dev/shm would show as a SIGBUS in flight. It comes before the
-  // size: a block that has its size has its memory too, and a reader may touch it.
-  if (const int error = posix_fallocate(descriptor, 0, static_cast<off_t>(size)); error != 0) {
-    return Refuse("reserve", name, size, error);
+  const SharedBlock block = MapSharedBlock(descriptor, size);
+  if (block.bytes == nullptr) {
+    return Refuse(block.failed_step, name, size, block.error);
   }
-  if (ftruncate(descriptor, static_cast<off_t>(size)) != 0) {
-    return Refuse("size", name, size, errno);
-  }
-  void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
-  if (mapped == MAP_FAILED) {
-    return Refuse("map", name, size, errno);
-  }
-  return {static_cast<std::uint8_t*>(mapped), size};
+  return {block.bytes, size};
 }
 
 // Zeroes the ring under its readers, slot headers first: a reader that copied zeroed payload finds

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The demo's play, run by scripts/demo once the stage is set: camera, daemon and reader start, the
-# video flows, the camera falls silent, and what arrived is compared with what was sent.
+# The demo's play, run by scripts/demo once the stage is set: camera, daemon and reader start, video
+# and telemetry flow, the camera obeys a few commands, it falls silent, and what arrived is compared
+# with what was sent.
 #
 #   demo_play.sh CAMERA_ADDRESS SECONDS [CAMERA_OPTION...]
 # shellcheck source=scripts/lib/common.sh
@@ -100,12 +101,58 @@ start_everybody() {
   done_with 'The daemon found the camera.'
 }
 
+# telemetry_for SECONDS: all of it into the log, a line a second for people.
+telemetry_for() {
+  "$bin/kestrelctl" telemetry --json --duration "$1" 2>>"$out/telemetry.log" |
+    tee -a "$out/telemetry.log" | grep --line-buffered '"type":"text"' |
+    sed -u 's/.*"camera_model":"\([^"]*\)".*"battery_level":"\([^"]*\)".*"format":"\([^"]*\)".*"iso":"\([^"]*\)".*/         telemetry: \1, \3, ISO \4, battery \2 %/'
+}
+
+# The telemetry of a few seconds, beside the statistics of the video.
 watch_video() {
-  local seconds=$((stream_seconds > 3 ? stream_seconds - 2 : 1))
+  local seconds=$((stream_seconds > 12 ? stream_seconds - 10 : 2))
+  telemetry_for "$seconds" &
+  pids[telemetry]=$!
   "$bin/kestrelctl" video --stats --live --duration "$seconds" > >(sed -u 's/^/    /') 2>&1 &
   pids[statistics]=$!
   await_end statistics $((seconds + 10)) || give_up 'the statistics did not end'
   [[ $exit_code -eq 0 ]] || give_up 'the frame ring could not be read'
+  await_end telemetry 10 || give_up 'the telemetry did not end'
+  [[ $exit_code -eq 0 ]] || give_up "no telemetry: $(tail -n 1 "$out/telemetry.log")"
+}
+
+# records TYPE: how many of that type the telemetry brought.
+records() { grep -c "\"type\":\"$1\"" "$out/telemetry.log" || true; }
+
+# value_of KEY: from the latest text record.
+value_of() {
+  grep '"type":"text"' "$out/telemetry.log" | tail -n 1 |
+    sed -n "s/.*\"$1\":\"\([^\"]*\)\".*/\1/p"
+}
+
+check_telemetry() {
+  local texts statuses histograms
+  texts="$(records text)" statuses="$(records status)" histograms="$(records histogram)"
+  say "$(value_of camera_model) in $(value_of camera_mode) mode:" \
+    "$texts text, $statuses status and $histograms histogram records"
+  [[ $texts -ge 1 && $statuses -ge $((texts * 3)) && $histograms -ge 1 ]] ||
+    give_up 'text, status and histogram records should have come, five times as many of the latter'
+  [[ $(value_of camera_detected) == 1 ]] || give_up 'the telemetry knows no camera'
+  done_with 'The main application sees what the camera reports.'
+}
+
+# command WORD...: one command of the main application, until the telemetry shows its effect.
+command_camera() {
+  "$bin/kestrelctl" command --wait "$@" >>"$out/commands.log" 2>&1 ||
+    give_up "the camera did not do it: $* ($(tail -n 1 "$out/commands.log"))"
+  say "kestrelctl command $*"
+}
+
+command_and_look() {
+  command_camera iso 800
+  command_camera wb cloudy
+  command_camera record start
+  done_with 'The effect of each came back in the telemetry.'
 }
 
 check_picture_size() {
@@ -186,6 +233,10 @@ start_everybody
 step 'The video flows'
 watch_video
 check_picture_size
+step 'The telemetry'
+check_telemetry
+step 'Commands'
+command_and_look
 step 'The camera falls silent'
 camera_falls_silent
 step 'What arrived, compared with what was sent'

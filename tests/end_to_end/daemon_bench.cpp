@@ -51,7 +51,8 @@ std::vector<std::string> DaemonCommandFor(std::uint16_t camera_port) {
 std::vector<BoundPort> UdpPortsOf(pid_t process) {
   const std::set<std::string> sockets = SocketsOf(process);
   std::vector<BoundPort> ports;
-  std::ifstream table("/proc/net/udp");
+  // Its own view: it may live in another network namespace than we.
+  std::ifstream table("/proc/" + std::to_string(process) + "/net/udp");
   std::string line;
   std::getline(table, line);  // the titles
   while (std::getline(table, line)) {
@@ -71,6 +72,13 @@ std::vector<BoundPort> UdpPortsOf(pid_t process) {
   }
   std::ranges::sort(ports, {}, &BoundPort::port);
   return ports;
+}
+
+bool WaitForBridge(pid_t process) {
+  return Eventually([process] {
+    return std::ranges::any_of(UdpPortsOf(process),
+                               [](const BoundPort& port) { return port.port == kPhonePort; });
+  });
 }
 
 bool WaitUntilRead(pid_t process) {

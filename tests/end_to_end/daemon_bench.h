@@ -21,6 +21,9 @@ inline constexpr std::uint16_t kCameraPort = 9004;
 // A camera on the daemon's own host leaves port 9004 to the daemon only when it listens elsewhere.
 inline constexpr std::uint16_t kOtherCameraPort = 9104;
 
+// Where the daemon waits for the phone app.
+inline constexpr std::uint16_t kPhonePort = 9004;
+
 // Empties /run/kestrelbridge and /dev/shm. For tests to which it matters what an earlier daemon
 // left there, as when all tests run in one program.
 void ForgetEarlierRuns();
@@ -38,6 +41,10 @@ struct BoundPort {
 };
 // All UDP ports of the process, in the order of their numbers.
 std::vector<BoundPort> UdpPortsOf(pid_t process);
+
+// Waits until the process has opened the phone app's port: its start is complete, the redirect rule
+// has been asked for.
+bool WaitForBridge(pid_t process);
 
 // Waits until the process has read everything that was sent to it.
 bool WaitUntilRead(pid_t process);

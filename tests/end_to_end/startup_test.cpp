@@ -223,13 +223,15 @@ ChildProcess StartWithOpenFiles(int limit) {
 }
 
 TEST_F(StartUp, EndsWithCodeOneWhenAMainApplicationEndpointCannotBeOpened) {
-  ChildProcess daemon = StartWithOpenFiles(4);  // one more than the standard three
+  ChildProcess daemon =
+      StartWithOpenFiles(5);  // beside the standard three: remote control, one socket
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
-  EXPECT_TRUE(daemon.Error().ends_with(":5000\nFailed\n")) << daemon.Error();
+  EXPECT_TRUE(daemon.Error().ends_with(":5000\nCreating new shared raw RC\nFailed\n"))
+      << daemon.Error();
 }
 
 TEST_F(StartUp, EndsWithCodeOneAndNoWordWhenTheCameraEndpointCannotBeOpened) {
-  ChildProcess daemon = StartWithOpenFiles(7);  // two sockets and two blocks
+  ChildProcess daemon = StartWithOpenFiles(8);  // two sockets and three blocks
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
   EXPECT_TRUE(daemon.Error().ends_with(" via iface wifi0\n")) << daemon.Error();
 }

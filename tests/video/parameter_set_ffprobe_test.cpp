@@ -55,8 +55,9 @@ TEST(ParameterSet, AgreesWithFfprobeOnWhatX264Makes) {
       {320, 240, "high", "yuv420p", "-x264-params cqm=jvt"},
       {720, 576, "main", "yuv420p", "-flags +ilme+ildct"},
   };
-  const auto folder = std::filesystem::path(testing::TempDir()) / "parameter_set_ffprobe";
-  std::filesystem::create_directories(folder);
+  std::string folder_name = testing::TempDir() + "/kestrelbridge.XXXXXX";
+  ASSERT_NE(mkdtemp(folder_name.data()), nullptr);
+  const std::filesystem::path folder = folder_name;
   const std::string clip = (folder / "clip.h264").string();
   for (const Row& row : rows) {
     const std::string size = std::to_string(row.width) + "x" + std::to_string(row.height);

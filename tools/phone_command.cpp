@@ -1,0 +1,166 @@
+#include "tools/phone_command.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "tools/host_port.h"
+#include "tools/number_option.h"
+#include "tools/run_end.h"
+#include "tools/simulated_phone.h"
+#include "tools/tool_error.h"
+#include "tools/udp_socket.h"
+#include "tools/video_output.h"
+
+namespace kestrelbridge {
+namespace {
+
+using std::chrono::duration;
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kReportPeriod{1};
+constexpr double kMaxSeconds = 1e7;
+
+struct CommandLine {
+  std::string to = "192.168.2.1:9004";
+  std::uint16_t local_port = 0;
+  double duration_s = 0;
+  std::string output;
+  bool no_acknowledge = false;
+  PhoneOptions phone;
+};
+
+unsigned long long Ull(std::uint64_t value) { return value; }
+
+// Prints a line a second about the stream.
+class Progress {
+ public:
+  Progress(std::FILE* file, SteadyTime start) : file_(file), start_(start), last_(start) {}
+
+  [[nodiscard]] SteadyTime NextReport() const { return last_ + kReportPeriod; }
+
+  void Report(const SimulatedPhone& phone, SteadyTime now) {
+    if (now < NextReport()) {
+      return;
+    }
+    const StreamCounters& stream = phone.Stream();
+    const double elapsed_s = duration<double>(now - last_).count();
+    const auto bits = static_cast<double>((stream.bytes - last_bytes_) * 8);
+    last_ += std::chrono::floor<std::chrono::seconds>(now - last_);
+    last_bytes_ = stream.bytes;
+    std::fprintf(
+        file_, "%.0f s: datagrams %llu, %.2f Mbit/s, gaps %llu, reordered %llu, foreign %llu\n",
+        duration<double>(last_ - start_).count(), Ull(stream.datagrams), bits / elapsed_s / 1e6,
+        Ull(stream.gaps), Ull(stream.reordered), Ull(phone.Counters().foreign_datagrams));
+  }
+
+ private:
+  std::FILE* file_;
+  SteadyTime start_;
+  SteadyTime last_;
+  std::uint64_t last_bytes_ = 0;
+};
+
+// The keys of the summary; scripts look for them.
+template <typename Counters>
+struct SummaryLine {
+  const char* key;
+  std::uint64_t Counters::*counter;
+};
+constexpr SummaryLine<StreamCounters> kStreamSummary[] = {
+    {"datagrams", &StreamCounters::datagrams},
+    {"bytes", &StreamCounters::bytes},
+    {"command_data", &StreamCounters::command_data},
+    {"video", &StreamCounters::video},
+    {"other_kinds", &StreamCounters::other_kinds},
+    {"bad_datagrams", &StreamCounters::bad_datagrams},
+    {"gaps", &StreamCounters::gaps},
+    {"reordered", &StreamCounters::reordered},
+    {"units", &StreamCounters::units},
+    {"broken_units", &StreamCounters::broken_units},
+};
+constexpr SummaryLine<PhoneCounters> kPhoneSummary[] = {
+    {"foreign_datagrams", &PhoneCounters::foreign_datagrams},
+    {"keepalives_sent", &PhoneCounters::keepalives_sent},
+    {"acknowledgements_sent", &PhoneCounters::acknowledgements_sent},
+    {"send_failures", &PhoneCounters::send_failures},
+};
+
+void PrintSummary(std::FILE* file, const SimulatedPhone& phone) {
+  std::fprintf(file, "summary\n");
+  for (const auto& line : kStreamSummary) {
+    std::fprintf(file, "%s: %llu\n", line.key, Ull(phone.Stream().*line.counter));
+  }
+  for (const auto& line : kPhoneSummary) {
+    std::fprintf(file, "%s: %llu\n", line.key, Ull(phone.Counters().*line.counter));
+  }
+}
+
+void RunPhone(CommandLine& line) {
+  std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);  // whole lines also into a pipe
+  std::FILE* const report = line.output == "-" ? stderr : stdout;
+  line.phone.to = *ParseHostPort(line.to);
+  line.phone.acknowledge = !line.no_acknowledge;
+  if (line.phone.to.port == 0) {
+    throw ToolError("--to " + line.to + ": port 0 cannot be sent to");
+  }
+  RunEnd end(line.duration_s);
+  VideoOutput output(line.output);
+  const UdpSocket socket(UdpPeer{.port = line.local_port});
+  bool reader_gone = false;
+  SimulatedPhone phone(line.phone, socket,
+                       [&](auto unit) { reader_gone = reader_gone || !output.Write(unit, end); });
+  std::fprintf(report, "sending to %s from port %u\n", line.to.c_str(),
+               unsigned{socket.Local().port});
+  // Whose closed pipe ends the run.
+  const int watched = output.descriptor() != -1 ? output.descriptor() : STDOUT_FILENO;
+  Progress progress(report, steady_clock::now());
+  for (bool ended = false; !ended;) {
+    phone.Receive();
+    const SteadyTime now = steady_clock::now();
+    phone.Send(now);
+    progress.Report(phone, now);
+    const auto pause = std::min(phone.NextSend(), progress.NextReport()) - now;
+    ended = reader_gone || end.WaitForInput(socket.Descriptor(), pause, watched);
+  }
+  output.Close();
+  PrintSummary(report, phone);
+}
+
+}  // namespace
+
+void AddPhoneCommand(CLI::App& app) {
+  CLI::App* const command = app.add_subcommand(
+      "phone", "Simulated phone app: talks to the camera through the box and checks the answers");
+  command->footer(
+      "Ctrl-C ends it with the summary. Run it on a machine in the box's access-point network, "
+      "whose way to the camera's address leads through the box.");
+  const auto line = std::make_shared<CommandLine>();
+  command->add_option("--to", line->to, "The camera's address, as the phone knows it")
+      ->type_name("HOST:PORT")
+      ->check(HostPortValidator())
+      ->capture_default_str();
+  command->add_option("--local-port", line->local_port, "Port to send from; 0: a free one")
+      ->check(NumberBetween(0, UINT16_MAX))
+      ->capture_default_str();
+  command->add_option("--duration", line->duration_s, "End after so many seconds (default: never)")
+      ->check(NumberBetween(0.01, kMaxSeconds));
+  command->add_option("--rate", line->phone.keepalives_per_second, "Keepalives a second")
+      ->check(NumberBetween(0.1, 1000))
+      ->capture_default_str();
+  command->add_flag("--no-acknowledge", line->no_acknowledge,
+                    "Send no unit acknowledgements, only keepalives");
+  command
+      ->add_option("--output", line->output,
+                   "Write every whole unit to this file; - is standard output, and the report goes "
+                   "to standard error then")
+      ->type_name("FILE");
+  command->callback([line] { RunPhone(*line); });
+}
+
+}  // namespace kestrelbridge

@@ -1,0 +1,66 @@
+// A phone without a phone: what the camera's app does on the network once it shows the picture.
+// It talks to the camera's address, keeps the camera awake, acknowledges units, and checks what
+// comes back on the same socket.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <vector>
+
+#include "net/udp_endpoint.h"
+#include "tools/phone_stream.h"
+#include "tools/udp_socket.h"
+#include "tools/unit_schedule.h"
+
+namespace kestrelbridge {
+
+struct PhoneOptions {
+  UdpPeer to;  // the camera, as the phone knows it
+  double keepalives_per_second = 5;
+  bool acknowledge = true;  // every whole unit
+};
+
+struct PhoneCounters {
+  std::uint64_t keepalives_sent = 0;
+  std::uint64_t acknowledgements_sent = 0;
+  std::uint64_t send_failures = 0;      // packets that the system did not take
+  std::uint64_t foreign_datagrams = 0;  // from elsewhere than where we send to; not looked into
+};
+
+using UnitSink = std::function<void(std::span<const std::uint8_t> unit)>;
+
+class SimulatedPhone {
+ public:
+  // Every whole unit goes to the sink. The socket must outlive the phone.
+  SimulatedPhone(const PhoneOptions& options, const UdpSocket& socket, UnitSink on_unit);
+
+  // Takes the datagrams that have arrived and acknowledges units.
+  void Receive();
+
+  // Sends a keepalive when one is due.
+  void Send(SteadyTime now);
+
+  // When the next keepalive is due.
+  [[nodiscard]] SteadyTime NextSend() const { return next_keepalive_; }
+
+  [[nodiscard]] const PhoneCounters& Counters() const { return counters_; }
+  [[nodiscard]] const StreamCounters& Stream() const { return stream_.Counters(); }
+
+ private:
+  void TakeForeign(UdpPeer from);
+  void SendPacket(std::span<const std::uint8_t> packet, std::uint64_t& counter);
+
+  PhoneOptions options_;
+  const UdpSocket& socket_;
+  UnitSink on_unit_;
+  std::chrono::nanoseconds keepalive_period_;
+  SteadyTime next_keepalive_;  // the first one at once
+  std::uint16_t frame_sequence_;
+  PhoneStream stream_;
+  std::vector<std::uint8_t> receive_;
+  PhoneCounters counters_;
+};
+
+}  // namespace kestrelbridge
