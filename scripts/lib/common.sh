@@ -39,8 +39,14 @@ readonly build_packages=(g++ cmake ninja-build pkg-config libcjson-dev libcli11-
   demo_packages=(util-linux iproute2) \
   test_packages=(libgtest-dev util-linux iproute2 iptables ffmpeg)
 
+# is_installed PACKAGE[:ARCH]: several architectures of one package may be there side by side.
 is_installed() {
-  [[ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" == installed ]]
+  local arch
+  arch="$(dpkg --print-architecture)"
+  if [[ $1 == *:* ]]; then arch="${1#*:}"; fi
+  # shellcheck disable=SC2016 # dpkg's variables
+  dpkg-query --show --showformat='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
+    grep -qxE "installed ($arch|all)"
 }
 
 # Runs a command as root.

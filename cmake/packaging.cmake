@@ -1,0 +1,146 @@
+# What `cmake --install` installs, and the Debian packages that cpack makes of it (scripts/package).
+#
+#   component   package             holds
+#   daemon      kestrelbridge       daemon, kestrelctl, service, manual pages, documentation, a clip
+#   dev         kestrelbridge-dev   the headers of the shared memory, for other programs
+#
+# The layout is Debian's, below any prefix. The prefix /usr stands for the system's own packages:
+# there the configuration is in /etc, and what Debian wants to know about a package comes with it.
+
+include(CMakePackageConfigHelpers)
+
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME daemon)
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(doc_dir share/doc/kestrelbridge)
+set(dev_doc_dir share/doc/kestrelbridge-dev)
+set(for_system FALSE)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(for_system TRUE)
+endif()
+
+# install_text(TEMPLATE DESTINATION COMPONENT [COMPRESS] [KEEP]): a text that names the version or
+# installed paths. It is filled in while installing, since the prefix may be chosen as late as that.
+# COMPRESS: with gzip. KEEP: a file that is there already is the administrator's.
+function(install_text template destination component)
+  cmake_parse_arguments(arg "COMPRESS;KEEP" "" "" ${ARGN})
+  install(CODE "set(template [[${PROJECT_SOURCE_DIR}/packaging/${template}]])
+set(folder [[${destination}]])
+set(staging [[${PROJECT_BINARY_DIR}/packaging/${component}]])
+set(version ${PROJECT_VERSION})
+set(compress ${arg_COMPRESS})
+set(keep ${arg_KEEP})" COMPONENT ${component})
+  install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/install_text.cmake COMPONENT ${component})
+endfunction()
+
+# --- daemon -----------------------------------------------------------------------------------
+
+install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
+install(TARGETS kestrelctl RUNTIME DESTINATION bin)
+install_text(kestrelbridge.service.in lib/systemd/system daemon)
+install_text(default/kestrelbridge.in @sysconfdir@/default daemon KEEP)
+install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
+install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
+install(FILES packaging/completion/kestrelctl DESTINATION share/bash-completion/completions)
+install(FILES tools/clips/test-pattern-720p30.h264 DESTINATION share/kestrelbridge/clips)
+install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir})
+install(FILES tools/clips/README.md DESTINATION ${doc_dir}/tools/clips) # README.md links there
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+install(FILES ${documents} DESTINATION ${doc_dir}/docs)
+
+# --- dev --------------------------------------------------------------------------------------
+
+# find_package(kestrelbridge) gives kestrelbridge::frame_block. Header-only, so the same files serve
+# every architecture.
+add_library(kestrelbridge_frame_block INTERFACE)
+set_target_properties(kestrelbridge_frame_block PROPERTIES EXPORT_NAME frame_block)
+target_compile_features(kestrelbridge_frame_block INTERFACE cxx_std_17)
+target_include_directories(kestrelbridge_frame_block INTERFACE
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
+target_link_libraries(kestrelbridge_frame_block INTERFACE rt)
+
+set(cmake_dir share/cmake/kestrelbridge)
+install(TARGETS kestrelbridge_frame_block EXPORT kestrelbridge)
+install(EXPORT kestrelbridge NAMESPACE kestrelbridge:: FILE kestrelbridge-config.cmake
+        DESTINATION ${cmake_dir} COMPONENT dev)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/kestrelbridge-config-version.cmake
+  COMPATIBILITY SameMinorVersion ARCH_INDEPENDENT)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/kestrelbridge-config-version.cmake
+        DESTINATION ${cmake_dir} COMPONENT dev)
+install_text(kestrelbridge.pc.in share/pkgconfig dev)
+install(DIRECTORY include/kestrelbridge DESTINATION include COMPONENT dev)
+install(FILES docs/example/main_application.cpp DESTINATION ${dev_doc_dir}/examples COMPONENT dev)
+
+# --- Debian packages --------------------------------------------------------------------------
+
+if(NOT for_system)
+  return()
+endif()
+
+foreach(component IN ITEMS daemon dev)
+  set(package kestrelbridge)
+  if(component STREQUAL dev)
+    set(package kestrelbridge-dev)
+  endif()
+  install(FILES packaging/debian/copyright DESTINATION share/doc/${package}
+          COMPONENT ${component})
+  install_text(debian/changelog.Debian.in share/doc/${package} ${component} COMPRESS)
+  if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.lintian-overrides)
+    install(FILES packaging/debian/${package}.lintian-overrides RENAME ${package}
+            DESTINATION share/lintian/overrides COMPONENT ${component})
+  endif()
+endforeach()
+
+if(NOT DEFINED KESTRELBRIDGE_ARCHITECTURE) # a cross build's toolchain file says it
+  execute_process(COMMAND dpkg --print-architecture OUTPUT_VARIABLE KESTRELBRIDGE_ARCHITECTURE
+                  OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+endif()
+# Who publishes packages gives an address of theirs; example.org belongs to nobody.
+set(KESTRELBRIDGE_MAINTAINER "kestrelbridge authors <kestrelbridge@example.org>" CACHE STRING
+    "Maintainer that the Debian packages name")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL daemon dev)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
+set(CPACK_SET_DESTDIR ON) # so that the texts name the paths on the box
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT ${KESTRELBRIDGE_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${KESTRELBRIDGE_ARCHITECTURE})
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME kestrelbridge)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS iptables) # the phone app's way to the camera
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS ffmpeg)     # a player
+set(debian_dir ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
+    ${debian_dir}/conffiles ${debian_dir}/postinst ${debian_dir}/prerm ${debian_dir}/postrm)
+set(CPACK_COMPONENT_DAEMON_DESCRIPTION "Wi-Fi bridge to an action camera
+The daemon holds the link to an action camera whose Wi-Fi network the box
+has joined. Every access unit of the live H.264 picture goes into a ring in
+shared memory, where other programs read it without ever holding it up. It
+also reports the camera's state, passes commands on and lets the camera
+maker's phone app use the camera at the same time.
+
+kestrelctl, the bench, stands in for each neighbour of the daemon: the whole
+system can be tried without a camera.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME kestrelbridge-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS kestrelbridge)
+set(CPACK_COMPONENT_DEV_DESCRIPTION "Wi-Fi bridge to an action camera (headers)
+kestrelbridge puts a camera's live H.264 picture into shared memory. These
+headers describe that memory and the remote-control block, and hold the
+reader that a program of yours needs. They are C++17 without dependencies,
+with files for CMake (kestrelbridge::frame_block) and pkg-config.")
+
+include(CPack)

@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# What the completion offers for a line that ends where the cursor stands.
+#
+#   completion.sh FOLDER_OF_THE_PROGRAMS
+set -euo pipefail
+PATH="$(realpath "$1"):$PATH"
+# shellcheck source=packaging/completion/kestrelctl
+source "$(dirname "${BASH_SOURCE[0]}")/../../packaging/completion/kestrelctl"
+cd "$(dirname "${BASH_SOURCE[0]}")/consumer"
+failures=0
+
+# expect LINE WORD...: all of them are offered.
+# expect_only LINE [WORD...]: they and nothing else.
+offer() {
+  COMP_LINE="$1" COMP_POINT=${#1}
+  _kestrelctl
+}
+expect() {
+  local word
+  offer "$1"
+  for word in "${@:2}"; do
+    [[ " ${COMPREPLY[*]} " == *" $word "* ]] ||
+      { echo "\"$1\": no $word among: ${COMPREPLY[*]}" && failures=1; }
+  done
+}
+expect_only() {
+  offer "$1"
+  [[ "${COMPREPLY[*]}" == "${*:2}" ]] ||
+    { echo "\"$1\": \"${*:2}\" is due, not: ${COMPREPLY[*]}" && failures=1; }
+}
+
+expect 'kestrelctl ' camera video --help
+expect_only 'kestrelctl vid' video
+expect 'kestrelctl camera ' --clip --listen --silence-after --help
+expect 'kestrelctl camera --loop --d' --duration --datagram-size --duplicate
+expect_only 'kestrelctl video --cou' --count
+expect_only 'kestrelctl camera --fps 3'
+expect_only 'kestrelctl camera --clip CMake' CMakeLists.txt
+expect_only 'kestrelctl video --output=CMake' CMakeLists.txt
+expect 'kestrelctl camera --set ' camera_mode= iso_set=
+expect_only 'kestrelctl camera --set iso_s' iso_set=
+# readline has split the word at = and replaces what comes after it.
+expect_only 'kestrelctl camera --set iso_set=1' 100 1600
+expect_only 'kestrelctl camera --set=iso_set=au' auto
+expect_only 'kestrelctl camera --set color_mode=black' 'black\ white'
+expect_only 'kestrelctl command ca' camera
+expect_only 'kestrelctl command camera m' mode
+expect_only 'kestrelctl command camera mode ph' photo
+expect_only 'kestrelctl command iso 6' 6400
+expect_only 'kestrelctl command color bl' 'black\ white'
+expect 'kestrelctl command iso ' auto --wait
+exit $failures
