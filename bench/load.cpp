@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -44,6 +45,13 @@ sockaddr_in ToSockaddr(UdpPeer peer) {
 
 [[noreturn]] void Fail(const char* what) {
   throw ToolError(std::string("the load cannot ") + what + ": " + std::strerror(errno));
+}
+
+// Refused: the program under test is gone, which CheckAlive tells better.
+void CheckSent(ssize_t sent) {
+  if (sent < 0 && errno != ECONNREFUSED) {
+    Fail("send");
+  }
 }
 
 void Connect(int socket, const sockaddr_in& peer) {
@@ -91,10 +99,15 @@ void CameraSocket::AwaitPeer() {
 
 void CameraSocket::SetPeer(UdpPeer peer) { Connect(socket_, ToSockaddr(peer)); }
 
+std::uint16_t CameraSocket::PeerPort() const {
+  sockaddr_in peer{};
+  socklen_t size = sizeof peer;
+  getpeername(socket_, reinterpret_cast<sockaddr*>(&peer), &size);
+  return ntohs(peer.sin_port);
+}
+
 void CameraSocket::Send(std::span<const std::uint8_t> datagram) const {
-  if (send(socket_, datagram.data(), datagram.size(), 0) < 0 && errno != ECONNREFUSED) {
-    Fail("send");
-  }
+  CheckSent(send(socket_, datagram.data(), datagram.size(), 0));
 }
 
 void CameraSocket::SendUnit(const DatagramStream& stream, const DatagramStream::Unit& unit,
@@ -117,10 +130,8 @@ void CameraSocket::SendEach(std::span<const DatagramStream::Datagram> datagrams)
       messages[i].msg_hdr.msg_iovlen = 1;
     }
     const int sent = sendmmsg(socket_, messages.data(), static_cast<unsigned>(count), 0);
-    if (sent < 0) {
-      Fail("send");
-    }
-    datagrams = datagrams.subspan(static_cast<std::size_t>(sent));
+    CheckSent(sent);
+    datagrams = datagrams.subspan(static_cast<std::size_t>(std::max(sent, 1)));
   }
 }
 
@@ -142,9 +153,7 @@ void CameraSocket::SendSegmented(std::span<const DatagramStream::Datagram> datag
   header->cmsg_len = CMSG_LEN(sizeof(std::uint16_t));
   const auto segment = static_cast<std::uint16_t>(datagrams.front().size());
   std::memcpy(CMSG_DATA(header), &segment, sizeof segment);
-  if (sendmsg(socket_, &message, 0) < 0) {
-    Fail("send");
-  }
+  CheckSent(sendmsg(socket_, &message, 0));
 }
 
 std::uint64_t CameraSocket::Drain() {
@@ -203,7 +212,9 @@ LoadReport Load::Run(const LoadPlan& plan) {
     report.video_datagrams += unit.datagram_count;
     report.video_bytes += unit.length;
     camera_.Drain();
-    plan.after_unit();
+    if (!plan.go_on()) {
+      break;
+    }
     // By the bytes sent so far, so that no rounding adds up.
     due = start + std::chrono::duration_cast<Clock::duration>(
                       Seconds(report.Megabits() / plan.megabits_per_second));

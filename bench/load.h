@@ -40,6 +40,9 @@ class CameraSocket {
   void Send(std::span<const std::uint8_t> datagram) const;
   void SendUnit(const DatagramStream& stream, const DatagramStream::Unit& unit, SendWay way);
 
+  // Of the peer.
+  [[nodiscard]] std::uint16_t PeerPort() const;
+
   // Takes in what the peer has sent; returns the number of datagrams.
   std::uint64_t Drain();
 
@@ -56,7 +59,7 @@ struct LoadPlan {
   bool pushes = true;      // ten a second, as from the camera
   bool busy_wait = false;  // keeps time to the microsecond, and its core busy
   SendWay way = SendWay::kEach;
-  std::function<void()> after_unit = [] {};
+  std::function<bool()> go_on = [] { return true; };  // asked after each unit
 };
 
 struct LoadReport {

@@ -24,6 +24,7 @@ namespace kestrelbridge::bench {
 namespace {
 
 constexpr std::chrono::seconds kPatience{10};
+constexpr char kOutputPath[] = "/run/bench_subject.log";
 
 // Runs in the child, between fork and exec: system calls only.
 [[noreturn]] void Execute(char* const* arguments, int core) {
@@ -34,26 +35,39 @@ constexpr std::chrono::seconds kPatience{10};
     CPU_SET(static_cast<std::size_t>(core), &cores);
     sched_setaffinity(0, sizeof cores, &cores);
   }
-  const int nothing = open("/dev/null", O_RDWR);
-  dup2(nothing, STDIN_FILENO);
-  dup2(nothing, STDOUT_FILENO);
-  dup2(nothing, STDERR_FILENO);
+  const int input = open("/dev/null", O_RDONLY);
+  const int output = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+  dup2(input, STDIN_FILENO);
+  dup2(output, STDOUT_FILENO);
+  dup2(output, STDERR_FILENO);
   close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);
   execvp(arguments[0], arguments);
   _exit(127);
 }
 
-bool IsBound(std::uint16_t port) {
+std::string LastLineOfOutput() {
+  std::ifstream output(kOutputPath);
+  std::string last;
+  for (std::string line; std::getline(output, line);) {
+    last = line;
+  }
+  return last;
+}
+
+// The line of /proc/net/udp for that port, empty when nobody has bound it: " 123: 0100007F:2332
+// ..."
+std::string SocketLine(std::uint16_t port) {
+  constexpr std::size_t kAddressLength = 8;
   std::ifstream table("/proc/net/udp");
   char wanted[8];
   std::snprintf(wanted, sizeof wanted, ":%04X ", unsigned{port});
   for (std::string line; std::getline(table, line);) {
     const std::size_t local = line.find(": ");  // behind the slot number
-    if (local != std::string::npos && line.find(wanted, local + 2) == local + 2 + 8) {
-      return true;
+    if (local != std::string::npos && line.find(wanted) == local + 2 + kAddressLength) {
+      return line;
     }
   }
-  return false;
+  return {};
 }
 
 }  // namespace
@@ -103,14 +117,20 @@ Program::~Program() {
   waitpid(pid_, nullptr, 0);
 }
 
+void Program::CheckAlive() const {
+  siginfo_t end{};
+  waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT);
+  if (end.si_pid != 0) {
+    throw ToolError(name_ + " ended while it was measured: " + LastLineOfOutput());
+  }
+}
+
 std::chrono::nanoseconds Program::ProcessorTime() const {
+  CheckAlive();
   clockid_t clock = 0;
   std::timespec time{};
-  siginfo_t end{};
-  if (waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
-      end.si_pid != 0 || clock_getcpuclockid(pid_, &clock) != 0 ||
-      clock_gettime(clock, &time) != 0) {
-    throw ToolError(name_ + " ended while it was measured");
+  if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &time) != 0) {
+    throw ToolError("the kernel does not tell the processor time of " + name_);
   }
   return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
@@ -135,9 +155,18 @@ Memory Program::MemoryUse() const {
   return memory;
 }
 
+std::uint64_t DroppedDatagrams(std::uint16_t port) {
+  const std::string line = SocketLine(port);
+  const std::size_t last_column = line.find_last_not_of(' ');
+  if (last_column == std::string::npos) {
+    return 0;
+  }
+  return std::stoull(line.substr(line.rfind(' ', last_column) + 1));
+}
+
 void AwaitUdpPort(std::uint16_t port) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (!IsBound(port)) {
+  while (SocketLine(port).empty()) {
     if (std::chrono::steady_clock::now() > deadline) {
       throw ToolError("nobody opened UDP port " + std::to_string(port));
     }

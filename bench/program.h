@@ -37,7 +37,7 @@ struct ProgramStart {
   int core = -1;                     // -1: any
 };
 
-// Its output goes nowhere, its input is empty. Killed with its object.
+// Its output goes into a file in /run, its input is empty. Killed with its object.
 class Program {
  public:
   explicit Program(const ProgramStart& start);
@@ -45,8 +45,10 @@ class Program {
   Program& operator=(const Program&) = delete;
   ~Program();
 
-  // Processor time of all its threads, user and system together. Throws ToolError when it has
-  // ended.
+  // Throws ToolError, with the last line of its output, when it has ended.
+  void CheckAlive() const;
+
+  // Processor time of all its threads, user and system together. Throws as above.
   [[nodiscard]] std::chrono::nanoseconds ProcessorTime() const;
   [[nodiscard]] Memory MemoryUse() const;
 
@@ -54,6 +56,10 @@ class Program {
   std::string name_;
   pid_t pid_ = -1;
 };
+
+// Datagrams that the kernel dropped for want of room in the socket of that port, since it was
+// opened.
+std::uint64_t DroppedDatagrams(std::uint16_t port);
 
 // Waits until somebody has bound the port. Throws ToolError after ten seconds.
 void AwaitUdpPort(std::uint16_t port);
