@@ -58,7 +58,9 @@ int OpenSocket(sockaddr_in& local) {
 }
 
 void SendBatch() {
-  for (std::size_t i = 0; i < kBatch && batch_end < 2 * datagrams.size(); ++i, ++batch_end) {
+  // A batch ends where a pass does.
+  const std::size_t pass_end = datagrams.size() * (1 + taken / datagrams.size());
+  for (std::size_t i = 0; i < kBatch && batch_end < pass_end; ++i, ++batch_end) {
     const Datagram& datagram = datagrams[batch_end % datagrams.size()];
     if (send(camera_socket, datagram.data(), datagram.size(), 0) < 0) {
       throw ToolError("the loopback did not take a datagram");
@@ -72,24 +74,28 @@ void SendBatch() {
   _exit(0);
 }
 
+// Callgrind collects while the daemon works on the second pass, and not while the bench sends.
+void Collect(bool on) {
+  static bool collecting = false;
+  if (on != collecting) {
+    CALLGRIND_TOGGLE_COLLECT;
+    collecting = on;
+  }
+}
+
 // The daemon's own callback, and then the next batch where this one is used up.
 void TakeDatagram(std::span<const std::uint8_t> datagram, const char* sender_address,
                   std::uint16_t sender_port) {
   OnCameraDatagram(datagram, sender_address, sender_port);
-  ++taken;
-  if (taken != batch_end && taken != datagrams.size()) {
+  if (++taken != batch_end) {
     return;
   }
-  if (taken > datagrams.size()) {
-    CALLGRIND_TOGGLE_COLLECT;  // off: sending is the bench's business
-  }
-  if (taken == batch_end) {
-    SendBatch();
-  }
+  Collect(false);
   if (taken == 2 * datagrams.size()) {
     Finish();
   }
-  CALLGRIND_TOGGLE_COLLECT;
+  SendBatch();
+  Collect(taken >= datagrams.size());
 }
 
 std::vector<Datagram> VideoDatagrams(const char* clip_path) {
