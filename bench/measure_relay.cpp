@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -35,11 +36,12 @@ void Talk(const UdpSocket& phone) {
   }
 }
 
-bool Receive(const UdpSocket& phone) {
-  std::array<std::uint8_t, kMaxDatagramSize> buffer{};
+// True once that very datagram is there; what comes late of an earlier one does not count.
+bool Receive(const UdpSocket& phone, std::span<const std::uint8_t> sent) {
+  static std::array<std::uint8_t, kMaxDatagramSize> buffer;  // not zeroed anew at every look
   std::span<const std::uint8_t> datagram;
   UdpPeer from;
-  return phone.Receive(buffer, datagram, from);
+  return phone.Receive(buffer, datagram, from) && std::ranges::equal(datagram, sent);
 }
 
 // One datagram after the other, each when the one before has long arrived: from right before it is
@@ -58,11 +60,9 @@ std::vector<double> MeasureOne(Subject& subject, DatagramStream& stream, bool ph
         stream.datagrams[static_cast<std::size_t>(i + kPhonePeriod) % stream.datagrams.size()];
     const Clock::time_point sent = Clock::now();
     subject.camera.Send(datagram);
-    bool arrived = false;
     Clock::time_point now = sent;
-    while (!arrived && now - sent < kGivenUp) {
-      arrived = Receive(phone);
-      now = Clock::now();
+    for (bool arrived = false; !arrived && now - sent < kGivenUp; now = Clock::now()) {
+      arrived = Receive(phone, datagram);
     }
     if (i >= 0) {  // those before are start-up
       samples.push_back(Seconds(now - sent).count() * kMicrosecondsPerSecond);
