@@ -49,8 +49,8 @@ int main(int argc, char** argv) {
   app.add_option("--repetitions", setting.repetitions, "Of everything")->capture_default_str();
   app.add_option("--only", only, "cpu, peer, rate, visible, relay; may repeat");
   CLI11_PARSE(app, argc, argv);
-  // Other work on the machine spoils the figures; where we may, we go first. The programs under test
-  // inherit it.
+  // Other work on the machine spoils the figures; where we may, we go first. The programs under
+  // test inherit it.
   setpriority(PRIO_PROCESS, 0, kPriority);
   setting.cores = ChooseCores();
   PinToCore(setting.cores.load);

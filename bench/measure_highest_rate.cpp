@@ -16,6 +16,7 @@ constexpr double kHighestMbit = 100'000;  // no core receives that much
 constexpr double kFirstStep = 1.6;
 constexpr double kNextStep = 1.15;  // from what an earlier repetition has found
 constexpr double kFinestStep = 1.03;
+constexpr double kFiner = 2.5;
 constexpr double kStepBack = 1.04;
 constexpr int kMaxProofs = 6;
 constexpr std::chrono::milliseconds kSettle{10};
@@ -77,7 +78,7 @@ struct Limit {
 
 // Steps up while nothing is lost and down while something is, in ever finer steps.
 double Search(Subject& subject, Load& load, double rate, double step) {
-  for (; step > kFinestStep; step = 1 + (step - 1) / 2.5) {
+  while (step > kFinestStep) {
     Trial trial = Try(subject, load, rate, kProbeTime);
     const bool up = trial.whole;
     while (trial.whole == up && rate > kLowestMbit && rate < kHighestMbit) {
@@ -88,6 +89,7 @@ double Search(Subject& subject, Load& load, double rate, double step) {
       trial = Try(subject, load, rate, kProbeTime);
     }
     rate = trial.whole ? rate : rate / step;
+    step = 1 + (step - 1) / kFiner;
   }
   return rate;
 }
