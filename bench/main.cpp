@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <string_view>
 
 #include "measurements.h"
-#include "tools/tool_error.h"
 
 namespace {
 
@@ -37,9 +37,19 @@ void Print(const Findings& findings) {
   }
 }
 
-}  // namespace
+Findings MeasureAll(const Setting& setting, const std::vector<std::string>& only) {
+  Findings all;
+  for (const Measurement& measurement : kMeasurements) {
+    if (only.empty() || std::ranges::find(only, measurement.name) != only.end()) {
+      const Findings findings = measurement.measure(setting);
+      all.rows.insert(all.rows.end(), findings.rows.begin(), findings.rows.end());
+      all.notes.insert(all.notes.end(), findings.notes.begin(), findings.notes.end());
+    }
+  }
+  return all;
+}
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   Setting setting;
   std::vector<std::string> only;
   CLI::App app("Measures kestrelbridge against the floor and its peers");
@@ -54,18 +64,17 @@ int main(int argc, char** argv) {
   setpriority(PRIO_PROCESS, 0, kPriority);
   setting.cores = ChooseCores();
   PinToCore(setting.cores.load);
-  Findings all;
+  Print(MeasureAll(setting, only));
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    for (const Measurement& measurement : kMeasurements) {
-      if (only.empty() || std::ranges::find(only, measurement.name) != only.end()) {
-        Findings findings = measurement.measure(setting);
-        all.rows.insert(all.rows.end(), findings.rows.begin(), findings.rows.end());
-        all.notes.insert(all.notes.end(), findings.notes.begin(), findings.notes.end());
-      }
-    }
-  } catch (const kestrelbridge::ToolError& error) {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
     std::fprintf(stderr, "bench_daemon: %s\n", error.what());
-    return error.exit_code();
+    return 1;
   }
-  Print(all);
 }

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <random>
 #include <span>
 #include <string>
@@ -95,13 +96,13 @@ std::span<const std::uint8_t> FirstParameterSet(std::span<const std::uint8_t> cl
   constexpr std::size_t kHeaderEnd = 5;  // 00 00 00 01 67
   constexpr std::array<std::uint8_t, 3> kStartCode = {0, 0, 1};
   const auto body = clip.subspan(kHeaderEnd);
-  const auto next = std::ranges::search(body, kStartCode).begin();
+  const auto next = std::search(body.begin(), body.end(), kStartCode.begin(), kStartCode.end());
   return body.first(static_cast<std::size_t>(next - body.begin()));
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   if (argc < 2) {
     std::fprintf(stderr, "usage: bench_micro CLIP [options]\n");
     return 1;
@@ -116,4 +117,7 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("telemetry text", Telemetry);
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "bench_micro: %s\n", error.what());
+  return 1;
 }

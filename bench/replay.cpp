@@ -16,7 +16,7 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
+#include <exception>
 #include <string_view>
 #include <vector>
 
@@ -150,8 +150,8 @@ int main(int argc, char** argv) {
     }
     datagrams = std::string_view(argv[1]) == "video" ? VideoDatagrams(argv[2]) : PushDatagrams();
     Replay();
-  } catch (const ToolError& error) {
+  } catch (const std::exception& error) {
     std::fprintf(stderr, "bench_replay: %s\n", error.what());
-    return error.exit_code();
+    return 1;
   }
 }
