@@ -37,13 +37,10 @@ std::vector<std::uint8_t> FullHd(const std::vector<std::uint32_t>& crop) {
   return ParameterSetTail(bits, 120, 68, true, crop).Bytes();
 }
 
-TEST(ParameterSet, CountsCroppingInUnitsOfTwoSamples) {
+TEST(ParameterSet, CountsCroppingInUnitsOfTwoSamplesAndDoublesTheHeightOfFieldCodedStreams) {
   EXPECT_EQ(Parse(FullHd({})), (Size{true, 1920, 1088}));
   EXPECT_EQ(Parse(FullHd({0, 0, 0, 4})), (Size{true, 1920, 1080}));
   EXPECT_EQ(Parse(FullHd({1, 2, 3, 4})), (Size{true, 1914, 1074}));
-}
-
-TEST(ParameterSet, DoublesTheHeightOfFieldCodedStreams) {
   BitWriter bits = ParameterSetStart(77);
   EXPECT_EQ(Parse(ParameterSetTail(bits, 45, 18, false).Bytes()), (Size{true, 720, 576}));
 }
