@@ -3,15 +3,26 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <string_view>
 
 #include "base/byte_order.h"
 #include "camera/camera_link.h"
+#include "camera/crc.h"
 #include "camera/frame_sender.h"
 #include "support/camera_datagrams.h"
 #include "support/udp_socket.h"
 
 namespace kestrelbridge {
 namespace {
+
+TEST(Crc, MatchesTheKnownValues) {
+  const std::string_view digits = "123456789";
+  const Bytes text(digits.begin(), digits.end());
+  EXPECT_EQ(FrameCrc8(text), 0xFB);
+  EXPECT_EQ(FrameCrc8(Bytes{0x55}), 0x9F);
+  EXPECT_EQ(FrameCrc16(text), 0x7109);
+  EXPECT_EQ(FrameCrc16({}), 0x3692);
+}
 
 // The connection request and the keepalive are checked in the session, packet by packet.
 TEST(PacketFormat, AcknowledgementIsABareWrapper) {

@@ -28,11 +28,7 @@ Datagram FromText(const std::string& text) { return {text.begin(), text.end()}; 
 CameraState SomeState() {
   CameraState state;
   std::snprintf(state.camera_model, sizeof state.camera_model, "DJI Osmo Action");
-  std::snprintf(state.shutter, sizeof state.shutter, "2.5\"");
   state.battery_level = 87;
-  state.status_byte_0 = 10;
-  state.status_byte_31 = 231;
-  state.status_byte_2 = 12;
   for (std::size_t i = 0; i < kHistogramSize; ++i) {
     state.histogram[i] = static_cast<std::uint8_t>(i * 4);
   }
@@ -82,18 +78,7 @@ TEST(TelemetryRecords, TheTextIsTakenApartIntoItsItemsEachKeyOnce) {
   EXPECT_EQ(ItemValue(shown.record, "battery_level"), "87");
   EXPECT_EQ(ItemValue(shown.record, "sd"), "");
   EXPECT_EQ(ItemValue(shown.record, "speed"), std::nullopt);
-  EXPECT_NE(shown.json.find(R"(,"shutter":"2.5\"",)"), std::string::npos) << shown.json;
   EXPECT_TRUE(shown.line.starts_with("text 127.0.0.1:40000 camera_detected=0,")) << shown.line;
-}
-
-TEST(TelemetryRecords, StatusAndHistogramAreTheirNumbers) {
-  const Shown status = Show(ToDatagram(BuildStatusRecord(SomeState())));
-  EXPECT_EQ(status.json, R"({"type":"status","sender":"127.0.0.1:40000","status_byte_0":10,)"
-                         R"("status_byte_31":231,"status_byte_2":12})");
-  EXPECT_EQ(status.line, "status 127.0.0.1:40000 byte 0: 10, byte 31: 231, byte 2: 12");
-  const Shown histogram = Show(ToDatagram(BuildHistogramRecord(SomeState())));
-  EXPECT_TRUE(histogram.line.ends_with(" 244 248 252")) << histogram.line;
-  EXPECT_TRUE(histogram.json.ends_with(",244,248,252]}")) << histogram.json;
 }
 
 TEST(TelemetryRecords, AnythingElseIsUnknownAndShownAsBytes) {

@@ -183,11 +183,5 @@ TEST(FrameBuffers, WithoutMemoryThereIsNoBlockForReadersNorForUnits) {
   PublishVideoUnit(NumberedUnit(0));
 }
 
-TEST(FrameBuffers, APipeOfTheBlocksNameFailsTheStart) {
-  const EmptySharedMemory memory("100m");
-  mkfifo("/dev/shm/kestrelbridge_framebuffer_transcoding", 0600);
-  EXPECT_EQ(InitFrameBuffers(), -1);
-}
-
 }  // namespace
 }  // namespace kestrelbridge
