@@ -160,8 +160,8 @@ TEST_F(FrameRing, ReaderGoesOnAfterALapAClearAndARestart) {
       {57, 0, kClear, 1, "57-57", "lost 0, laps 1, restarts 0"},
       {57, 5, kClear, 3, "62-64", "lost 5, laps 1, restarts 0"},
       {300, 7, kClear, 100, "307-406", "lost 7, laps 1, restarts 0"},
-      {201, 0, kClear, 1, "201-201",
-       "lost 0, laps 1, restarts 0"},  // the write index is 1 as before
+      // The write index is 1 as before.
+      {201, 0, kClear, 1, "201-201", "lost 0, laps 1, restarts 0"},
       {400, 0, kClear, 1, "400-400", "lost 0, laps 0, restarts 0"},  // slot 0 was next anyway
       // The reader polls before the first unit, as it does in a real restart, or does not.
       {57, 0, kRestartWhileReaderLooks, 1, "0-0", "lost 0, laps 0, restarts 1"},
