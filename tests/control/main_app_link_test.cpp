@@ -36,8 +36,8 @@ class MainAppLinkTest : public CameraEnd {
   // To both endpoints; the second one drops it.
   void Send(const std::string& text) const {
     const std::vector<std::uint8_t> bytes(text.begin(), text.end());
-    for (const int socket :
-         {GetMainAppLink().command_endpoint.socket, GetMainAppLink().second_endpoint.socket}) {
+    for (const int socket : {GetMainAppLink().command_endpoint.socket.load(),
+                             GetMainAppLink().second_endpoint.socket.load()}) {
       sockaddr_in address{};
       socklen_t size = sizeof address;
       ASSERT_EQ(getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size), 0);

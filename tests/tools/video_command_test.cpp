@@ -35,7 +35,7 @@ class VideoCommand : public testing::Test {
  protected:
   // No block yet. The memory of another test's block is given back, although it is still mapped.
   void SetUp() override {
-    std::ignore = truncate((std::string("/dev/shm/") + kFrameBlockName).c_str(), 0);
+    std::ignore = truncate("/dev/shm/kestrelbridge_framebuffer", 0);
     shm_unlink(kFrameBlockName);
   }
   void TearDown() override { std::filesystem::remove(path_); }
