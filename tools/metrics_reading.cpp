@@ -81,6 +81,9 @@ std::string DurationText(seconds length) {
 
 std::string Title(const MetricsReading& now, MetricsReading::Time clock) {
   std::string title = "kestrelbridge";
+  if (const auto stale = Staleness(now, clock)) {
+    return title + ": " + *stale;
+  }
   if (const auto start = now.Value(kStartTime)) {
     title +=
         ", up for " + DurationText(std::chrono::floor<seconds>(now.written.time_since_epoch()) -
@@ -92,11 +95,7 @@ std::string Title(const MetricsReading& now, MetricsReading::Time clock) {
       links += " " + std::string(LabelValue(metric.label));
     }
   }
-  title += "; links up:" + (links.empty() ? " none" : PrintableText(links));
-  if (const auto stale = Staleness(now, clock)) {
-    title += "; " + *stale;
-  }
-  return title;
+  return title + "; links up:" + (links.empty() ? " none" : PrintableText(links));
 }
 
 std::string CounterLine(const Metric& metric, const std::optional<double>& rate) {
