@@ -161,7 +161,7 @@ Links AllEndpoints() {
 void AppendKernelDrops(std::string& text, const Links& links) {
   std::array<SocketDrops, std::tuple_size_v<Links>> sockets;
   for (std::size_t i = 0; i < links.size(); ++i) {
-    sockets[i].socket = links[i].endpoint.socket;
+    sockets[i].socket = links[i].endpoint.socket.load(std::memory_order_relaxed);
   }
   if (!ReadSocketDrops(sockets)) {
     return;  // absent is true, 0 would not be

@@ -124,8 +124,12 @@ int Open(UdpEndpoint& endpoint, std::uint16_t port) {
     close(socket);
     return -1;
   }
-  endpoint.socket = socket;
+  endpoint.socket.store(socket, std::memory_order_release);  // pairs with IsOpen
   return StartThread(&endpoint.receive_thread, "udp-receive", ReceiveThread, &endpoint);
+}
+
+bool IsOpen(const UdpEndpoint& endpoint) {
+  return endpoint.socket.load(std::memory_order_acquire) != -1;
 }
 
 void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer) {
@@ -145,8 +149,9 @@ int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, cons
 
 int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpPeer destination) {
   const sockaddr_in address = ToSockaddr(destination);
-  return CountSend(endpoint, sendto(endpoint.socket, data.data(), data.size(), 0,
-                                    reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  return CountSend(
+      endpoint, sendto(endpoint.socket.load(std::memory_order_relaxed), data.data(), data.size(), 0,
+                       reinterpret_cast<const sockaddr*>(&address), sizeof address));
 }
 
 UdpPeer Peer(const UdpEndpoint& endpoint) {
@@ -184,6 +189,7 @@ void CheckLink(UdpEndpoint& endpoint) {
 }
 
 void ReceiveLoop(UdpEndpoint& endpoint) {
+  const int socket = endpoint.socket.load(std::memory_order_relaxed);  // Open started this thread
   SenderText sender_text;
   std::uint16_t stamp = 0;
   for (;;) {
@@ -199,8 +205,8 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
     }
     sockaddr_in sender{};
     socklen_t sender_size = sizeof sender;
-    const ssize_t length = recvfrom(endpoint.socket, buffer, room, 0,
-                                    reinterpret_cast<sockaddr*>(&sender), &sender_size);
+    const ssize_t length =
+        recvfrom(socket, buffer, room, 0, reinterpret_cast<sockaddr*>(&sender), &sender_size);
     if (length <= 0) {
       EndProcess(ExitCode::kReceiveFailed, "UDP read failed");
     }

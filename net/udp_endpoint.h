@@ -70,13 +70,19 @@ struct UdpEndpoint {
   std::uint16_t buffer_size = 0;
 
   pthread_t receive_thread{};
-  int socket = -1;
+
+  // -1 until Open has bound it. Stored with release by Open, loaded with acquire by IsOpen: who
+  // found the endpoint open sees what its owner set before it called Open.
+  std::atomic<int> socket{-1};
 };
 
 // Binds a UDP socket to the port on all interfaces (0: a free one) and starts the receive thread,
 // which waits for a buffer. Asks the kernel for socket buffers of 10,000,000 bytes; what it refuses
 // is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had.
 int Open(UdpEndpoint& endpoint, std::uint16_t port);
+
+// True from Open on, for threads that may ask before it: they were started earlier. Any thread.
+bool IsOpen(const UdpEndpoint& endpoint);
 
 // Hands the endpoint its receive buffer, at most 65,535 bytes, and so sets it to work.
 void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer);
