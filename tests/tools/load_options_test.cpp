@@ -1,7 +1,9 @@
 // What a long run under load asks of the stand-ins.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <vector>
 
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
@@ -14,11 +16,16 @@ std::string PlaceOf(const test_support::UdpSocket& socket) {
   return "127.0.0.1:" + std::to_string(socket.port());
 }
 
+std::vector<std::string> Kestrelctl(std::vector<std::string> options) {
+  options.insert(options.begin(), ProgramPath("kestrelctl"));
+  return options;
+}
+
 TEST(LoadOptions, ACommandIsSentAsOftenAndAsFastAsAsked) {
   const test_support::UdpSocket daemon;
   const auto before = std::chrono::steady_clock::now();
-  ChildProcess command({ProgramPath("kestrelctl"), "command", "iso", "400", "--to", PlaceOf(daemon),
-                        "--repeat", "50", "--rate", "100"});
+  ChildProcess command(Kestrelctl(
+      {"command", "iso", "400", "--to", PlaceOf(daemon), "--repeat", "50", "--rate", "100"}));
   for (int i = 0; i < 50; ++i) {
     ASSERT_TRUE(daemon.Receive()) << i;
   }
@@ -30,8 +37,8 @@ TEST(LoadOptions, ACommandIsSentAsOftenAndAsFastAsAsked) {
 
 TEST(LoadOptions, APhoneThatFallsSilentStillListens) {
   const test_support::UdpSocket camera;
-  ChildProcess phone({ProgramPath("kestrelctl"), "phone", "--to", PlaceOf(camera), "--rate", "100",
-                      "--silence-after", "0.3", "--duration", "2"});
+  ChildProcess phone(Kestrelctl({"phone", "--to", PlaceOf(camera), "--rate", "100",
+                                 "--silence-after", "0.3", "--duration", "2"}));
   const auto first = camera.Receive();
   ASSERT_TRUE(first);
   ASSERT_TRUE(Eventually([&] { return !camera.Receive(std::chrono::milliseconds{300}); }));
