@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 
+#include "base/counters.h"
 #include "net/udp_endpoint.h"
 
 namespace kestrelbridge {
@@ -19,7 +20,7 @@ inline constexpr std::size_t kCameraHostSize = 22;  // 21 characters and a NUL
 inline constexpr std::size_t kReceiveBufferSize = 10'000;
 
 struct CameraLink {
-  UdpEndpoint endpoint;
+  UdpEndpoint endpoint{.counters = &GetCounters().camera};
 
   // Set by InitCameraLink before it opens the endpoint; read only once that is open.
   char host[kCameraHostSize] = {};  // dotted decimal

@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <span>
 
+#include "base/counters.h"
+
 namespace kestrelbridge {
 
 // Address of a peer. `address` is an IPv4 address in network byte order, as the socket calls want
@@ -41,6 +43,9 @@ using FoundCallback = void (*)(const char* sender_address);
 using LostCallback = void (*)();
 
 struct UdpEndpoint {
+  // What this endpoint counts into. Set by the owner from the start, constant afterwards.
+  LinkCounters* counters = &GetCounters().unnamed;
+
   // Set by the owner between Open and AttachBuffer, constant afterwards.
   DatagramCallback on_datagram = nullptr;
   LostCallback on_lost = nullptr;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "base/counters.h"
 #include "camera/frame_scanner.h"
 
 namespace kestrelbridge {
@@ -23,6 +24,7 @@ constinit std::size_t fill = 0;
 void GatherCommandData(std::span<const std::uint8_t> payload) {
   payload = payload.first(std::min(payload.size(), kMaxFill));  // no datagram is that long
   if (fill + payload.size() > kMaxFill) {
+    GetCounters().command_data_overflows.Add();
     std::fprintf(stderr, "data buffer overflow\n");
     fill = 0;
   }
