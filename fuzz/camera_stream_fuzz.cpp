@@ -20,10 +20,15 @@ namespace kestrelbridge {
 namespace {
 
 constexpr std::size_t kLongestDatagram = 10'000;
-constexpr std::size_t kLongestUnit = 99'999;
 constexpr std::size_t kUnitHeaderOffset = 20;
 constexpr std::size_t kUnitLengthOffset = 24;
 constexpr std::size_t kUnitHeaderEnd = 32;
+
+bool OpensUnit(std::span<const std::uint8_t> datagram) {
+  return datagram.size() >= kUnitHeaderEnd && datagram[kWrapperKindOffset] == kKindVideo &&
+         LoadLe32(datagram, kUnitHeaderOffset) == 0xFF010000 &&
+         LoadLe24(datagram, kUnitLengthOffset + 2) == 0x4C00FF;
+}
 
 // The ring as another process maps it.
 class Ring {
@@ -43,11 +48,15 @@ class Ring {
   }
 
   // After each datagram.
-  void LookForUnit() {
+  void LookForUnit(std::span<const std::uint8_t> datagram) {
     const std::uint16_t before = write_index_;
     write_index_ = LoadShared16(block_ + kWriteIndexOffset, __ATOMIC_RELAXED);
     if (write_index_ != before) {
+      Require(OpensUnit(datagram), "a unit is published when the next one opens");
       RequireUnitIn(before < kSlotCount ? before : 0);
+    }
+    if (OpensUnit(datagram)) {
+      announced_length_ = LoadLe16(datagram, kUnitLengthOffset);
     }
   }
 
@@ -56,8 +65,7 @@ class Ring {
     Require(write_index_ == (slot + 1) % kSlotCount, "a unit takes the one slot that is next");
     const std::span<const std::uint8_t> header(block_ + SlotOffset(slot), kSlotHeaderSize);
     const std::uint32_t length = LoadLe32(header, kChunkLengthOffset);
-    Require(length > 4 && length <= kLongestUnit,
-            "a unit is one chunk, longer than its start code");
+    Require(length == announced_length_ && length > 4, "a unit is as long as its header announced");
     Require(LoadLe16(header, kUnitSequenceOffset) == sequence_ &&
                 LoadLe16({block_, kFrameBlockHeaderSize}, kLastSequenceOffset) == sequence_,
             "units are numbered without a gap");
@@ -80,13 +88,9 @@ class Ring {
   std::unique_ptr<FrameBlockReader> reader_;
   std::vector<std::uint8_t> unit_;
   std::uint16_t write_index_ = 0;
+  std::uint16_t announced_length_ = 0;
   std::uint16_t sequence_ = 0;
 };
-
-bool OpensUnit(std::span<const std::uint8_t> datagram) {
-  return datagram.size() >= kUnitHeaderEnd && datagram[kWrapperKindOffset] == kKindVideo &&
-         LoadLe32(datagram, kUnitHeaderOffset) == 0xFF010000;
-}
 
 void MakeSound(std::span<std::uint8_t> datagram) {
   if (OpensUnit(datagram)) {
@@ -99,7 +103,7 @@ void MakeSound(std::span<std::uint8_t> datagram) {
 
 void Process(Ring& ring, std::span<const std::uint8_t> datagram) {
   Require(ProcessCameraDatagram(datagram) == 0, "it always returns 0");
-  ring.LookForUnit();
+  ring.LookForUnit(datagram);
   RequireSoundPackets(1);
 }
 
