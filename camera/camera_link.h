@@ -21,9 +21,11 @@ inline constexpr std::size_t kReceiveBufferSize = 10'000;
 struct CameraLink {
   UdpEndpoint endpoint;
 
-  // Set by InitCameraLink before any thread reads them.
-  char host[kCameraHostSize] = {};  // dotted decimal
-  std::int32_t port = 0;            // as given; packets go to its low 16 bits
+  // Where packets go: a host in dotted decimal, and the low 16 bits of the port as it was given.
+  // Commands may come in before start-up has got this far: InitCameraLink stores the port last,
+  // with release, when socket and host are there; SendToCamera loads it with acquire.
+  char host[kCameraHostSize] = {};
+  std::atomic<std::int32_t> port{0};
 
   pthread_t thread{};
   std::array<std::uint8_t, kReceiveBufferSize> receive_buffer{};
@@ -48,7 +50,8 @@ std::uint16_t TakePacketNumber();
 // Sequence of the camera's latest datagram. Any thread.
 std::uint16_t LastReceivedSequence();
 
-// Sends the bytes as one datagram to the camera. Returns the bytes sent, or -1. Any thread.
+// Sends the bytes as one datagram to the camera. Returns the bytes sent, or -1, also while the link
+// is not open yet. Any thread.
 int SendToCamera(std::span<const std::uint8_t> data);
 
 }  // namespace kestrelbridge

@@ -36,10 +36,10 @@ void* CameraThread(void* /*argument*/) {
 int InitCameraLink(const char* host, std::int32_t port) {
   CameraLink& link = GetCameraLink();
   std::snprintf(link.host, sizeof link.host, "%s", host);
-  link.port = port;
   if (Open(link.endpoint, 0) != 0) {
     return -1;
   }
+  link.port.store(port, std::memory_order_release);  // pairs with SendToCamera
   link.endpoint.on_datagram = OnCameraDatagram;
   link.endpoint.on_found = OnCameraFound;
   link.endpoint.on_lost = OnCameraLost;

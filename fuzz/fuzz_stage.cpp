@@ -25,8 +25,8 @@ int camera_socket = -1;
 bool PlaceCamera() {
   CameraLink& link = GetCameraLink();
   std::snprintf(link.host, sizeof link.host, "%s", kCameraAddress);
-  link.port = kCameraPort;
   link.endpoint.socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  link.port = kCameraPort;
   camera_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
