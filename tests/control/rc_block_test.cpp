@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "control/camera_end.h"
 
@@ -90,6 +92,26 @@ TEST_F(RcBlockTest, CutShortOrRemovedIsUnmappedAndFoundAgain) {
   EXPECT_TRUE(OpenRcBlock(block_));
   EXPECT_TRUE(Read());
   EXPECT_EQ(Log(), kCreating + std::string(kLost)) << "said once, not each time";
+}
+
+TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
+  std::atomic<bool> goes_on{true};
+  std::thread owner([&goes_on] {
+    while (goes_on) {
+      [[maybe_unused]] const int cut = truncate(kPath, 0);
+      [[maybe_unused]] const int whole = truncate(kPath, 1504);
+    }
+  });
+  int good_reads = 0;
+  for (int round = 0; round < 3'000; ++round) {
+    OpenRcBlock(block_);
+    for (int read = 0; read < 10; ++read) {
+      good_reads += Read() ? 1 : 0;
+    }
+  }
+  goes_on = false;
+  owner.join();
+  EXPECT_GT(good_reads, 0);
 }
 
 TEST_F(RcBlockTest, IsReportedAgainOnceItHasBeenWellForAWhile) {
