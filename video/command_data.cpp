@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "base/copy_bytes.h"
 #include "base/counters.h"
 #include "camera/frame_scanner.h"
 
@@ -28,7 +29,7 @@ void GatherCommandData(std::span<const std::uint8_t> payload) {
     std::fprintf(stderr, "data buffer overflow\n");
     fill = 0;
   }
-  std::ranges::copy(payload, buffer.begin() + static_cast<std::ptrdiff_t>(fill));
+  CopyBytes(payload, std::span(buffer).subspan(fill));
   fill += payload.size();
   if (fill > kBatchThreshold) {
     ScanCommandFrames(std::span(buffer).first(fill));

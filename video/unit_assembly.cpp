@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/byte_order.h"
+#include "base/copy_bytes.h"
 #include "base/counters.h"
 #include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
@@ -63,7 +64,7 @@ void Append(std::span<const std::uint8_t> unit_bytes) {
     std::fprintf(stderr, "video buffer overflow\n");
     fill = 0;
   }
-  std::ranges::copy(unit_bytes, staging.begin() + static_cast<std::ptrdiff_t>(fill));
+  CopyBytes(unit_bytes, std::span(staging).subspan(fill));
   fill += unit_bytes.size();
 }
 
