@@ -27,17 +27,21 @@ trap 'exit 130' INT TERM HUP
 
 # --- the loads --------------------------------------------------------------------------------
 
+# start_without REGEX NAME COMMAND...: the log is without those lines, of which there is one for each
+# command, and the disk is not waited for.
+start_without() {
+  # shellcheck disable=SC2016
+  start "$2" bash -c 'exec "$@" > >(exec grep -vE --line-buffered "$0") 2>&1' "$1" "${@:3}"
+}
+
 start_everybody() {
   rm -f "$out"/*.log "$out/metrics.prom"
   start reader "$bin/kestrelctl" video --output /dev/null
   start telemetry "$bin/kestrelctl" telemetry --json
-  start camera "$bin/kestrelctl" camera --listen "$camera_address:$camera_port" --loop --fps 60 \
+  start_without '^command: ' camera "$bin/kestrelctl" camera --listen "$camera_address:$camera_port" --loop --fps 60 \
     --clip tools/clips/test-pattern-720p30.h264 --loss 1 --duplicate 1 --reorder 1 --corrupt 1 \
     --silence-after "$stream_seconds"
-  # A line for each of so many commands would fill the disk.
-  # shellcheck disable=SC2016
-  start daemon bash -c 'exec "$@" 2> >(exec grep -vE --line-buffered "^(JSON commands|Camera set)")' \
-    - "$bin/kestrelbridge" --port "$camera_port"
+  start_without '^(JSON commands|Camera set)' daemon "$bin/kestrelbridge" --port "$camera_port"
   wait_for 10 has_line daemon 'Camera connection found' ||
     give_up 'the daemon found no camera within ten seconds'
   begin=$SECONDS
@@ -121,9 +125,18 @@ watch_daemon() {
     fi
     sleep 0.5
   done
-  ((SECONDS - begin >= stream_seconds - 2)) || give_up "the daemon ended after $((SECONDS - begin)) s"
+  if ((SECONDS - begin < stream_seconds - 2)); then
+    end_camera
+    give_up "the daemon ended after $((SECONDS - begin)) s; so often the machine had held up the" \
+      "camera for more than a second: $(summary camera schedule_slips)"
+  fi
   await_end daemon 5
   cp "$metrics" "$out/metrics.prom"
+}
+
+end_camera() {
+  end_tool camera
+  wait_for 5 has_line camera odd_units || give_up 'the camera did not sum up' # the last of its lines
 }
 
 end_everybody() {
@@ -134,8 +147,7 @@ end_everybody() {
   done
   end_tool reader
   end_tool telemetry
-  end_tool camera
-  sed -i '/^command: /d' "$out/camera.log" # a line for each
+  end_camera
 }
 
 # --- the account ------------------------------------------------------------------------------
