@@ -18,8 +18,10 @@ std::uint16_t LastReceivedSequence() {
 
 int SendToCamera(std::span<const std::uint8_t> data) {
   const CameraLink& link = GetCameraLink();
-  const std::int32_t port = link.port.load(std::memory_order_acquire);
-  return port == 0 ? -1 : SendTo(link.endpoint, data, link.host, static_cast<std::uint16_t>(port));
+  if (!IsOpen(link.endpoint)) {
+    return -1;
+  }
+  return SendTo(link.endpoint, data, link.host, static_cast<std::uint16_t>(link.port));
 }
 
 }  // namespace kestrelbridge

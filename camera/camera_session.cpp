@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "base/counters.h"
 #include "base/process_end.h"
 #include "base/thread.h"
 #include "bridge/phone_app_bridge.h"
@@ -36,10 +37,10 @@ void* CameraThread(void* /*argument*/) {
 int InitCameraLink(const char* host, std::int32_t port) {
   CameraLink& link = GetCameraLink();
   std::snprintf(link.host, sizeof link.host, "%s", host);
+  link.port = port;
   if (Open(link.endpoint, 0) != 0) {
     return -1;
   }
-  link.port.store(port, std::memory_order_release);  // pairs with SendToCamera
   link.endpoint.on_datagram = OnCameraDatagram;
   link.endpoint.on_found = OnCameraFound;
   link.endpoint.on_lost = OnCameraLost;
@@ -49,12 +50,15 @@ int InitCameraLink(const char* host, std::int32_t port) {
 
 void SendCameraHeartbeat() {
   if (!CameraDataReceived()) {
-    SendToCamera(BuildConnectionRequest());
+    if (SendToCamera(BuildConnectionRequest()) != -1) {
+      GetCounters().connection_requests.Add();
+    }
     TakePacketNumber();
     return;
   }
-  if (!PhoneAppConnected()) {
-    SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber()));
+  if (!PhoneAppConnected() &&
+      SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber())) != -1) {
+    GetCounters().keepalives.Add();
   }
 }
 

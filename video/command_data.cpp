@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "base/copy_bytes.h"
+#include "base/counters.h"
 #include "camera/frame_scanner.h"
 
 namespace kestrelbridge {
@@ -23,10 +25,11 @@ constinit std::size_t fill = 0;
 void GatherCommandData(std::span<const std::uint8_t> payload) {
   payload = payload.first(std::min(payload.size(), kMaxFill));  // no datagram is that long
   if (fill + payload.size() > kMaxFill) {
+    GetCounters().command_data_overflows.Add();
     std::fprintf(stderr, "data buffer overflow\n");
     fill = 0;
   }
-  std::ranges::copy(payload, buffer.begin() + static_cast<std::ptrdiff_t>(fill));
+  CopyBytes(payload, std::span(buffer).subspan(fill));
   fill += payload.size();
   if (fill > kBatchThreshold) {
     ScanCommandFrames(std::span(buffer).first(fill));

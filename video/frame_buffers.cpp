@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "base/byte_order.h"
+#include "base/copy_bytes.h"
+#include "base/counters.h"
 #include "base/run_paths.h"
 #include "base/shared_memory.h"
 #include "kestrelbridge/frame_block.h"
@@ -79,7 +81,7 @@ void WriteChunk(std::span<const std::uint8_t> chunk, std::uint8_t chunk_index) {
   // The release fence keeps these stores behind the indices of the units before: a reader that
   // finds new payload in an old slot also finds last_sequence moved on (see FrameBlockReader).
   std::atomic_thread_fence(std::memory_order_release);
-  std::ranges::copy(chunk, slot.begin() + kSlotHeaderSize);
+  CopyBytes(chunk, slot.subspan(kSlotHeaderSize));
   WriteSlotHeader(slot, chunk.size(), chunk_index);
   const auto next = static_cast<std::uint16_t>(slot_number + 1 == kSlotCount ? 0 : slot_number + 1);
   // Release: who sees the index sees the slot that it announces.
@@ -115,6 +117,7 @@ void PublishVideoUnit(std::span<const std::uint8_t> unit) {
     return;
   }
   HonourClearRequest();
+  GetCounters().published_bytes.Add(unit.size());
   std::uint8_t chunk_index = 0;
   while (!unit.empty()) {
     const std::size_t length = std::min(unit.size(), kChunkCapacity);
@@ -124,6 +127,7 @@ void PublishVideoUnit(std::span<const std::uint8_t> unit) {
   }
   StoreShared16(&frame_block[kLastSequenceOffset], unit_sequence, __ATOMIC_RELEASE);
   ++unit_sequence;
+  GetCounters().units_published.Add();
 }
 
 }  // namespace kestrelbridge

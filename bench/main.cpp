@@ -1,0 +1,65 @@
+// bench_daemon: measures the daemon against the floor and its peers, and prints the figures as a
+// table. scripts/bench runs it where it needs to be: in namespaces of its own.
+
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "measurements.h"
+#include "tools/tool_error.h"
+
+namespace {
+
+using namespace kestrelbridge::bench;
+
+struct Measurement {
+  std::string_view name;
+  Findings (*measure)(const Setting&);
+};
+
+constexpr std::array kMeasurements = {
+    Measurement{"cpu", MeasureProcessorTime}, Measurement{"peer", MeasurePeer},
+    Measurement{"rate", MeasureHighestRate},  Measurement{"visible", MeasureVisibility},
+    Measurement{"relay", MeasureRelay},
+};
+
+void Print(const Findings& findings) {
+  std::printf("%s\n", FormatTable(findings.rows).c_str());
+  for (const std::string& note : findings.notes) {
+    std::printf("%s\n", note.c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Setting setting;
+  std::vector<std::string> only;
+  CLI::App app("Measures kestrelbridge against the floor and its peers");
+  app.add_option("--programs", setting.programs, "Folder of kestrelbridge and bench_floor")
+      ->required();
+  app.add_option("--clip", setting.clip, "H.264 stream, Annex B")->required();
+  app.add_option("--repetitions", setting.repetitions, "Of everything")->capture_default_str();
+  app.add_option("--only", only, "cpu, peer, rate, visible, relay; may repeat");
+  CLI11_PARSE(app, argc, argv);
+  setting.cores = ChooseCores();
+  PinToCore(setting.cores.load);
+  Findings all;
+  try {
+    for (const Measurement& measurement : kMeasurements) {
+      if (only.empty() || std::ranges::find(only, measurement.name) != only.end()) {
+        Findings findings = measurement.measure(setting);
+        all.rows.insert(all.rows.end(), findings.rows.begin(), findings.rows.end());
+        all.notes.insert(all.notes.end(), findings.notes.begin(), findings.notes.end());
+      }
+    }
+  } catch (const kestrelbridge::ToolError& error) {
+    std::fprintf(stderr, "bench_daemon: %s\n", error.what());
+    return error.exit_code();
+  }
+  Print(all);
+}
