@@ -53,7 +53,7 @@ class Ring {
     write_index_ = LoadShared16(block_ + kWriteIndexOffset, __ATOMIC_RELAXED);
     if (write_index_ != before) {
       Require(OpensUnit(datagram), "a unit is published when the next one opens");
-      RequireUnitIn(before < kSlotCount ? before : 0);
+      RequireUnitIn(clear_pending_ || before >= kSlotCount ? 0 : before);
     }
     if (OpensUnit(datagram)) {
       announced_length_ = LoadLe16(datagram, kUnitLengthOffset);
@@ -82,6 +82,7 @@ class Ring {
             "the reader gets the unit, at once and whole");
     Require(!reader_->Next(unit_), "the reader gets a unit once");
     ++sequence_;
+    clear_pending_ = false;
   }
 
   std::uint8_t* block_ = nullptr;
@@ -89,6 +90,7 @@ class Ring {
   std::vector<std::uint8_t> unit_;
   std::uint16_t write_index_ = 0;
   std::uint16_t announced_length_ = 0;
+  bool clear_pending_ = true;  // the first unit of all empties the ring
   std::uint16_t sequence_ = 0;
 };
 

@@ -57,13 +57,12 @@ void ReadOne(FrameBlockReader& reader) {
 }
 
 void ReadAll(FrameBlockReader& reader) {
-  const std::uint64_t before = reader.counters().units;
-  std::uint64_t units = before;
-  do {
-    units = reader.counters().units;
+  const std::uint64_t at_start = reader.counters().units;
+  for (std::uint64_t before = at_start - 1; before != reader.counters().units;) {
+    before = reader.counters().units;
     ReadOne(reader);
-    Require(reader.counters().units - before <= kMostUnitsAtRest, "a ring at rest is read once");
-  } while (reader.counters().units != units);
+    Require(before - at_start <= kMostUnitsAtRest, "a ring at rest is read once");
+  }
 }
 
 enum Ways : std::uint8_t {

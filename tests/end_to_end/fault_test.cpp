@@ -464,6 +464,7 @@ void GarbageOnEveryPort() {
     std::this_thread::sleep_for(kTime);
     sent = first.sent_per_port() + second.sent_per_port();
   }
+  EXPECT_TRUE(WaitUntilRead(run->daemon.pid()));  // else there may be no room for the unit yet
   std::uint64_t dropped = 0;
   for (const BoundPort& bound : UdpPortsOf(run->daemon.pid())) {
     dropped += bound.drops;
