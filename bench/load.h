@@ -79,6 +79,7 @@ class Load {
 
   // The next unit; the stream starts again after its last one.
   const DatagramStream::Unit& NextUnit();
+  [[nodiscard]] const DatagramStream& Stream() const { return stream_; }
 
  private:
   void SendDuePushes(Clock::time_point now);

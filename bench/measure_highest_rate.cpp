@@ -11,13 +11,16 @@ namespace {
 constexpr Seconds kProofTime{10};
 constexpr Seconds kProbeTime{0.5};
 constexpr double kFirstMbit = 1000;
+constexpr double kLowestMbit = 10;        // with less the camera would fall silent
 constexpr double kHighestMbit = 100'000;  // no core receives that much
 constexpr double kFirstStep = 1.6;
 constexpr double kNextStep = 1.15;  // from what an earlier repetition has found
 constexpr double kFinestStep = 1.03;
+constexpr double kFiner = 2.5;
 constexpr double kStepBack = 1.04;
 constexpr int kMaxProofs = 6;
-constexpr std::chrono::milliseconds kSettle{50};
+constexpr std::chrono::milliseconds kSettle{10};
+constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kLookForDrops{200};
 // A load that reaches less than this share of its rate is itself the limit.
 constexpr double kLoadKeepsUp = 0.98;
@@ -27,12 +30,25 @@ struct Trial {
   double megabits_per_second = 0;
 };
 
+// The subject has taken in everything that was sent to it.
+void AwaitEmptySocket(const Subject& subject) {
+  const Clock::time_point deadline = Clock::now() + kPatience;
+  while (LookAtSocket(subject.camera.PeerPort()).queued_bytes != 0 && Clock::now() < deadline) {
+    std::this_thread::sleep_for(kSettle);
+  }
+  std::this_thread::sleep_for(kSettle);  // and has done with the last one
+}
+
 // Ends early when the kernel has dropped something: a unit is lost then.
 Trial Try(Subject& subject, Load& load, double megabits_per_second, Seconds duration) {
-  std::this_thread::sleep_for(kSettle);
+  // A unit is published when the next one begins. So a whole one goes ahead: the trial before may
+  // have left half of one.
+  AwaitEmptySocket(subject);
+  subject.camera.SendUnit(load.Stream(), load.NextUnit(), SendWay::kEach);
+  AwaitEmptySocket(subject);
   UnitCounter counter;
   const std::uint16_t port = subject.camera.PeerPort();
-  const std::uint64_t dropped = DroppedDatagrams(port);
+  const std::uint64_t dropped = LookAtSocket(port).dropped;
   Clock::time_point look = Clock::now();
   const auto nothing_dropped = [&] {
     counter.Look();
@@ -40,14 +56,14 @@ Trial Try(Subject& subject, Load& load, double megabits_per_second, Seconds dura
       return true;
     }
     look = Clock::now();
-    return DroppedDatagrams(port) == dropped;
+    return LookAtSocket(port).dropped == dropped;
   };
   const LoadReport report = load.Run({.megabits_per_second = megabits_per_second,
                                       .duration = duration,
                                       .busy_wait = true,
                                       .way = SendWay::kSegmented,
                                       .go_on = nothing_dropped});
-  std::this_thread::sleep_for(kSettle);
+  AwaitEmptySocket(subject);
   subject.camera.Drain();
   subject.program->CheckAlive();
   return {.whole = counter.Look() == report.units,
@@ -62,10 +78,10 @@ struct Limit {
 
 // Steps up while nothing is lost and down while something is, in ever finer steps.
 double Search(Subject& subject, Load& load, double rate, double step) {
-  for (; step > kFinestStep; step = 1 + (step - 1) / 2.5) {
+  while (step > kFinestStep) {
     Trial trial = Try(subject, load, rate, kProbeTime);
     const bool up = trial.whole;
-    while (trial.whole == up && rate > 1 && rate < kHighestMbit) {
+    while (trial.whole == up && rate > kLowestMbit && rate < kHighestMbit) {
       if (up && trial.megabits_per_second < kLoadKeepsUp * rate) {
         return trial.megabits_per_second;
       }
@@ -73,6 +89,7 @@ double Search(Subject& subject, Load& load, double rate, double step) {
       trial = Try(subject, load, rate, kProbeTime);
     }
     rate = trial.whole ? rate : rate / step;
+    step = 1 + (step - 1) / kFiner;
   }
   return rate;
 }

@@ -155,13 +155,20 @@ Memory Program::MemoryUse() const {
   return memory;
 }
 
-std::uint64_t DroppedDatagrams(std::uint16_t port) {
-  const std::string line = SocketLine(port);
-  const std::size_t last_column = line.find_last_not_of(' ');
-  if (last_column == std::string::npos) {
-    return 0;
+SocketFill LookAtSocket(std::uint16_t port) {
+  // Slot, local and remote address, state, tx_queue:rx_queue in hexadecimal, ..., drops.
+  std::istringstream fields(SocketLine(port));
+  std::vector<std::string> columns;
+  for (std::string column; fields >> column;) {
+    columns.push_back(column);
   }
-  return std::stoull(line.substr(line.rfind(' ', last_column) + 1));
+  constexpr std::size_t kQueues = 4;
+  if (columns.size() <= kQueues) {
+    return {};
+  }
+  const std::string& queues = columns[kQueues];
+  return {.queued_bytes = std::stoull(queues.substr(queues.find(':') + 1), nullptr, 16),
+          .dropped = std::stoull(columns.back())};
 }
 
 void AwaitUdpPort(std::uint16_t port) {

@@ -57,9 +57,12 @@ class Program {
   pid_t pid_ = -1;
 };
 
-// Datagrams that the kernel dropped for want of room in the socket of that port, since it was
-// opened.
-std::uint64_t DroppedDatagrams(std::uint16_t port);
+// What the kernel knows about the socket of that port.
+struct SocketFill {
+  std::uint64_t queued_bytes = 0;
+  std::uint64_t dropped = 0;  // datagrams, for want of room, since it was opened
+};
+SocketFill LookAtSocket(std::uint16_t port);
 
 // Waits until somebody has bound the port. Throws ToolError after ten seconds.
 void AwaitUdpPort(std::uint16_t port);

@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # Instructions per datagram, counted by valgrind's callgrind. Part of scripts/bench; uses its
 # on_stage, bin and fixed_clip.
+# shellcheck disable=SC2154 # which scripts/bench sets
 
 readonly instructions_file=bench/instructions.txt instruction_jobs=(video pushes)
 readonly tolerance_percent=5
