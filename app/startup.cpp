@@ -4,9 +4,11 @@
 
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <span>
 
 #include "app/main_app_link.h"
+#include "app/metrics.h"
 #include "app/options.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
@@ -112,6 +114,7 @@ void BridgePhoneApp(const Config& config) {
 }  // namespace
 
 void RunDaemon(int argc, char** argv) {
+  const std::time_t start = std::time(nullptr);
   std::signal(SIGPIPE, SIG_IGN);  // the picture outlives whoever read our log
   AnnounceBoard();
   ReadOptions(argc, argv);
@@ -124,6 +127,7 @@ void RunDaemon(int argc, char** argv) {
   BridgePhoneApp(config);
   for (;;) {
     PhoneAppBridgeTick();
+    WriteMetrics(start);
     usleep(kMainLoopPeriodUs);
   }
 }

@@ -14,6 +14,9 @@ inline constexpr char kAccessPointInterfacePath[] = "/run/kestrelbridge/ap.iface
 inline constexpr char kVideoWidthPath[] = "/run/kestrelbridge/video_width";
 inline constexpr char kVideoHeightPath[] = "/run/kestrelbridge/video_height";
 
+// The daemon's counters, written anew every second (app/metrics.h).
+inline constexpr char kMetricsPath[] = "/run/kestrelbridge/metrics.prom";
+
 // The board's name, NUL-terminated by the firmware; absent on anything but such a board.
 inline constexpr char kBoardModelPath[] = "/sys/firmware/devicetree/base/model";
 

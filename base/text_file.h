@@ -12,6 +12,12 @@ namespace kestrelbridge {
 // Any thread.
 int WriteTextFile(const char* path, std::string_view text);
 
+// The same, but whoever reads the path meets either its old content or the whole new one: the text
+// is written beside it, to the path with ".tmp" behind it, and renamed. Everybody may read the
+// file. Returns 0, or -1 when anything failed; the old file is still there then. One thread for
+// each path.
+int ReplaceTextFile(const char* path, std::string_view text);
+
 // Reads the start of a file into `text`, which is filled with NULs first and keeps at least one at
 // its end: at most text.size() - 1 bytes are used. A file that cannot be read leaves it empty.
 // Any thread.

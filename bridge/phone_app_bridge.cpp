@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "base/counters.h"
 #include "bridge/redirect_rule.h"
 #include "camera/camera_link.h"
 #include "net/udp_endpoint.h"
@@ -13,7 +14,7 @@ namespace kestrelbridge {
 namespace {
 
 struct PhoneAppBridge {
-  UdpEndpoint endpoint;
+  UdpEndpoint endpoint{.counters = &GetCounters().phone};
   // A line for each relayed datagram; nothing switches it on. Written at start-up, when the
   // camera's receive thread already reads it.
   std::atomic<bool> trace{false};
@@ -31,7 +32,9 @@ void OnPhoneAppLost() { std::fprintf(stderr, "DJI MIMO connection lost\n"); }
 // The daemon's packet counter is not touched: these are not its own packets.
 void RelayToCamera(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
                    std::uint16_t /*sender_port*/) {
-  SendToCamera(datagram);
+  if (SendToCamera(datagram) != -1) {
+    GetCounters().relayed_to_camera.Add();
+  }
 }
 
 }  // namespace
@@ -59,10 +62,12 @@ void ForwardToPhoneApp(std::span<const std::uint8_t> datagram) {
     std::fprintf(stderr, "To DJI MIMO: %d bytes\n", static_cast<int>(datagram.size()));
   }
   const UdpPeer phone_app = Peer(bridge.endpoint);
-  if (phone_app.port != 0) {
-    SendTo(bridge.endpoint, datagram, phone_app);
+  if (phone_app.port != 0 && SendTo(bridge.endpoint, datagram, phone_app) != -1) {
+    GetCounters().relayed_to_phone.Add();
   }
 }
+
+const UdpEndpoint& PhoneAppEndpoint() { return bridge.endpoint; }
 
 void PhoneAppBridgeTick() { CheckLink(bridge.endpoint); }
 

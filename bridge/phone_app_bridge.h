@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <span>
 
+#include "net/udp_endpoint.h"
+
 namespace kestrelbridge {
 
 // Installs the redirect rule and opens port 9004 for the phone app. `camera_host` is dotted
@@ -24,6 +26,9 @@ bool PhoneAppConnected();
 // Relays one datagram of the camera to the phone app's latest address; does nothing while there is
 // none. Camera's receive thread.
 void ForwardToPhoneApp(std::span<const std::uint8_t> datagram);
+
+// The endpoint of port 9004, to look at; its socket is -1 when the port could not be had.
+const UdpEndpoint& PhoneAppEndpoint();
 
 // One step of the phone link's watchdog. Main thread, once a second.
 void PhoneAppBridgeTick();

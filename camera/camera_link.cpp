@@ -18,6 +18,9 @@ std::uint16_t LastReceivedSequence() {
 
 int SendToCamera(std::span<const std::uint8_t> data) {
   const CameraLink& link = GetCameraLink();
+  if (!IsOpen(link.endpoint)) {
+    return -1;
+  }
   return SendTo(link.endpoint, data, link.host, static_cast<std::uint16_t>(link.port));
 }
 

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 
+#include "base/counters.h"
 #include "net/udp_endpoint.h"
 
 namespace kestrelbridge {
@@ -19,9 +20,9 @@ inline constexpr std::size_t kCameraHostSize = 22;  // 21 characters and a NUL
 inline constexpr std::size_t kReceiveBufferSize = 10'000;
 
 struct CameraLink {
-  UdpEndpoint endpoint;
+  UdpEndpoint endpoint{.counters = &GetCounters().camera};
 
-  // Set by InitCameraLink before any thread reads them.
+  // Set by InitCameraLink before it opens the endpoint; read only once that is open.
   char host[kCameraHostSize] = {};  // dotted decimal
   std::int32_t port = 0;            // as given; packets go to its low 16 bits
 
@@ -48,7 +49,9 @@ std::uint16_t TakePacketNumber();
 // Sequence of the camera's latest datagram. Any thread.
 std::uint16_t LastReceivedSequence();
 
-// Sends the bytes as one datagram to the camera. Returns the bytes sent, or -1. Any thread.
+// Sends the bytes as one datagram to the camera. Returns the bytes sent, or -1; that also before
+// InitCameraLink, for the main application may command the camera as soon as the daemon listens to
+// it. Any thread.
 int SendToCamera(std::span<const std::uint8_t> data);
 
 }  // namespace kestrelbridge

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "base/counters.h"
 #include "base/process_end.h"
 #include "base/thread.h"
 #include "bridge/phone_app_bridge.h"
@@ -49,12 +50,15 @@ int InitCameraLink(const char* host, std::int32_t port) {
 
 void SendCameraHeartbeat() {
   if (!CameraDataReceived()) {
-    SendToCamera(BuildConnectionRequest());
+    if (SendToCamera(BuildConnectionRequest()) != -1) {
+      GetCounters().connection_requests.Add();
+    }
     TakePacketNumber();
     return;
   }
-  if (!PhoneAppConnected()) {
-    SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber()));
+  if (!PhoneAppConnected() &&
+      SendToCamera(BuildKeepalive(LastReceivedSequence(), TakePacketNumber())) != -1) {
+    GetCounters().keepalives.Add();
   }
 }
 

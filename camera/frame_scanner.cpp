@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "base/byte_order.h"
+#include "base/counters.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 #include "state/status_decoding.h"
@@ -38,6 +39,7 @@ void ScanCommandFrames(std::span<const std::uint8_t> batch) {
     if (frame.empty()) {
       batch = batch.subspan(1);
     } else {
+      GetCounters().frames_found.Add();
       DecodeStatusFrame(frame);
       batch = batch.subspan(frame.size());
     }

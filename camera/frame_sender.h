@@ -4,7 +4,13 @@
 #include <cstdint>
 #include <span>
 
+#include "base/counters.h"
+
 namespace kestrelbridge {
+
+// Frames that the calling thread sends from now on count there; at first, as the main
+// application's.
+void CountCommandFramesIn(OwnedCounter& counter);
 
 // Sends a command frame of 2 to 255 bytes, whose length equals its byte 1, to the camera. Writes
 // the frame sequence and the CRC-16 into the caller's buffer; everything else, the CRC-8 included,

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string_view>
 
+#include "base/counters.h"
 #include "control/camera_commands.h"
 #include "control/resolution_words.h"
 
@@ -114,32 +115,39 @@ const char* StringMember(const JsonTree& object, const char* name) {
   return cJSON_GetStringValue(cJSON_GetObjectItem(object.get(), name));
 }
 
-void RunCommand(const Members& members) {
+bool RunCommand(const Members& members) {
   const auto asked = std::ranges::find_if(
       kAppCommands, [&members](const AppCommand& command) { return IsAskedFor(command, members); });
-  if (asked != kAppCommands.end()) {
-    asked->run(members);
+  if (asked == kAppCommands.end()) {
+    return false;
   }
+  asked->run(members);
+  return true;
 }
 
-}  // namespace
-
-void DispatchAppCommand(const char* text) {
+// False when the text is no known command.
+bool TakeMessage(const char* text) {
   if (*text != kMarker) {
-    return;
+    return false;
   }
   const char* json = text + 1;
   std::fprintf(stderr, "JSON commands from app: %s\n", json);
   // Takes text behind the object, and refuses nesting that would be too deep for the stack.
   const JsonTree object(cJSON_Parse(json), cJSON_Delete);
   if (cJSON_IsObject(object.get()) == 0) {
-    return;
+    return false;
   }
   const Members members = {.cmd = StringMember(object, "cmd"),
                            .param = StringMember(object, "param"),
                            .value = StringMember(object, "value")};
-  if (members.cmd != nullptr) {
-    RunCommand(members);
+  return members.cmd != nullptr && RunCommand(members);
+}
+
+}  // namespace
+
+void DispatchAppCommand(const char* text) {
+  if (!TakeMessage(text)) {
+    GetCounters().app_messages_ignored.Add();
   }
 }
 

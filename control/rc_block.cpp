@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -13,8 +14,6 @@
 
 namespace kestrelbridge {
 namespace {
-
-constexpr auto kBlockLength = static_cast<off_t>(kRcBlockSize);
 
 void CloseRcBlock(RcBlock& block) {
   if (block.bytes != nullptr) {
@@ -49,11 +48,41 @@ int OpenOrCreate(bool quiet) {
   return descriptor != -1 ? descriptor : OpenOrCreateSharedBlock(kRcBlockName);
 }
 
-// A page behind the end of a file that was cut short cannot be touched without a SIGBUS, and a
-// block that has lost its name will never be written again by a process that starts anew.
-bool IsStillTheBlock(int descriptor) {
+struct BlockCopy {
+  alignas(double) std::array<std::uint8_t, kRcBlockSize> bytes{};
+  bool operator==(const BlockCopy&) const = default;
+};
+
+// False when there is less to copy than a whole block. Not through the mapping: a page behind the
+// end of a file that its owner cuts short just now cannot be touched without a SIGBUS.
+bool CopyBlock(int descriptor, BlockCopy& copy) {
+  return pread(descriptor, copy.bytes.data(), copy.bytes.size(), 0) ==
+         static_cast<ssize_t>(copy.bytes.size());
+}
+
+// The kernel copies while the owner writes, and not every value as a whole. Two copies that agree
+// hold no half of one; of an owner that never rests the latest copy is taken.
+bool CopyBlockAtRest(int descriptor, BlockCopy& copy) {
+  constexpr int kMaxTries = 3;
+  if (!CopyBlock(descriptor, copy)) {
+    return false;
+  }
+  for (int tries = 0; tries < kMaxTries; ++tries) {
+    const BlockCopy before = copy;
+    if (!CopyBlock(descriptor, copy)) {
+      return false;
+    }
+    if (copy == before) {
+      break;
+    }
+  }
+  return true;
+}
+
+// A block that has lost its name will never be written again by a process that starts anew.
+bool HasItsName(int descriptor) {
   struct stat status {};
-  return fstat(descriptor, &status) == 0 && status.st_size >= kBlockLength && status.st_nlink != 0;
+  return fstat(descriptor, &status) == 0 && status.st_nlink != 0;
 }
 
 void CountGoodRead(RcBlock& block) {
@@ -84,7 +113,8 @@ bool ReadRcBlock(RcBlock& block, RcValues& values) {
   if (block.bytes == nullptr) {
     return false;
   }
-  if (!IsStillTheBlock(block.descriptor)) {
+  BlockCopy copy;
+  if (!HasItsName(block.descriptor) || !CopyBlockAtRest(block.descriptor, copy)) {
     CloseRcBlock(block);
     if (!block.in_trouble) {
       std::fprintf(stderr, "Shared raw RC mem was cut short or removed, opening it again\n");
@@ -93,9 +123,9 @@ bool ReadRcBlock(RcBlock& block, RcValues& values) {
     return false;
   }
   for (std::size_t channel = 0; channel < kRcChannelCount; ++channel) {
-    values.channels[channel] = LoadRcChannel(block.bytes, channel);
+    values.channels[channel] = LoadRcChannel(copy.bytes.data(), channel);
   }
-  values.slider_enabled = LoadRcSliderEnabled(block.bytes) != 0;
+  values.slider_enabled = LoadRcSliderEnabled(copy.bytes.data()) != 0;
   CountGoodRead(block);
   return true;
 }

@@ -30,8 +30,8 @@ struct RcValues {
 // when that fails, after it said why. Also opens a block anew.
 bool OpenRcBlock(RcBlock& block);
 
-// Reads the block. Returns false when it is not mapped, or no longer whole or no longer the one
-// with that name; it is then unmapped.
+// Reads the block, whatever its owner does to it meanwhile. Returns false when it is not mapped, or
+// no longer whole or no longer the one with that name; it is then unmapped.
 bool ReadRcBlock(RcBlock& block, RcValues& values);
 
 }  // namespace kestrelbridge

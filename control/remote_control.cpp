@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "base/counters.h"
 #include "base/thread.h"
+#include "camera/frame_sender.h"
 #include "control/camera_commands.h"
 #include "control/stepping_commands.h"
 #include "state/camera_state.h"
@@ -143,6 +145,7 @@ void PollBlock() {
 }
 
 void* RemoteControlThread(void* /*argument*/) {
+  CountCommandFramesIn(GetCounters().rc_command_frames);
   for (;;) {
     if (CameraDataReceived()) {
       PollBlock();

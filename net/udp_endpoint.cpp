@@ -86,12 +86,27 @@ void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char*
     endpoint.peer.store(std::uint64_t{sender.sin_addr.s_addr} << kPeerAddressShift |
                             std::uint64_t{stamp} << kPeerStampShift | ntohs(sender.sin_port),
                         std::memory_order_release);
-    if (last == 0 && endpoint.on_found != nullptr) {
-      endpoint.on_found(sender_text);
+    if (last == 0) {
+      endpoint.counters->found.Add();
+      if (endpoint.on_found != nullptr) {
+        endpoint.on_found(sender_text);
+      }
     }
     // Pairs with the watchdog's exchange in CheckLink.
   } while (!endpoint.last_receive_ms.compare_exchange_strong(last, now, std::memory_order_acq_rel,
                                                              std::memory_order_acquire));
+}
+
+// `sent` is what sendto returned.
+int CountSend(const UdpEndpoint& endpoint, ssize_t sent) {
+  LinkCounters& counters = *endpoint.counters;
+  if (sent < 0) {
+    counters.send_failures.Add();
+    return -1;
+  }
+  counters.sent_datagrams.Add();
+  counters.sent_bytes.Add(static_cast<std::uint64_t>(sent));
+  return static_cast<int>(sent);
 }
 
 void* ReceiveThread(void* argument) { ReceiveLoop(*static_cast<UdpEndpoint*>(argument)); }
@@ -109,8 +124,12 @@ int Open(UdpEndpoint& endpoint, std::uint16_t port) {
     close(socket);
     return -1;
   }
-  endpoint.socket = socket;
+  endpoint.socket.store(socket, std::memory_order_release);  // pairs with IsOpen
   return StartThread(&endpoint.receive_thread, "udp-receive", ReceiveThread, &endpoint);
+}
+
+bool IsOpen(const UdpEndpoint& endpoint) {
+  return endpoint.socket.load(std::memory_order_acquire) != -1;
 }
 
 void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer) {
@@ -123,15 +142,16 @@ int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, cons
            std::uint16_t port) {
   in_addr address{};
   if (inet_aton(host, &address) == 0) {
-    return -1;
+    return CountSend(endpoint, -1);
   }
   return SendTo(endpoint, data, UdpPeer{.address = address.s_addr, .port = port});
 }
 
 int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpPeer destination) {
   const sockaddr_in address = ToSockaddr(destination);
-  return static_cast<int>(sendto(endpoint.socket, data.data(), data.size(), 0,
-                                 reinterpret_cast<const sockaddr*>(&address), sizeof address));
+  return CountSend(
+      endpoint, sendto(endpoint.socket.load(std::memory_order_relaxed), data.data(), data.size(), 0,
+                       reinterpret_cast<const sockaddr*>(&address), sizeof address));
 }
 
 UdpPeer Peer(const UdpEndpoint& endpoint) {
@@ -160,6 +180,7 @@ void CheckLink(UdpEndpoint& endpoint) {
                                                         std::memory_order_relaxed)) {
     return;
   }
+  endpoint.counters->lost.Add();
   if (endpoint.on_lost != nullptr) {
     endpoint.on_lost();
     endpoint.peer.compare_exchange_strong(peer, 0, std::memory_order_acq_rel,
@@ -168,6 +189,7 @@ void CheckLink(UdpEndpoint& endpoint) {
 }
 
 void ReceiveLoop(UdpEndpoint& endpoint) {
+  const int socket = endpoint.socket.load(std::memory_order_relaxed);  // Open started this thread
   SenderText sender_text;
   std::uint16_t stamp = 0;
   for (;;) {
@@ -183,11 +205,13 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
     }
     sockaddr_in sender{};
     socklen_t sender_size = sizeof sender;
-    const ssize_t length = recvfrom(endpoint.socket, buffer, room, 0,
-                                    reinterpret_cast<sockaddr*>(&sender), &sender_size);
+    const ssize_t length =
+        recvfrom(socket, buffer, room, 0, reinterpret_cast<sockaddr*>(&sender), &sender_size);
     if (length <= 0) {
       EndProcess(ExitCode::kReceiveFailed, "UDP read failed");
     }
+    endpoint.counters->received_datagrams.Add();
+    endpoint.counters->received_bytes.Add(static_cast<std::uint64_t>(length));
     sender_text.Update(sender.sin_addr);
     RecordReceive(endpoint, sender, sender_text.text, stamp);
     if (endpoint.on_datagram != nullptr) {

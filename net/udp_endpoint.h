@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <span>
 
+#include "base/counters.h"
+
 namespace kestrelbridge {
 
 // Address of a peer. `address` is an IPv4 address in network byte order, as the socket calls want
@@ -41,6 +43,9 @@ using FoundCallback = void (*)(const char* sender_address);
 using LostCallback = void (*)();
 
 struct UdpEndpoint {
+  // What this endpoint counts into. Set by the owner from the start, constant afterwards.
+  LinkCounters* counters = &GetCounters().unnamed;
+
   // Set by the owner between Open and AttachBuffer, constant afterwards.
   DatagramCallback on_datagram = nullptr;
   LostCallback on_lost = nullptr;
@@ -65,13 +70,19 @@ struct UdpEndpoint {
   std::uint16_t buffer_size = 0;
 
   pthread_t receive_thread{};
-  int socket = -1;
+
+  // -1 until Open has bound it. Stored with release by Open, loaded with acquire by IsOpen: who
+  // found the endpoint open sees what its owner set before it called Open.
+  std::atomic<int> socket{-1};
 };
 
 // Binds a UDP socket to the port on all interfaces (0: a free one) and starts the receive thread,
 // which waits for a buffer. Asks the kernel for socket buffers of 10,000,000 bytes; what it refuses
 // is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had.
 int Open(UdpEndpoint& endpoint, std::uint16_t port);
+
+// True from Open on, for threads that may ask before it: they were started earlier. Any thread.
+bool IsOpen(const UdpEndpoint& endpoint);
 
 // Hands the endpoint its receive buffer, at most 65,535 bytes, and so sets it to work.
 void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer);

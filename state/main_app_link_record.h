@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/counters.h"
 #include "net/udp_endpoint.h"
 
 namespace kestrelbridge {
@@ -17,8 +18,10 @@ inline constexpr std::size_t kDestinationHostSize = 20;  // 19 characters and a 
 // Everything but the endpoints' own shared fields is written by start-up before the telemetry
 // thread exists, and only read afterwards.
 struct MainAppLink {
-  UdpEndpoint second_endpoint;   // takes in and drops; nothing is sent through it
-  UdpEndpoint command_endpoint;  // commands come in, telemetry goes out
+  // Takes in and drops; nothing is sent through it.
+  UdpEndpoint second_endpoint{.counters = &GetCounters().main_app_second};
+  // Commands come in, telemetry goes out.
+  UdpEndpoint command_endpoint{.counters = &GetCounters().main_app};
   char destination_host[kDestinationHostSize] = {};
   std::uint32_t destination_port = 0;
   pthread_t telemetry_thread{};

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "base/byte_order.h"
+#include "base/counters.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 #include "net/clock.h"
@@ -86,16 +87,20 @@ void DecodeStatusFrame(std::span<const std::uint8_t> frame) {
     case kStatusPushLength:
       if (IsStatusPush(frame)) {
         StoreStatus(PayloadOf(frame));
+        GetCounters().status_pushes.Add();
       }
       break;
     case kSettingsPushLength:
       StoreSettings(PayloadOf(frame));
+      GetCounters().settings_pushes.Add();
       break;
     case kBatteryPushLength:
       StoreBattery(PayloadOf(frame));
+      GetCounters().battery_pushes.Add();
       break;
     case kHistogramPushLength:
       StoreHistogram(PayloadOf(frame));
+      GetCounters().histogram_pushes.Add();
       break;
     default:
       break;

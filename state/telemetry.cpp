@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/byte_order.h"
+#include "base/counters.h"
 #include "net/clock.h"
 #include "net/udp_endpoint.h"
 #include "state/main_app_link_record.h"
@@ -94,9 +95,14 @@ bool HasDestination(const MainAppLink& link) {
 }
 
 // Precondition: the link has a destination.
-int SendRecord(const MainAppLink& link, std::span<const std::uint8_t> record) {
-  return SendTo(link.command_endpoint, record, link.destination_host,
-                static_cast<std::uint16_t>(link.destination_port));
+int SendRecord(const MainAppLink& link, std::span<const std::uint8_t> record,
+               OwnedCounter& records_sent) {
+  const int sent = SendTo(link.command_endpoint, record, link.destination_host,
+                          static_cast<std::uint16_t>(link.destination_port));
+  if (sent != -1) {
+    records_sent.Add();
+  }
+  return sent;
 }
 
 void CheckLinks() {
@@ -110,9 +116,9 @@ void SendBinaryRecords(const CameraState& state) {
   if (!HasDestination(link)) {
     return;
   }
-  SendRecord(link, BuildStatusRecord(state));
+  SendRecord(link, BuildStatusRecord(state), GetCounters().status_records);
   if (state.histogram_time_ms != 0) {
-    SendRecord(link, BuildHistogramRecord(state));
+    SendRecord(link, BuildHistogramRecord(state), GetCounters().histogram_records);
   }
 }
 
@@ -168,7 +174,8 @@ int SendTelemetryText(const CameraState& state) {
   if (!HasDestination(link)) {
     return static_cast<int>(record.length - 1);
   }
-  return SendRecord(link, std::span(record.buffer).first(record.length));
+  return SendRecord(link, std::span(record.buffer).first(record.length),
+                    GetCounters().text_records);
 }
 
 void ExpireHistogram(std::uint32_t seen_ms, std::uint32_t now_ms) {

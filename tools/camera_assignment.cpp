@@ -1,5 +1,6 @@
 #include "tools/camera_assignment.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cmath>

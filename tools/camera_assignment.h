@@ -1,11 +1,14 @@
 // The simulated camera's state in words: "iso_set=400".
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <span>
 #include <string>
 
 #include "tools/camera_model.h"
+
+namespace CLI {
+class Validator;  // its header takes seconds to compile: only who makes options includes it
+}
 
 namespace kestrelbridge {
 

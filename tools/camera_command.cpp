@@ -108,11 +108,12 @@ class Progress {
 };
 
 // The keys of the summary; scripts look for them.
+template <typename Counters>
 struct SummaryLine {
   const char* key;
-  std::uint64_t CameraCounters::*counter;
+  std::uint64_t Counters::*counter;
 };
-constexpr SummaryLine kSummary[] = {
+constexpr SummaryLine<CameraCounters> kSummary[] = {
     {"units_sent", &CameraCounters::units_sent},
     {"datagrams_sent", &CameraCounters::datagrams_sent},
     {"bytes_sent", &CameraCounters::bytes_sent},
@@ -131,11 +132,26 @@ constexpr SummaryLine kSummary[] = {
     {"foreign_packets", &CameraCounters::foreign_packets},
 };
 
+// What arrives whole, if nothing else is lost than what the camera lost.
+constexpr SummaryLine<ForecastCounters> kForecastSummary[] = {
+    {"video_datagrams", &ForecastCounters::video_datagrams},
+    {"command_data_datagrams", &ForecastCounters::command_data_datagrams},
+    {"other_datagrams", &ForecastCounters::other_datagrams},
+    {"stray_datagrams", &ForecastCounters::stray_datagrams},
+    {"whole_units", &ForecastCounters::whole_units},
+    {"whole_bytes", &ForecastCounters::whole_bytes},
+    {"broken_units", &ForecastCounters::broken_units},
+    {"odd_units", &ForecastCounters::odd_units},
+};
+
 void PrintSummary(const SimulatedCamera& camera) {
   camera.BadPackets().PrintRepeats();
   std::printf("summary\n");
-  for (const SummaryLine& line : kSummary) {
+  for (const auto& line : kSummary) {
     std::printf("%s: %llu\n", line.key, Progress::Ull(camera.Counters().*line.counter));
+  }
+  for (const auto& line : kForecastSummary) {
+    std::printf("%s: %llu\n", line.key, Progress::Ull(camera.Forecast().*line.counter));
   }
 }
 

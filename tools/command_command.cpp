@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kNotSeenExitCode = 3;
 constexpr std::chrono::seconds kTelemetryPatience{3};
 constexpr double kMaxSeconds = 3600;
+constexpr double kMaxTimes = 1e9;
+constexpr double kMaxRate = 1e6;
 
 struct CommandLine {
   std::vector<std::string> words;
@@ -33,6 +37,8 @@ struct CommandLine {
   bool force = false;
   bool wait = false;
   double timeout_s = 5;
+  std::uint64_t times = 1;
+  double times_per_second = 0;  // 0: as fast as they go
 };
 
 CommandRequest Request(const CommandLine& line) {
@@ -78,20 +84,36 @@ ReceivedRecord FirstRecord(TelemetrySocket& telemetry, bool need_text) {
                   "listens");
 }
 
-void SendCommand(const UdpSocket& socket, const std::string& json, UdpPeer to) {
-  const std::string text = "!" + json;
-  const std::vector<std::uint8_t> datagram(text.begin(), text.end());
+void SendDatagram(const UdpSocket& socket, std::span<const std::uint8_t> datagram, UdpPeer to) {
   if (!socket.Send(datagram, to)) {
     throw ToolError("cannot send " + std::to_string(datagram.size()) + " bytes to " +
                     HostPortText(to));
   }
-  std::printf("sent to %s: %s\n", HostPortText(to).c_str(), PrintableText(text).c_str());
+}
+
+// On a schedule, so that a late one does not delay all others.
+void SendCommand(const UdpSocket& socket, const std::string& json, UdpPeer to,
+                 const CommandLine& line) {
+  const std::string text = "!" + json;
+  const std::vector<std::uint8_t> datagram(text.begin(), text.end());
+  const auto start = Clock::now();
+  for (std::uint64_t sent = 0; sent < line.times; ++sent) {
+    if (line.times_per_second > 0) {
+      std::this_thread::sleep_until(
+          start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                      static_cast<double>(sent) / line.times_per_second)));
+    }
+    SendDatagram(socket, datagram, to);
+  }
+  const std::string often = line.times == 1 ? "" : std::to_string(line.times) + " times ";
+  std::printf("sent %sto %s: %s\n", often.c_str(), HostPortText(to).c_str(),
+              PrintableText(text).c_str());
   std::fflush(stdout);
 }
 
-void SendWithoutTelemetry(const std::string& json, UdpPeer to) {
+void SendWithoutTelemetry(const std::string& json, UdpPeer to, const CommandLine& line) {
   const UdpSocket socket(UdpPeer{});  // any address, any port
-  SendCommand(socket, json, to);
+  SendCommand(socket, json, to, line);
 }
 
 void WaitForEffect(TelemetrySocket& telemetry, const CommandEffect& effect, TelemetryRecord before,
@@ -125,7 +147,7 @@ void RunCommand(const CommandLine& line) {
   }
   const auto to = ParseHostPort(line.to);
   if (to && !line.wait) {
-    SendWithoutTelemetry(request.json, *to);
+    SendWithoutTelemetry(request.json, *to, line);
     return;
   }
   TelemetrySocket telemetry(*ParseHostPort(line.listen),
@@ -134,7 +156,7 @@ void RunCommand(const CommandLine& line) {
                                       : "say with --to HOST:PORT where the daemon listens: it is "
                                         "the sender of the telemetry");
   ReceivedRecord first = FirstRecord(telemetry, line.wait);
-  SendCommand(telemetry.socket(), request.json, to.value_or(first.sender));
+  SendCommand(telemetry.socket(), request.json, to.value_or(first.sender), line);
   if (line.wait) {
     WaitForEffect(telemetry, request.effect, std::move(first.record), line.timeout_s);
   }
@@ -175,6 +197,14 @@ void AddCommandCommand(CLI::App& app) {
       ->check(NumberBetween(0.1, kMaxSeconds))
       ->type_name("SECONDS")
       ->capture_default_str();
+  command->add_option("--repeat", line->times, "Send it so many times")
+      ->check(NumberBetween(1, kMaxTimes))
+      ->type_name("TIMES");
+  command
+      ->add_option("--rate", line->times_per_second,
+                   "With --repeat: so many times a second (default: as fast as they go)")
+      ->check(NumberBetween(0.001, kMaxRate))
+      ->type_name("NUMBER");
   command->add_option("--listen", line->listen, "Where the daemon sends its telemetry")
       ->type_name("HOST:PORT")
       ->check(HostPortValidator())

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <CLI/CLI.hpp>
 #include <charconv>
 
 namespace kestrelbridge {

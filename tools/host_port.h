@@ -1,12 +1,15 @@
 // "HOST:PORT" on the command line.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "net/udp_endpoint.h"
+
+namespace CLI {
+class Validator;  // its header takes seconds to compile: only who makes options includes it
+}
 
 namespace kestrelbridge {
 

@@ -9,6 +9,7 @@
 #include "tools/command_command.h"
 #include "tools/phone_command.h"
 #include "tools/rc_command.h"
+#include "tools/stats_command.h"
 #include "tools/telemetry_command.h"
 #include "tools/tool_error.h"
 #include "tools/video_command.h"
@@ -22,6 +23,7 @@ constexpr AddCommand kCommands[] = {
     kestrelbridge::AddCameraCommand,    kestrelbridge::AddVideoCommand,
     kestrelbridge::AddTelemetryCommand, kestrelbridge::AddCommandCommand,
     kestrelbridge::AddRcCommand,        kestrelbridge::AddPhoneCommand,
+    kestrelbridge::AddStatsCommand,
 };
 
 int Run(int argc, char** argv) {

@@ -31,6 +31,8 @@ struct CommandLine {
   std::uint16_t local_port = 0;
   double duration_s = 0;
   std::string output;
+  double silence_after_s = 0;
+  CLI::Option* silence_option = nullptr;
   bool no_acknowledge = false;
   PhoneOptions phone;
 };
@@ -106,6 +108,9 @@ void RunPhone(CommandLine& line) {
   std::FILE* const report = line.output == "-" ? stderr : stdout;
   line.phone.to = *ParseHostPort(line.to);
   line.phone.acknowledge = !line.no_acknowledge;
+  if (line.silence_option->count() != 0) {
+    line.phone.silence_after = duration<double>(line.silence_after_s);
+  }
   if (line.phone.to.port == 0) {
     throw ToolError("--to " + line.to + ": port 0 cannot be sent to");
   }
@@ -155,6 +160,13 @@ void AddPhoneCommand(CLI::App& app) {
       ->capture_default_str();
   command->add_flag("--no-acknowledge", line->no_acknowledge,
                     "Send no unit acknowledgements, only keepalives");
+  line->silence_option =
+      command
+          ->add_option("--silence-after", line->silence_after_s,
+                       "Send nothing any more so many seconds after the first keepalive, and still "
+                       "receive")
+          ->check(NumberBetween(0, kMaxSeconds))
+          ->type_name("SECONDS");
   command
       ->add_option("--output", line->output,
                    "Write every whole unit to this file; - is standard output, and the report goes "

@@ -90,15 +90,19 @@ void SimulatedCamera::TakePacket(std::span<const std::uint8_t> packet, UdpPeer f
 }
 
 // Every packet of the daemon takes a new number, so two frames in a row cannot have the same one.
+// Keepalives and commands are looked at apart: a phone's keepalives are among them, which it
+// numbers for itself.
 void SimulatedCamera::TakeFrame(const CheckedPacket& checked, std::span<const std::uint8_t> packet,
                                 SteadyTime now) {
   const std::uint16_t sequence = LoadLe16(checked.frame, kFrameSequenceOffset);
-  if (last_frame_sequence_ == sequence) {
+  const bool is_keepalive = checked.type == PacketType::kKeepalive;
+  auto& last_sequence = is_keepalive ? last_keepalive_sequence_ : last_command_sequence_;
+  if (last_sequence == sequence) {
     NoteBadPacket("frame sequence used twice", packet);
     return;
   }
-  last_frame_sequence_ = sequence;
-  if (checked.type == PacketType::kKeepalive) {
+  last_sequence = sequence;
+  if (is_keepalive) {
     ++counters_.keepalives;
   } else {
     ++counters_.commands;
@@ -119,7 +123,8 @@ void SimulatedCamera::Connect(UdpPeer peer, SteadyTime now) {
   peer_ = peer;
   clip_unit_ = 0;
   clip_end_.reset();
-  last_frame_sequence_.reset();
+  last_keepalive_sequence_.reset();
+  last_command_sequence_.reset();
   faults_.Discard();
   schedule_.Start(now);
   next_command_data_ = now;  // the answer to the request
@@ -206,6 +211,7 @@ void SimulatedCamera::SendDatagram(std::span<const std::uint8_t> datagram) {
   }
   ++counters_.datagrams_sent;
   counters_.bytes_sent += datagram.size();
+  forecast_.Take(datagram);
 }
 
 }  // namespace kestrelbridge

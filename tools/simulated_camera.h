@@ -27,6 +27,7 @@
 #include "tools/camera_wire.h"
 #include "tools/datagram_faults.h"
 #include "tools/packet_check.h"
+#include "tools/stream_forecast.h"
 #include "tools/udp_socket.h"
 #include "tools/unit_schedule.h"
 
@@ -83,6 +84,7 @@ class SimulatedCamera {
   [[nodiscard]] std::optional<SteadyTime> ClipEnd() const { return clip_end_; }
 
   [[nodiscard]] const CameraCounters& Counters() const { return counters_; }
+  [[nodiscard]] const ForecastCounters& Forecast() const { return forecast_.Counters(); }
   [[nodiscard]] const BadPacketLog& BadPackets() const { return bad_packets_; }
 
  private:
@@ -118,13 +120,16 @@ class SimulatedCamera {
 
   std::uint16_t datagram_sequence_ = 0;
   std::uint16_t push_sequence_ = 0;
-  std::optional<std::uint16_t> last_frame_sequence_;  // of the daemon's latest command frame
+  // Of the latest frame of each type.
+  std::optional<std::uint16_t> last_keepalive_sequence_;
+  std::optional<std::uint16_t> last_command_sequence_;
 
   DatagramFaults faults_;
   std::vector<DatagramFate> fates_;    // of the unit that is being sent
   std::vector<std::uint8_t> buffer_;   // one outgoing datagram
   std::vector<std::uint8_t> receive_;  // one incoming packet
   CameraCounters counters_;
+  StreamForecast forecast_;
   BadPacketLog bad_packets_;
 };
 

@@ -43,7 +43,7 @@ void SimulatedPhone::Receive() {
     if (unit.empty()) {
       continue;
     }
-    if (options_.acknowledge) {
+    if (options_.acknowledge && !silent_) {
       SendPacket(BuildUnitAcknowledgement(stream_.Sequence()), counters_.acknowledgements_sent);
     }
     on_unit_(unit);
@@ -51,8 +51,16 @@ void SimulatedPhone::Receive() {
 }
 
 void SimulatedPhone::Send(SteadyTime now) {
+  if (now >= silence_begin_) {
+    silent_ = true;
+    next_keepalive_ = silence_begin_ = SteadyTime::max();
+  }
   if (now < next_keepalive_) {
     return;
+  }
+  if (counters_.keepalives_sent == 0 && options_.silence_after) {
+    silence_begin_ =
+        now + std::chrono::duration_cast<SteadyTime::duration>(*options_.silence_after);
   }
   SendPacket(BuildKeepalive(stream_.Sequence(), frame_sequence_++), counters_.keepalives_sent);
   next_keepalive_ = now + keepalive_period_;

@@ -3,9 +3,11 @@
 // comes back on the same socket.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -19,7 +21,8 @@ namespace kestrelbridge {
 struct PhoneOptions {
   UdpPeer to;  // the camera, as the phone knows it
   double keepalives_per_second = 5;
-  bool acknowledge = true;  // every whole unit
+  bool acknowledge = true;                                     // every whole unit
+  std::optional<std::chrono::duration<double>> silence_after;  // since the first keepalive
 };
 
 struct PhoneCounters {
@@ -39,11 +42,11 @@ class SimulatedPhone {
   // Takes the datagrams that have arrived and acknowledges units.
   void Receive();
 
-  // Sends a keepalive when one is due.
+  // Sends a keepalive when one is due. Once silent, the phone sends nothing and still receives.
   void Send(SteadyTime now);
 
-  // When the next keepalive is due.
-  [[nodiscard]] SteadyTime NextSend() const { return next_keepalive_; }
+  // When there is something to do again; the end of time when there is not.
+  [[nodiscard]] SteadyTime NextSend() const { return std::min(next_keepalive_, silence_begin_); }
 
   [[nodiscard]] const PhoneCounters& Counters() const { return counters_; }
   [[nodiscard]] const StreamCounters& Stream() const { return stream_.Counters(); }
@@ -57,6 +60,8 @@ class SimulatedPhone {
   UnitSink on_unit_;
   std::chrono::nanoseconds keepalive_period_;
   SteadyTime next_keepalive_;  // the first one at once
+  SteadyTime silence_begin_ = SteadyTime::max();
+  bool silent_ = false;
   std::uint16_t frame_sequence_;
   PhoneStream stream_;
   std::vector<std::uint8_t> receive_;

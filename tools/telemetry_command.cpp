@@ -1,23 +1,19 @@
 #include "tools/telemetry_command.h"
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tools/host_port.h"
 #include "tools/number_option.h"
 #include "tools/run_end.h"
+#include "tools/screen.h"
 #include "tools/telemetry_lines.h"
 #include "tools/telemetry_socket.h"
 #include "tools/telemetry_view.h"
@@ -40,62 +36,6 @@ struct CommandLine {
   bool lines = false;
   std::uint64_t count = 0;  // 0: no limit
   double duration_s = 0;
-};
-
-// Standard output. A closed pipe is an end like others, anything else that fails an error.
-class Output {
- public:
-  void Write(const std::string& text) {
-    if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) == EOF) {
-      if (errno != EPIPE) {
-        throw ToolError(std::string("cannot write to standard output: ") + std::strerror(errno));
-      }
-      closed_ = true;
-    }
-  }
-  [[nodiscard]] bool closed() const { return closed_; }
-
- private:
-  bool closed_ = false;
-};
-
-// The view on a terminal, drawn over itself. Nothing is drawn before something has arrived.
-class Screen {
- public:
-  explicit Screen(Output& output) : output_(output) {}
-  Screen(const Screen&) = delete;
-  Screen& operator=(const Screen&) = delete;
-
-  void Draw(std::vector<std::string> lines) {
-    std::string text = started_ ? "\x1b[H" : "\x1b[?25l\x1b[2J\x1b[H";  // the cursor is hidden
-    started_ = true;
-    lines.resize(std::min(lines.size(), Rows()));
-    text += "\x1b[?7l";  // a line too long is cut, not wrapped
-    for (std::size_t row = 0; row < lines.size(); ++row) {
-      text += (row == 0 ? "" : "\r\n") + lines[row] + "\x1b[K";
-    }
-    output_.Write(text + "\x1b[J\x1b[?7h");
-  }
-
-  // Leaves the last view where it is.
-  void Close() {
-    if (started_) {
-      output_.Write("\x1b[?25h\n");
-    }
-  }
-
-  [[nodiscard]] bool started() const { return started_; }
-
- private:
-  static std::size_t Rows() {
-    constexpr std::size_t kUsualRows = 24;
-    winsize size{};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 ? size.ws_row
-                                                                           : kUsualRows;
-  }
-
-  Output& output_;
-  bool started_ = false;
 };
 
 // Says once for each silence that nothing comes.

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "base/byte_order.h"
+#include "base/counters.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
 #include "video/command_data.h"
@@ -18,22 +19,27 @@ constinit std::atomic<bool> command_data_received{false};
 }  // namespace
 
 int ProcessCameraDatagram(std::span<const std::uint8_t> datagram) {
+  Counters& counters = GetCounters();
   if (datagram.size() < kWrapperSequenceEnd) {
+    counters.short_datagrams.Add();
     return 0;
   }
   GetCameraLink().last_received_sequence.store(LoadLe16(datagram, kWrapperSequenceOffset),
                                                std::memory_order_relaxed);
   switch (datagram[kWrapperKindOffset]) {
     case kKindVideo:
+      counters.video_datagrams.Add();
       TakeVideoDatagram(datagram);
       break;
     case kKindCommandData:
+      counters.command_data_datagrams.Add();
       command_data_received.store(true, std::memory_order_release);
       if (datagram.size() > kReceivedWrapperSize) {
         GatherCommandData(datagram.subspan(kReceivedWrapperSize));
       }
       break;
     default:
+      counters.ignored_datagrams.Add();
       break;
   }
   return 0;

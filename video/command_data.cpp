@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "base/copy_bytes.h"
+#include "base/counters.h"
 #include "camera/frame_scanner.h"
 
 namespace kestrelbridge {
@@ -24,6 +25,7 @@ constinit std::size_t fill = 0;
 void GatherCommandData(std::span<const std::uint8_t> payload) {
   payload = payload.first(std::min(payload.size(), kMaxFill));  // no datagram is that long
   if (fill + payload.size() > kMaxFill) {
+    GetCounters().command_data_overflows.Add();
     std::fprintf(stderr, "data buffer overflow\n");
     fill = 0;
   }

@@ -10,6 +10,7 @@
 
 #include "base/byte_order.h"
 #include "base/copy_bytes.h"
+#include "base/counters.h"
 #include "base/run_paths.h"
 #include "base/shared_memory.h"
 #include "kestrelbridge/frame_block.h"
@@ -116,6 +117,7 @@ void PublishVideoUnit(std::span<const std::uint8_t> unit) {
     return;
   }
   HonourClearRequest();
+  GetCounters().published_bytes.Add(unit.size());
   std::uint8_t chunk_index = 0;
   while (!unit.empty()) {
     const std::size_t length = std::min(unit.size(), kChunkCapacity);
@@ -125,6 +127,7 @@ void PublishVideoUnit(std::span<const std::uint8_t> unit) {
   }
   StoreShared16(&frame_block[kLastSequenceOffset], unit_sequence, __ATOMIC_RELEASE);
   ++unit_sequence;
+  GetCounters().units_published.Add();
 }
 
 }  // namespace kestrelbridge

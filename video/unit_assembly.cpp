@@ -7,6 +7,7 @@
 
 #include "base/byte_order.h"
 #include "base/copy_bytes.h"
+#include "base/counters.h"
 #include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
@@ -59,6 +60,7 @@ bool IsUnitHeader(std::span<const std::uint8_t> datagram) {
 void Append(std::span<const std::uint8_t> unit_bytes) {
   unit_bytes = unit_bytes.first(std::min(unit_bytes.size(), kMaxFill));  // no datagram is that long
   if (fill + unit_bytes.size() > kMaxFill) {
+    GetCounters().video_overflows.Add();
     std::fprintf(stderr, "video buffer overflow\n");
     fill = 0;
   }
@@ -69,6 +71,7 @@ void Append(std::span<const std::uint8_t> unit_bytes) {
 void PublishIfH264(std::span<const std::uint8_t> unit) {
   if (unit.size() < kMinUnitLength ||
       !std::ranges::equal(unit.first(kStartCode.size()), kStartCode)) {
+    GetCounters().units_not_published.Add();
     return;
   }
   if ((unit[kNalHeaderOffset] & kNalTypeMask) == kNalTypeSps) {
@@ -78,7 +81,9 @@ void PublishIfH264(std::span<const std::uint8_t> unit) {
 }
 
 void AcknowledgeUnit() {
-  SendToCamera(BuildUnitAcknowledgement(LastReceivedSequence()));
+  if (SendToCamera(BuildUnitAcknowledgement(LastReceivedSequence())) != -1) {
+    GetCounters().acknowledgements.Add();
+  }
   TakePacketNumber();
 }
 
@@ -87,6 +92,7 @@ void FinishUnit() {
     return;
   }
   if (fill != expected_length) {
+    GetCounters().units_corrupted.Add();
     std::fprintf(stderr, "corrupted unit\n");
     return;
   }
@@ -109,10 +115,13 @@ void TakeVideoDatagram(std::span<const std::uint8_t> datagram) {
     if (datagram.size() >= kUnitHeaderEnd) {
       FinishUnit();
       StartUnit(datagram);
+      return;
     }
   } else if (expected_length != 0 && datagram.size() >= kReceivedWrapperSize) {
     Append(datagram.subspan(kReceivedWrapperSize));
+    return;
   }
+  GetCounters().stray_video_datagrams.Add();
 }
 
 }  // namespace kestrelbridge

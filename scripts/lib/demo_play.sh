@@ -18,64 +18,18 @@ readonly bin=build/bin out=demo-output
 readonly clip=tools/clips/test-pattern-720p30.h264 clip_fps=30 clip_size=1280x720
 readonly received=$out/received.h264 picture=$out/last-picture.png
 
-# --- processes --------------------------------------------------------------------------------
-
-declare -A pids=()
-
-# start NAME COMMAND...: in the background; its output goes to demo-output/NAME.log.
-start() {
-  "${@:2}" >"$out/$1.log" 2>&1 &
-  pids[$1]=$!
-}
-
-# wait_for SECONDS COMMAND...: until the command succeeds; fails when it has not by then.
-wait_for() {
-  local deadline=$((SECONDS + $1))
-  until "${@:2}"; do
-    ((SECONDS < deadline)) || return 1
-    sleep 0.1
-  done
-}
-
-has_line() { grep -q -- "$2" "$out/$1.log"; }
-has_ended() { ! kill -0 "${pids[$1]}" 2>/dev/null; }
-
-# await_end NAME SECONDS: puts the exit code of the process into exit_code; fails when it goes on
-# running.
-await_end() {
-  wait_for "$2" has_ended "$1" || return 1
-  exit_code=0
-  wait "${pids[$1]}" || exit_code=$?
-  unset "pids[$1]"
-}
-
-# Asks a tool to end, as Ctrl-C would, and sees it end well.
-end_tool() {
-  kill -TERM "${pids[$1]}" 2>/dev/null || true
-  await_end "$1" 5 || give_up "the $1 did not end"
-  [[ $exit_code -eq 0 ]] || give_up "the $1 failed: $(tail -n 1 "$out/$1.log")"
-}
+# shellcheck source=scripts/lib/play.sh
+source scripts/lib/play.sh
 
 clean_up() {
-  local name
   trap - EXIT
-  for name in "${!pids[@]}"; do kill "${pids[$name]}" 2>/dev/null || true; done
-  wait
+  stop_all
   # There was no block before the demo: scripts/demo has seen to that.
   rm -f /dev/shm/kestrelbridge_framebuffer /dev/shm/kestrelbridge_framebuffer_transcoding
   rm -f "$out/expected.h264"
 }
 trap clean_up EXIT
 trap 'exit 130' INT TERM HUP
-
-# Ends the demo with a plain reason and with what the daemon had to say.
-give_up() {
-  if [[ -s $out/daemon.log ]]; then
-    say 'The last lines of the daemon:'
-    tail -n 8 "$out/daemon.log" | sed 's/^/        /'
-  fi
-  fail "$*"
-}
 
 # --- the play ---------------------------------------------------------------------------------
 
@@ -178,14 +132,6 @@ camera_falls_silent() {
   done_with 'It said "Camera connection lost" and ended with exit code 1, as it should.'
   end_tool camera
   end_tool reader
-}
-
-# summary NAME KEY: the number of the line "KEY: number" that a tool closed with.
-summary() {
-  local number
-  number="$(sed -n "s/^ *$2: *\([0-9][0-9]*\).*/\1/p" "$out/$1.log" | tail -n 1)"
-  [[ -n $number ]] || give_up "the $1 did not say how many \"$2\" it counted"
-  echo "$number"
 }
 
 compare_with_clip() {

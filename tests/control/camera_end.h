@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "support/udp_socket.h"
@@ -35,5 +37,8 @@ class CameraEnd : public testing::Test {
 
 // Feeds the daemon a datagram of command data, as the camera does once it streams.
 void ReceiveCameraData();
+
+// A table in one text, "word=code|word=code|word", taken apart.
+std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table);
 
 }  // namespace kestrelbridge

@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "control/camera_end.h"
 
@@ -30,32 +32,23 @@ class RcBlockTest : public CameraEnd {
   RcBlockTest() { RemoveBlock(); }
   ~RcBlockTest() override { RemoveBlock(); }
   static void RemoveBlock() { unlink(kPath); }
-  static void WriteBlock(std::size_t size) {
-    std::ofstream(kPath, std::ios::binary) << std::string(size, '\0');
-  }
   bool Read() { return ReadRcBlock(block_, values_); }
 
   RcBlock block_;
   RcValues values_;
 };
 
-TEST_F(RcBlockTest, IsCreatedWhenMissingAndReadsAsZero) {
+TEST_F(RcBlockTest, IsCreatedWhenMissingAndGetsItsSizeWhateverItWas) {
   EXPECT_TRUE(OpenRcBlock(block_));
   EXPECT_EQ(Log(), kCreating);
   struct stat status {};
   ASSERT_EQ(stat(kPath, &status), 0);
-  EXPECT_EQ(status.st_size, 1504);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
   ASSERT_TRUE(Read());
   EXPECT_EQ(values_.channels, RcValues{}.channels);
   EXPECT_FALSE(values_.slider_enabled);
-  EXPECT_TRUE(OpenRcBlock(block_));
-  EXPECT_EQ(Log(), kOpened);
-}
-
-TEST_F(RcBlockTest, GetsItsSizeWhateverItWas) {
   for (const std::size_t size : {0U, 1U, 1503U, 1504U, 5000U}) {
-    WriteBlock(size);
+    std::ofstream(kPath, std::ios::binary) << std::string(size, '\0');
     EXPECT_TRUE(OpenRcBlock(block_));
     EXPECT_EQ(SizeOfBlock(), 1504);
     EXPECT_EQ(Log(), kOpened);
@@ -67,19 +60,15 @@ TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
   ASSERT_TRUE(OpenRcBlock(block_));
   std::fstream owner(kPath, std::ios::binary | std::ios::in | std::ios::out);
   const double value = -0.75;
-  owner.seekp(1480);
-  owner.write(reinterpret_cast<const char*>(&value), sizeof value);
-  owner.flush();
+  owner.seekp(1480).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
   ASSERT_TRUE(Read());
   EXPECT_EQ(values_.channels[185], -0.75);
   EXPECT_EQ(values_.channels[184], 0);
   for (const int byte : {1490, 1491}) {
-    owner.seekp(byte);
-    owner.put('\x80').flush();
+    owner.seekp(byte).put('\x80').flush();
     ASSERT_TRUE(Read());
     EXPECT_TRUE(values_.slider_enabled) << byte;
-    owner.seekp(byte);
-    owner.put('\0').flush();
+    owner.seekp(byte).put('\0').flush();
   }
   owner.seekp(1488).write("\xFF\xFF", 2);
   owner.seekp(1492).write("\xFF\xFF", 2).flush();
@@ -105,6 +94,26 @@ TEST_F(RcBlockTest, CutShortOrRemovedIsUnmappedAndFoundAgain) {
   EXPECT_EQ(Log(), kCreating + std::string(kLost)) << "said once, not each time";
 }
 
+TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
+  std::atomic<bool> goes_on{true};
+  std::thread owner([&goes_on] {
+    while (goes_on) {
+      [[maybe_unused]] const int cut = truncate(kPath, 0);
+      [[maybe_unused]] const int whole = truncate(kPath, 1504);
+    }
+  });
+  int good_reads = 0;
+  for (int round = 0; round < 3'000; ++round) {
+    OpenRcBlock(block_);
+    for (int read = 0; read < 10; ++read) {
+      good_reads += Read() ? 1 : 0;
+    }
+  }
+  goes_on = false;
+  owner.join();
+  EXPECT_GT(good_reads, 0);
+}
+
 TEST_F(RcBlockTest, IsReportedAgainOnceItHasBeenWellForAWhile) {
   ASSERT_TRUE(OpenRcBlock(block_));
   RemoveBlock();
@@ -124,55 +133,39 @@ TEST_F(RcBlockTest, IsReportedAgainOnceItHasBeenWellForAWhile) {
   EXPECT_EQ(Log(), kLost);
 }
 
-// Mounts an other /dev/shm over the one of the test.
-class OtherSharedMemory {
- public:
-  explicit OtherSharedMemory(unsigned long flags, const char* options) {
-    EXPECT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", flags, options), 0);
+TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnceHoweverOftenItIsTried) {
+  const struct {
+    unsigned long flags;  // of a /dev/shm mounted over the one of the test
+    const char* options;
+    const char* stands_there;  // a link of the block's name, or a file that fills the memory
+    const char* message;
+  } rows[] = {
+      {0, "", kPath, "open@Too many levels of symbolic links"},
+      {MS_RDONLY, "", nullptr, "open@Read-only file system"},
+      // Refused at once, rather than fatal when it is touched.
+      {0, "size=4096", "/dev/shm/filler", "reserve@No space left on device"},
+  };
+  for (const auto& row : rows) {
+    ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", row.flags, row.options), 0);
+    if (row.stands_there == kPath) {
+      ASSERT_EQ(symlink("/etc/passwd", kPath), 0);
+    } else if (row.stands_there != nullptr) {
+      std::ofstream(row.stands_there) << std::string(4096, 'x');
+    }
+    RcBlock block;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      EXPECT_FALSE(OpenRcBlock(block));
+      EXPECT_EQ(block.bytes, nullptr);
+    }
+    std::string message = row.message;
+    message.replace(message.find('@'), 1, " shared memory /dev/shm/shared_rc_raw (1504 bytes): ");
+    EXPECT_EQ(Log(), kCreating + ("Cannot " + message + ", trying again\n"));
+    EXPECT_EQ(umount2("/dev/shm", MNT_DETACH), 0);
+    EXPECT_TRUE(OpenRcBlock(block)) << "once it can be had";
+    EXPECT_TRUE(ReadRcBlock(block, values_));
+    RemoveBlock();
+    Log();
   }
-  OtherSharedMemory(const OtherSharedMemory&) = delete;
-  OtherSharedMemory& operator=(const OtherSharedMemory&) = delete;
-  ~OtherSharedMemory() { EXPECT_EQ(umount2("/dev/shm", MNT_DETACH), 0); }
-};
-
-// The message comes once, however often it is tried again.
-void ExpectRefusedOnce(RcBlock& block, const std::string& message, std::string (*log)()) {
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    EXPECT_FALSE(OpenRcBlock(block));
-    EXPECT_EQ(block.bytes, nullptr);
-  }
-  EXPECT_EQ(log(), message);
-}
-
-TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnce) {
-  ASSERT_EQ(symlink("/etc/passwd", kPath), 0);
-  ExpectRefusedOnce(block_,
-                    std::string(kCreating) +
-                        "Cannot open shared memory /dev/shm/shared_rc_raw (1504 bytes): "
-                        "Too many levels of symbolic links, trying again\n",
-                    Log);
-  RemoveBlock();
-  EXPECT_TRUE(OpenRcBlock(block_));
-  EXPECT_TRUE(Read());
-}
-
-TEST_F(RcBlockTest, InAReadOnlyPlaceIsRefused) {
-  const OtherSharedMemory read_only(MS_RDONLY, "");
-  ExpectRefusedOnce(block_,
-                    std::string(kCreating) +
-                        "Cannot open shared memory /dev/shm/shared_rc_raw (1504 bytes): "
-                        "Read-only file system, trying again\n",
-                    Log);
-}
-
-TEST_F(RcBlockTest, InFullSharedMemoryIsRefusedAtOnceRatherThanFatalLater) {
-  const OtherSharedMemory full(0, "size=4096");
-  std::ofstream("/dev/shm/filler") << std::string(4096, 'x');
-  ExpectRefusedOnce(block_,
-                    std::string(kCreating) +
-                        "Cannot reserve shared memory /dev/shm/shared_rc_raw (1504 bytes): "
-                        "No space left on device, trying again\n",
-                    Log);
 }
 
 }  // namespace

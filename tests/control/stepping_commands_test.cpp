@@ -4,11 +4,9 @@
 
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "control/camera_end.h"
 #include "state/camera_state.h"
-#include "state/vocabulary.h"
 
 namespace kestrelbridge {
 namespace {
@@ -16,15 +14,16 @@ namespace {
 class SteppingCommands : public CameraEnd {
  protected:
   // What is logged by one step from a state in which every stepped setting has this word.
-  std::string StepFrom(const char* word, void (*step)()) {
-    UpdateCameraState([word](CameraState& state) {
-      const auto put = [word](auto& text) { std::snprintf(text, sizeof text, "%s", word); };
-      put(state.image_mode);
-      put(state.shutter_set);
-      put(state.iso_set);
-      put(state.ev);
-      put(state.wb);
-      put(state.color_mode);
+  std::string StepFrom(const std::string& word, void (*step)()) {
+    UpdateCameraState([&word](CameraState& state) {
+      for (const std::span<char> text : {std::span<char>(state.image_mode),
+                                         {state.shutter_set},
+                                         {state.iso_set},
+                                         {state.ev},
+                                         {state.wb},
+                                         {state.color_mode}}) {
+        std::snprintf(text.data(), text.size(), "%s", word.c_str());
+      }
     });
     step();
     EXPECT_EQ(SentFrames().size(), 1U) << word;
@@ -32,67 +31,44 @@ class SteppingCommands : public CameraEnd {
   }
 };
 
-TEST_F(SteppingCommands, StepToTheNeighbourRoundAndRound) {
-  struct Row {
-    void (*step)();
-    const char* from;
-    std::string log;
-  };
-  const std::vector<Row> rows = {
-      {NextImageMode, "auto", "Camera set next image mode\nCamera set video mode manual\n"},
-      {NextImageMode, "manual", "Camera set next image mode\nCamera set video mode auto\n"},
-      {PrevImageMode, "auto", "Camera set prev image mode\nCamera set video mode manual\n"},
-      {PrevImageMode, "shutter", "Camera set prev image mode\nCamera set video mode manual\n"},
-      {NextShutter, "1/8000",
-       "Camera set next shutter value\nnew shutter value = 8\"\nCamera set shutter 8\"\n"},
-      {NextShutter, "",
-       "Camera set next shutter value\nnew shutter value = 7\"\nCamera set shutter 7\"\n"},
-      {NextShutter, "30\"",
-       "Camera set next shutter value\nnew shutter value = 7\"\nCamera set shutter 7\"\n"},
-      {PrevShutter, "",
-       "Camera set prev shutter value\nnew shutter value = 1/8000\nCamera set shutter 1/8000\n"},
-      {PrevShutter, "1/1.67",
-       "Camera set prev shutter value\nnew shutter value = 1/1.25\nCamera set shutter 1/1.25\n"},
-      {NextIso, "3200", "Camera set next ISO\nCamera set iso 0\n"},
-      {NextIso, "auto", "Camera set next ISO\nCamera set iso 100\n"},
-      {PrevIso, "auto", "Camera set prev ISO\nCamera set iso 3200\n"},
-      {PrevIso, "0", "Camera set prev ISO\nCamera set iso 3200\n"},
-      {PrevIso, "6400", "Camera set prev ISO\nCamera set iso 3200\n"},
-      {PrevIso, "100", "Camera set prev ISO\nCamera set iso 0\n"},
-      {NextEv, "+3.0", "Camera set next EV\nCamera set EV -3.0\n"},
-      {NextEv, "0.0", "Camera set next EV\nCamera set EV -2.7\n"},
-      {NextEv, "-0.3", "Camera set next EV\nCamera set EV 0.0\n"},
-      {PrevEv, "-3.0", "Camera set prev EV\nCamera set EV 3.0\n"},
-      {PrevEv, "0", "Camera set prev EV\nCamera set EV -0.3\n"},
-      {NextColor, "vivid", "Camera set next color mode\nSet color d-clike\n"},
-      {NextColor, "d-clike", "Camera set next color mode\nSet color none\n"},
-      {PrevColor, "none", "Camera set prev color mode\nSet color d-clike\n"},
-      {PrevColor, "D-CLIKE", "Camera set prev color mode\nSet color d-clike\n"},
-      {NextWhiteBalance, "custom", "Camera set next WB\nCamera set WB auto\n"},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(StepFrom(row.from, row.step), row.log) << row.from;
-  }
-}
-
-TEST_F(SteppingCommands, VisitEveryStepAndComeBack) {
-  struct Row {
+TEST_F(SteppingCommands, GoToTheNeighbourRoundAndRoundAndFromAnyOtherWordAsFromTheFirst) {
+  const struct {
     void (*next)();
     void (*prev)();
-    Steps steps;
-    std::string log;  // what comes before the word
+    std::string name;
+    std::string log;    // comes before the new word
+    const char* words;  // in order, "word" or "word=as logged"
+  } rows[] = {
+      {NextImageMode, PrevImageMode, "image mode", "Camera set video mode ", "auto|manual"},
+      {NextShutter, PrevShutter, "shutter value", "new shutter value = ",
+       "8\"|7\"|6\"|5\"|4\"|3.2\"|3\"|2.5\"|2\"|1.6\"|1.3\"|1\"|1/1.25|1/1.67|1/2|1/2.5|1/3|1/4|"
+       "1/5|1/6.25|1/8|1/10|1/12.5|1/15|1/20|1/25|1/30|1/40|1/50|1/60|1/80|1/100|1/120|1/160|1/200|"
+       "1/240|1/320|1/400|1/500|1/640|1/800|1/1000|1/1250|1/1600|1/2000|1/2500|1/3200|1/4000|"
+       "1/5000|1/6400|1/8000"},
+      {NextIso, PrevIso, "ISO", "Camera set iso ", "0|100|200|400|800|1600|3200"},
+      {NextEv, PrevEv, "EV", "Camera set EV ",
+       "-3.0|-2.7|-2.3|-2.0|-1.7|-1.3|-1.0|-0.7|-0.3|0=0.0|+0.3=0.3|+0.7=0.7|+1.0=1.0|+1.3=1.3|"
+       "+1.7=1.7|+2.0=2.0|+2.3=2.3|+2.7=2.7|+3.0=3.0"},
+      {NextColor, PrevColor, "color mode", "Set color ", "none|d-clike"},
   };
-  for (const Row& row :
-       std::vector<Row>{{NextShutter, PrevShutter, kShutterSteps, "new shutter value = "},
-                        {NextIso, PrevIso, kIsoSteps, "Camera set iso "}}) {
-    const std::size_t count = row.steps.size();
+  for (const auto& row : rows) {
+    const auto words = Pairs(row.words);
+    const std::size_t count = words.size();
+    const auto line_to = [&](std::size_t position) {
+      const auto& [word, logged] = words[position % count];
+      const std::string line = row.log + (logged.empty() ? word : logged) + "\n";
+      return row.next != NextShutter ? line : line + "Camera set shutter " + word + "\n";
+    };
     for (std::size_t i = 0; i < count; ++i) {
-      const auto line = [&](std::size_t position) {
-        return row.log + std::string(row.steps[position % count]) + "\n";
-      };
-      EXPECT_NE(StepFrom(row.steps[i].data(), row.next).find(line(i + 1)), std::string::npos);
-      EXPECT_NE(StepFrom(row.steps[i].data(), row.prev).find(line(i + count - 1)),
-                std::string::npos);
+      EXPECT_EQ(StepFrom(words[i].first, row.next),
+                "Camera set next " + row.name + "\n" + line_to(i + 1));
+      EXPECT_EQ(StepFrom(words[i].first, row.prev),
+                "Camera set prev " + row.name + "\n" + line_to(i + count - 1));
+    }
+    for (const char* other : {"", "30\"", "6400", "0.0", "vivid", "D-CLIKE", "shutter"}) {
+      EXPECT_EQ(StepFrom(other, row.next), "Camera set next " + row.name + "\n" + line_to(1));
+      EXPECT_EQ(StepFrom(other, row.prev),
+                "Camera set prev " + row.name + "\n" + line_to(count - 1));
     }
   }
 }
@@ -107,6 +83,7 @@ TEST_F(SteppingCommands, WhiteBalancePassesTheTemperatureLastAskedForOrElseTheRe
     state.wb_temp_set = 7249.5F;
   });
   EXPECT_EQ(StepFrom("auto", PrevWhiteBalance), start + "7250\n\n");
+  EXPECT_EQ(StepFrom("custom", NextWhiteBalance), "Camera set next WB\nCamera set WB auto\n");
 }
 
 }  // namespace

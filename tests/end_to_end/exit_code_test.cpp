@@ -3,14 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "end_to_end/daemon_bench.h"
+#include "end_to_end/flood.h"
 
 namespace kestrelbridge {
 namespace {
@@ -34,35 +33,6 @@ std::vector<Bytes> BusyTraffic(std::uint32_t seed) {
   }
   return traffic;
 }
-
-// Sends busy traffic to the ports, as fast as the machine can, for as long as it lives.
-class Flood {
- public:
-  Flood(std::vector<std::uint16_t> ports, std::uint32_t seed)
-      : thread_([this, ports = std::move(ports), traffic = BusyTraffic(seed)] {
-          while (!stop_) {
-            for (const Bytes& datagram : traffic) {
-              for (const std::uint16_t port : ports) {
-                socket_.Send(datagram, {.host = "127.0.0.1", .port = port});
-              }
-              sent_per_port_.fetch_add(1);
-            }
-          }
-        }) {}
-  Flood(const Flood&) = delete;
-  Flood& operator=(const Flood&) = delete;
-  ~Flood() {
-    stop_ = true;
-    thread_.join();
-  }
-  int sent_per_port() const { return sent_per_port_; }
-
- private:
-  const UdpSocket socket_;
-  std::atomic<bool> stop_{false};
-  std::atomic<int> sent_per_port_{0};
-  std::thread thread_;
-};
 
 struct BusyDaemon {
   explicit BusyDaemon(std::uint16_t camera_port)
@@ -95,7 +65,8 @@ class ExitUnderFullTraffic : public testing::TestWithParam<int> {
       }
     }
     for (int i = 0; i < kFloodSockets; ++i) {
-      floods_.push_back(std::make_unique<Flood>(ports, GetParam() * kFloodSockets + i));
+      floods_.push_back(
+          std::make_unique<Flood>(ports, BusyTraffic(GetParam() * kFloodSockets + i)));
     }
     ASSERT_TRUE(Eventually([this] { return floods_.back()->sent_per_port() > kFullTraffic; }));
   }

@@ -1,10 +1,7 @@
 // The daemon's start as its user sees it: options, log lines, exit codes.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <ostream>
 #include <string>
@@ -142,72 +139,6 @@ TEST_F(StartUp, SendsToTheLowBitsOfALargeCameraPortAndSaysSo) {
   EXPECT_TRUE(camera.Connect());
   EXPECT_TRUE(daemon.WaitForLine("--port=74540 is no UDP port, packets go to port 9004"));
 }
-
-// Serves until its camera has seen a unit arrive in the ring.
-void ExpectToServe() {
-  ScriptedCamera camera;
-  ChildProcess daemon(DaemonCommand());
-  ASSERT_TRUE(camera.Connect()) << daemon.Error();
-  RingWatcher ring;
-  Bytes unit = MakeUnit(3000, 1);
-  // A parameter set, baseline profile, 640x480: the daemon now writes the picture-size files.
-  const Bytes parameter_set = {0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xF6, 0x40};
-  std::ranges::copy(parameter_set, unit.begin() + 4);
-  camera.SendUnit(unit);
-  camera.SendNextHeader();
-  EXPECT_TRUE(daemon.WaitForLine("Live stream video resolution changed to 640x480"));
-  EXPECT_EQ(ring.Next(), unit);
-  EXPECT_TRUE(daemon.IsRunning());
-}
-
-TEST_F(StartUp, ServesWithoutItsRunFolder) {
-  fs::remove_all("/run/kestrelbridge");
-  ExpectToServe();
-}
-
-TEST_F(StartUp, ServesWithFoldersInPlaceOfItsFiles) {
-  for (const char* path :
-       {kBoardSupportedPath, kAccessPointInterfacePath, kVideoWidthPath, kVideoHeightPath}) {
-    fs::create_directory(path);
-  }
-  ExpectToServe();
-}
-
-TEST_F(StartUp, WritesThePictureSizeAndForgetsItAtTheNextStart) {
-  ExpectToServe();
-  char width[10];
-  ReadTextFile(kVideoWidthPath, width);
-  EXPECT_STREQ(width, "640");
-  ScriptedCamera camera;
-  ChildProcess daemon(DaemonCommand());
-  ASSERT_TRUE(camera.Connect());
-  EXPECT_FALSE(fs::exists(kVideoWidthPath));
-  EXPECT_FALSE(fs::exists(kVideoHeightPath));
-}
-
-struct NoRoom {
-  const char* name;
-  std::uint64_t free_bytes;
-};
-std::ostream& operator<<(std::ostream& out, const NoRoom& row) { return out << row.name; }
-
-class FullSharedMemory : public StartUp, public testing::WithParamInterface<NoRoom> {};
-
-TEST_P(FullSharedMemory, EndsWithCodeTwo) {
-  const int filler = open("/dev/shm/filler", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  const auto used = static_cast<off_t>(fs::space("/dev/shm").available - GetParam().free_bytes);
-  ASSERT_EQ(posix_fallocate(filler, 0, used), 0);
-  close(filler);
-  ChildProcess daemon(DaemonCommand());
-  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(2));
-  EXPECT_EQ(CountLines(daemon.Error(), "No space left"), 1) << daemon.Error();
-  EXPECT_TRUE(daemon.Error().ends_with("\nFailed to init telemetry buffer\n")) << daemon.Error();
-}
-
-INSTANTIATE_TEST_SUITE_P(StartUp, FullSharedMemory,
-                         testing::Values(NoRoom{"NoRoomForTheRing", 1'000'000},
-                                         NoRoom{"RoomForTheRingOnly", kFrameBlockSize + 1'000'000}),
-                         [](const auto& row) { return row.param.name; });
 
 TEST_F(StartUp, EndsWithCodeTwoWhenABlockCannotBeOpened) {
   fs::create_directory(std::string("/dev/shm/") + kTranscodingBlockName);

@@ -109,17 +109,9 @@ TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   EXPECT_EQ(last_port, sender.port());
   EXPECT_EQ(Peer(endpoint).port, sender.port());
   EXPECT_EQ(Peer(endpoint).address, htonl(INADDR_LOOPBACK));
-  SendAndWait(sender, endpoint, 5);
-  EXPECT_EQ(found, 1);
-}
-
-TEST(UdpEndpoint, FollowsThePeerToAnotherPort) {
-  UdpEndpoint& endpoint = StartEndpoint();
-  UdpSocket first;
   UdpSocket second;
-  SendAndWait(first, endpoint, 1);
-  SendAndWait(second, endpoint, 1);
-  EXPECT_EQ(Peer(endpoint).port, second.port());
+  SendAndWait(second, endpoint, 5);
+  EXPECT_EQ(Peer(endpoint).port, second.port()) << "the peer is followed to another port";
   EXPECT_EQ(found, 1);
 }
 
@@ -153,17 +145,12 @@ TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
   EXPECT_EQ(Peer(endpoint).port, sender.port());
 }
 
-TEST(UdpEndpoint, CutsALongDatagramToTheBuffer) {
-  UdpEndpoint& endpoint = StartEndpoint();
+TEST(UdpEndpoint, CutsALongDatagramToTheBufferAndTerminatesATextHoweverLongItIs) {
   UdpSocket sender;
-  SendAndWait(sender, endpoint, kBufferSize + 5000);
+  SendAndWait(sender, StartEndpoint(), kBufferSize + 5000);
   EXPECT_EQ(last_length, kBufferSize);
   EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
-}
-
-TEST(UdpEndpoint, TerminatesATextHoweverLongItIs) {
   UdpEndpoint& endpoint = StartEndpoint(/*clear_before_receive=*/true);
-  UdpSocket sender;
   SendAndWait(sender, endpoint, kBufferSize);
   EXPECT_EQ(last_length, kBufferSize - 1);
   EXPECT_EQ(LastSeen().buffer[kBufferSize - 1], 0);
@@ -183,12 +170,8 @@ TEST(UdpEndpoint, SendsOnlyToDottedDecimalAddresses) {
   for (const char* host : {"localhost", "", "127.0.0.1.1", "camera"}) {
     EXPECT_EQ(SendTo(endpoint, data, host, receiver.port()), -1) << host;
   }
-}
-
-TEST(UdpEndpoint, CannotOpenAPortThatIsTaken) {
-  UdpSocket taken;
-  UdpEndpoint endpoint;
-  EXPECT_EQ(Open(endpoint, taken.port()), -1);
+  UdpEndpoint other;
+  EXPECT_EQ(Open(other, receiver.port()), -1) << "the port is taken";
 }
 
 // The watchdog runs as fast as it can against a stream of datagrams, with a time-out that they only

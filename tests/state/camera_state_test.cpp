@@ -17,7 +17,6 @@ namespace {
 
 using test::Bytes;
 using test::Push;
-using test::Put;
 
 TEST(CameraState, ClearingForgetsEverything) {
   for (const std::size_t length :
@@ -36,38 +35,24 @@ TEST(CameraState, ClearingForgetsEverything) {
 }
 
 // Two settings pushes that differ in every text.
-Bytes SettingsPush(bool first) {
-  Bytes push = Push(test::kSettings);
-  Put(push, 13, {first ? std::uint8_t{4} : std::uint8_t{48}});
-  Put(push, 14, {first ? std::uint8_t{1} : std::uint8_t{8}});
-  Put(push, 2, first ? Bytes{0x1E, 0x00, 0x00} : Bytes{0x40, 0x9F, 0x00});
-  Put(push, 23, {first ? std::uint8_t{4} : std::uint8_t{1}});
-  Put(push, 32, {first ? std::uint8_t{1} : std::uint8_t{0}});
-  return push;
-}
-
-constexpr char kFirst[] = "1280x720 24 30\" incandescent 50 Hz";
-constexpr char kSecond[] = "4000x3000 240 1/8000 sunny auto";
-
-std::string TextsOf(std::string_view telemetry) {
-  return test::Item(telemetry, "resolution") + " " + test::Item(telemetry, "framerate") + " " +
-         test::Item(telemetry, "shutter_set") + " " + test::Item(telemetry, "wb") + " " +
-         test::Item(telemetry, "antiflicker");
-}
-
+const Bytes kFirstPush = test::PushWith(
+    test::kSettings, {{13, {4}}, {14, {1}}, {2, {0x1E, 0, 0}}, {23, {4}}, {32, {1}}});
+const Bytes kSecondPush = test::PushWith(
+    test::kSettings, {{13, {48}}, {14, {8}}, {2, {0x40, 0x9F, 0}}, {23, {1}}, {32, {0}}});
 // The camera pushes as fast as it can; every snapshot and every text record made meanwhile shows
 // one push, never parts of two.
 TEST(CameraState, AReaderNeverSeesHalfAPush) {
   ClearCameraState();
-  const Bytes first = SettingsPush(true);
-  const Bytes second = SettingsPush(false);
-  DecodeStatusFrame(first);
+  DecodeStatusFrame(kSecondPush);
+  const std::string second_text = test::TelemetryText();
+  DecodeStatusFrame(kFirstPush);
+  const std::string first_text = test::TelemetryText();
   std::atomic<bool> done = false;
   std::thread camera([&] {
     for (std::uint32_t round = 0; !done; ++round) {
-      DecodeStatusFrame(first);
+      DecodeStatusFrame(kFirstPush);
       DecodeStatusFrame(Push(test::kHistogram, static_cast<std::uint8_t>(round)));
-      DecodeStatusFrame(second);
+      DecodeStatusFrame(kSecondPush);
     }
   });
   constexpr int wanted = 500;  // of each push
@@ -76,15 +61,11 @@ TEST(CameraState, AReaderNeverSeesHalfAPush) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while ((firsts < wanted || seconds < wanted) && std::chrono::steady_clock::now() < deadline) {
     const CameraState state = SnapshotCameraState();
-    const TextRecord record = BuildTextRecord(state);
-    const std::string texts =
-        TextsOf({reinterpret_cast<const char*>(record.buffer.data()) + 1, record.length - 1});
-    if (texts == kFirst) {
-      ++firsts;
-    } else if (texts == kSecond) {
-      ++seconds;
-    } else {
-      ADD_FAILURE() << texts;
+    const std::string text = test::TelemetryText();
+    firsts += text == first_text ? 1 : 0;
+    seconds += text == second_text ? 1 : 0;
+    if (text != first_text && text != second_text) {
+      ADD_FAILURE() << text;
       break;
     }
     if (std::ranges::adjacent_find(state.histogram, std::ranges::not_equal_to()) !=

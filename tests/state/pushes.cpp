@@ -26,6 +26,14 @@ Bytes Push(std::size_t length, std::uint8_t fill) {
   return frame;
 }
 
+Bytes PushWith(std::size_t length, const std::vector<std::pair<std::size_t, Bytes>>& fields) {
+  Bytes push = Push(length);
+  for (const auto& [offset, bytes] : fields) {
+    Put(push, offset, bytes);
+  }
+  return push;
+}
+
 void Put(Bytes& push, std::size_t payload_offset, const Bytes& bytes) {
   std::ranges::copy(bytes, push.begin() + kPayload + static_cast<std::ptrdiff_t>(payload_offset));
   Seal(push);
@@ -40,16 +48,6 @@ std::string TelemetryText() {
   const TextRecord record = BuildTextRecord(SnapshotCameraState());
   return {record.buffer.begin() + 1,
           record.buffer.begin() + static_cast<std::ptrdiff_t>(record.length)};
-}
-
-std::vector<std::string> Keys(std::string_view text) {
-  std::vector<std::string> keys;
-  while (!text.empty()) {
-    const std::size_t end = text.find(',');
-    keys.emplace_back(text.substr(0, text.find('=')));
-    text.remove_prefix(end + 1);
-  }
-  return keys;
 }
 
 std::string Item(std::string_view text, std::string_view key) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kestrelbridge::test {
@@ -22,6 +23,9 @@ inline constexpr std::size_t kSettings = 115;
 // sees a read past it.
 Bytes Push(std::size_t length, std::uint8_t fill = 0);
 
+// One of zeros, but for these bytes of the payload.
+Bytes PushWith(std::size_t length, const std::vector<std::pair<std::size_t, Bytes>>& fields);
+
 // Sets bytes of the payload and renews the check sums.
 void Put(Bytes& push, std::size_t payload_offset, const Bytes& bytes);
 
@@ -31,10 +35,7 @@ void Seal(Bytes& frame);
 // The text record for the process's record, without its first byte.
 std::string TelemetryText();
 
-// The keys of the text's items, in order.
-std::vector<std::string> Keys(std::string_view text);
-
-// The value of the first item with that key in the text; "(absent)" when there is none.
+// The value of the first "key=value" item with that key in the text; "(absent)" when there is none.
 std::string Item(std::string_view text, std::string_view key);
 
 }  // namespace kestrelbridge::test

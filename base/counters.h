@@ -1,0 +1,106 @@
+// What the daemon counts, in one record for the whole process: where a loss happened shows in the
+// difference between two counters that should be the same. app/metrics.cpp gives them their names
+// for users, docs/metrics.md their meaning.
+//
+// Counters start at 0 and only go up. They carry no other data, so relaxed access is enough.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace kestrelbridge {
+
+// Read by any thread, while others add.
+class Counter {
+ public:
+  std::uint64_t Value() const { return value_.load(std::memory_order_relaxed); }
+
+ protected:
+  std::atomic<std::uint64_t> value_{0};
+};
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+
+// Only ever one thread adds to it: no locked instruction on the way of a datagram.
+class OwnedCounter : public Counter {
+ public:
+  void Add(std::uint64_t amount = 1) {
+    value_.store(value_.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  }
+};
+
+// Any thread adds to it.
+class SharedCounter : public Counter {
+ public:
+  void Add(std::uint64_t amount = 1) { value_.fetch_add(amount, std::memory_order_relaxed); }
+};
+
+// Of one endpoint.
+struct LinkCounters {
+  // Its receive thread's.
+  OwnedCounter received_datagrams;  // by us, from whoever: the kernel's drops are not among them
+  OwnedCounter received_bytes;
+  OwnedCounter found;  // times that the first datagram of a peer came
+  // Its watchdog's.
+  OwnedCounter lost;  // times that the peer was silent for too long
+  // Any sender's.
+  SharedCounter sent_datagrams;  // that the kernel took
+  SharedCounter sent_bytes;
+  SharedCounter send_failures;  // that it did not take, or that had no valid address
+};
+
+struct Counters {
+  LinkCounters camera;
+  LinkCounters main_app;         // its commands and our telemetry
+  LinkCounters main_app_second;  // the endpoint that drops what comes
+  LinkCounters phone;
+  LinkCounters unnamed;  // endpoints that are none of these
+
+  // The camera's receive thread's. A datagram of the camera is of one of four kinds:
+  OwnedCounter video_datagrams;
+  OwnedCounter command_data_datagrams;
+  OwnedCounter ignored_datagrams;  // of any other kind
+  OwnedCounter short_datagrams;    // shorter than a wrapper's kind and sequence
+
+  OwnedCounter stray_video_datagrams;  // too short, or before the first unit header
+  OwnedCounter units_published;
+  OwnedCounter published_bytes;
+  OwnedCounter units_corrupted;      // their length is not what their header announced
+  OwnedCounter units_not_published;  // whole, but no H.264
+  OwnedCounter video_overflows;      // of the buffer that gathers a unit
+  OwnedCounter command_data_overflows;
+  OwnedCounter acknowledgements;  // that went out
+
+  OwnedCounter frames_found;  // command frames with right check sums, pushes or not
+  OwnedCounter status_pushes;
+  OwnedCounter settings_pushes;
+  OwnedCounter battery_pushes;
+  OwnedCounter histogram_pushes;
+
+  OwnedCounter relayed_to_phone;
+
+  // The phone endpoint's receive thread's.
+  OwnedCounter relayed_to_camera;
+
+  // The camera thread's.
+  OwnedCounter connection_requests;  // that went out
+  OwnedCounter keepalives;           // that went out
+
+  // The command endpoint's receive thread's.
+  OwnedCounter app_command_frames;    // that went out for the main application
+  OwnedCounter app_messages_ignored;  // datagrams that are no command, or no known one
+
+  // The remote-control thread's.
+  OwnedCounter rc_command_frames;  // that went out for the remote control
+
+  // The telemetry thread's: records that went out.
+  OwnedCounter text_records;
+  OwnedCounter status_records;
+  OwnedCounter histogram_records;
+};
+
+inline constinit Counters process_counters;
+
+// The process's one record. Any thread; constant, so that an endpoint may point at its part.
+constexpr Counters& GetCounters() { return process_counters; }
+
+}  // namespace kestrelbridge

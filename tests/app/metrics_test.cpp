@@ -1,0 +1,88 @@
+// The metrics file: what it promises to its readers, and to the reader of its documentation.
+#include "app/metrics.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "base/text_file.h"
+#include "support/camera_datagrams.h"
+#include "video/command_data.h"
+
+namespace kestrelbridge {
+namespace {
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// The first groups of all matches.
+std::multiset<std::string> Matches(const std::string& text, const char* pattern) {
+  const std::regex regex(pattern, std::regex::multiline);
+  std::multiset<std::string> matches;
+  for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+    matches.insert((*match)[1]);
+  }
+  return matches;
+}
+
+TEST(MetricsFile, IsNeverSeenHalf) {
+  const std::string path = "/run/replaced";
+  const std::string texts[] = {std::string(20'000, 'a'), std::string(9'000, 'b')};
+  ASSERT_EQ(ReplaceTextFile(path.c_str(), texts[0]), 0);
+  std::atomic<bool> reading{true};
+  std::thread writer([&] {
+    for (int i = 0; reading; ++i) {
+      EXPECT_EQ(ReplaceTextFile(path.c_str(), texts[i % 2]), 0);
+    }
+  });
+  std::set<std::string> seen;
+  for (int i = 0; i < 2'000 || seen.size() < 2; ++i) {
+    seen.insert(ReadAll(path));
+  }
+  reading = false;
+  writer.join();
+  EXPECT_EQ(seen, (std::set<std::string>{texts[0], texts[1]}));
+}
+
+TEST(MetricsFile, StaysAsItWasWhenTheDiskIsFull) {
+  std::filesystem::create_directory("/run/small");
+  ASSERT_EQ(mount("tmpfs", "/run/small", "tmpfs", 0, "size=16k"), 0);
+  ASSERT_EQ(ReplaceTextFile("/run/small/file", "old"), 0);
+  EXPECT_EQ(ReplaceTextFile("/run/small/file", std::string(100'000, 'n')), -1);
+  EXPECT_EQ(ReadAll("/run/small/file"), "old");
+  EXPECT_FALSE(std::filesystem::exists("/run/small/file.tmp"));
+}
+
+TEST(MetricsFile, HoldsTheMetricsThatTheDocumentationLists) {
+  const std::string text = MetricsText(0);
+  const std::string documentation = ReadAll(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
+  const auto names = Matches(text, R"(^# TYPE (\w+) )");
+  EXPECT_FALSE(names.empty());
+  EXPECT_EQ(names, Matches(documentation, R"(^\| `(\w+)` )"));
+  // Every value of a label, too.
+  const auto documented = Matches(documentation, R"(`(\w+="\w+")`)");
+  for (const std::string& label : Matches(text, R"(\{(\w+="\w+")\} )")) {
+    EXPECT_TRUE(documented.contains(label)) << label;
+  }
+}
+
+// No datagram is long enough to bring it about.
+TEST(Counters, CountACommandDataOverflow) {
+  GatherCommandData(Bytes(400));
+  GatherCommandData(Bytes(59'900));
+  EXPECT_NE(MetricsText(0).find(R"(kestrelbridge_overflows_total{buffer="command_data"} 1)"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrelbridge

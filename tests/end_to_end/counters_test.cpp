@@ -1,0 +1,327 @@
+// Every counter of the daemon moves when it should, and by as much; read from the metrics file.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/run_paths.h"
+#include "end_to_end/daemon_bench.h"
+#include "tools/metrics_reading.h"
+
+namespace kestrelbridge {
+namespace {
+
+// By short name and label's value, as in "units published".
+std::map<std::string, std::uint64_t> ReadCounters() {
+  std::map<std::string, std::uint64_t> counters;
+  if (!std::filesystem::exists(kMetricsPath)) {
+    return counters;
+  }
+  for (const Metric& metric : ReadMetrics(kMetricsPath).metrics) {
+    if (metric.is_counter) {
+      std::string key = metric.name.substr(14, metric.name.size() - 20);  // kestrelbridge_, _total
+      if (const auto quote = metric.label.find('"'); quote != std::string::npos) {
+        key += " " + metric.label.substr(quote + 1, metric.label.size() - quote - 2);
+      }
+      std::ranges::replace(key, '_', ' ');
+      counters[key] = metric.value;
+    }
+  }
+  return counters;
+}
+
+UdpAddress LocalPort(std::uint16_t port) { return {.host = "127.0.0.1", .port = port}; }
+
+// The real daemon, and the test as each of its neighbours.
+struct Bench {
+  ScriptedCamera camera{kOtherCameraPort};
+  UdpSocket main_app{LocalPort(5000)};
+  UdpSocket phone;
+  UdpSocket stranger;
+  ChildProcess daemon{DaemonCommandFor(kOtherCameraPort)};
+
+  void SendText(std::string_view text) const {
+    const auto telemetry = main_app.Receive();
+    ASSERT_TRUE(telemetry);
+    main_app.Send(Bytes(text.begin(), text.end()), telemetry->sender);
+  }
+};
+
+struct Movement {
+  const char* counter;
+  std::uint64_t by;
+  bool or_more = false;  // it moves by itself, too
+};
+struct Step {
+  const char* action;
+  void (*act)(Bench& bench);
+  std::vector<Movement> movements;
+};
+constexpr bool kOrMore = true;
+
+void SendPushes(Bench& bench) {
+  Bytes data;
+  for (const std::size_t payload : {40, 64, 67, 102, 5}) {  // the last is no push
+    const Bytes frame = CommandFrame(0x02, 0x80, Bytes(payload));
+    data.insert(data.end(), frame.begin(), frame.end());
+  }
+  data.resize(501);  // enough to be looked at
+  bench.camera.Send(CommandDataDatagram(1, data));
+}
+
+void SendIncompleteUnit(Bench& bench) {
+  const auto datagrams = UnitDatagrams(1, MakeUnit(3000, 2));
+  bench.camera.Send(datagrams[0]);
+  bench.camera.Send(datagrams[2]);
+  bench.camera.SendNextHeader();
+}
+
+void OverflowUnit(Bench& bench) {
+  bench.camera.SendNextHeader();
+  for (int i = 0; i < 11; ++i) {
+    bench.camera.Send(ContinuationDatagram(1, Bytes(9'980, 7)));
+  }
+  bench.camera.SendNextHeader();
+}
+
+void SendToSecondEndpoint(Bench& bench) {
+  const auto telemetry = bench.main_app.Receive();
+  ASSERT_TRUE(telemetry);
+  const std::set<std::uint16_t> others = {kPhonePort, bench.camera.daemon().port,
+                                          telemetry->sender.port};
+  for (const BoundPort& bound : UdpPortsOf(bench.daemon.pid())) {
+    if (!others.contains(bound.port)) {
+      bench.stranger.Send(Bytes(7), LocalPort(bound.port));
+    }
+  }
+}
+
+const std::vector<Step>& Steps() {
+  static const std::vector<Step> steps = {
+      {"the camera answers",
+       [](Bench& bench) { ASSERT_TRUE(bench.camera.Connect()); },
+       {{"links found camera", 1},
+        {"connection requests sent", 1, kOrMore},
+        {"sent datagrams camera", 1, kOrMore},
+        {"sent bytes camera", 48, kOrMore},
+        {"received datagrams camera", 1, kOrMore},
+        {"received bytes camera", 1, kOrMore},
+        {"camera datagrams short", 1, kOrMore}}},
+      {"a whole unit",
+       [](Bench& bench) {
+         bench.camera.SendUnit(MakeUnit(3000, 1));
+         bench.camera.SendNextHeader();
+       },
+       {{"camera datagrams video", 4},
+        {"units published", 1},
+        {"published bytes", 3000},
+        {"acknowledgements sent", 1},
+        {"received bytes camera", 3000 + 12 + 3 * 20 + 32, kOrMore}}},
+      {"a unit with a hole", SendIncompleteUnit, {{"units corrupted", 1}}},
+      {"a unit that is no H.264",
+       [](Bench& bench) {
+         bench.camera.SendUnit(Bytes(100, 1));
+         bench.camera.SendNextHeader();
+       },
+       {{"units not published", 1}, {"acknowledgements sent", 1}, {"units published", 0}}},
+      {"a video datagram without its whole wrapper",
+       [](Bench& bench) {
+         Bytes datagram = ContinuationDatagram(1, {});
+         datagram.pop_back();
+         bench.camera.Send(datagram);
+       },
+       {{"stray video datagrams", 1}, {"camera datagrams video", 1}}},
+      {"a unit without an end", OverflowUnit, {{"overflows video", 1}, {"units corrupted", 1}}},
+      {"a datagram of another kind",
+       [](Bench& bench) { bench.camera.Send(CameraDatagram(9, 1, {})); },
+       {{"camera datagrams ignored", 1}}},
+      {"pushes",
+       SendPushes,
+       {{"camera datagrams command data", 1},
+        {"command frames found", 5},
+        {"pushes decoded status", 1},
+        {"pushes decoded settings", 1},
+        {"pushes decoded battery", 1},
+        {"pushes decoded histogram", 1},
+        {"keepalives sent", 1, kOrMore},
+        {"telemetry records sent text", 1, kOrMore},
+        {"telemetry records sent status", 1, kOrMore},
+        {"telemetry records sent histogram", 1, kOrMore},
+        {"sent datagrams main app", 3, kOrMore},
+        {"sent bytes main app", 3 * 28, kOrMore}}},
+      {"a command",
+       [](Bench& bench) { bench.SendText(R"(!{"cmd":"shot"})"); },
+       {{"command frames sent main app", 1},
+        {"command frames sent remote control", 0},
+        {"received datagrams main app", 1},
+        {"received bytes main app", 15},
+        {"links found main app", 1},
+        {"links lost main app", 1}}},
+      {"an unknown command",
+       [](Bench& bench) { bench.SendText(R"(!{"cmd":"dance"})"); },
+       {{"app messages ignored", 1}, {"command frames sent main app", 0}}},
+      {"a button of the remote control",
+       [](Bench&) {
+         ChildProcess rc({ProgramPath("kestrelctl"), "rc", "157=1"});
+         ASSERT_EQ(rc.WaitForExit(), ExitedWith(0)) << rc.Error();
+       },
+       {{"command frames sent remote control", 1}, {"command frames sent main app", 0}}},
+      {"a phone",
+       [](Bench& bench) {
+         for (int i = 0; i < 3; ++i) {
+           bench.phone.Send(Bytes(20), LocalPort(kPhonePort));
+         }
+       },
+       {{"received datagrams phone", 3},
+        {"received bytes phone", 60},
+        {"relayed datagrams to camera", 3},
+        {"links found phone", 1},
+        {"links lost phone", 1},
+        {"relayed datagrams to phone", 1, kOrMore},
+        {"sent datagrams phone", 1, kOrMore},
+        {"sent bytes phone", 1, kOrMore}}},
+      {"a datagram to the second endpoint",
+       SendToSecondEndpoint,
+       {{"received datagrams main app second", 1},
+        {"received bytes main app second", 7},
+        {"links found main app second", 1},
+        {"links lost main app second", 1}}},
+  };
+  return steps;
+}
+
+// Moved by the tests below.
+const std::set<std::string> kMovedElsewhere = {
+    "send failures camera",         "send failures main app", "send failures phone",
+    "kernel drops camera",          "kernel drops main app",  "kernel drops phone",
+    "kernel drops main app second", "overflows command data"};
+
+TEST(Counters, EachMovesByAsMuchAsHappened) {
+  ForgetEarlierRuns();
+  Bench bench;
+  std::set<std::string> moved = kMovedElsewhere;
+  std::map<std::string, std::uint64_t> now;
+  for (const Step& step : Steps()) {
+    auto before = now;
+    ASSERT_NO_FATAL_FAILURE(step.act(bench)) << step.action;
+    const auto has_moved = [&](const Movement& row) {
+      const std::uint64_t by = now[row.counter] - before[row.counter];
+      return by == row.by || (row.or_more && by > row.by);
+    };
+    Eventually([&] {
+      now = ReadCounters();
+      return std::ranges::all_of(step.movements, has_moved);
+    });
+    for (const Movement& row : step.movements) {
+      EXPECT_TRUE(has_moved(row)) << step.action << ": " << row.counter << " went from "
+                                  << before[row.counter] << " to " << now[row.counter];
+      moved.insert(row.counter);
+    }
+  }
+  for (const auto& [counter, value] : now) {
+    EXPECT_TRUE(moved.contains(counter)) << "nothing moves " << counter;
+  }
+  EXPECT_EQ(std::filesystem::status(kMetricsPath).permissions(), std::filesystem::perms(0644));
+}
+
+void ChangeAddress(const char* verb, const char* address) {
+  ChildProcess ip({"ip", "address", verb, std::string(address) + "/32", "dev", "lo"});
+  ASSERT_EQ(ip.WaitForExit(), ExitedWith(0)) << ip.Error();
+}
+
+// Whatever reaches its port counts as the camera's.
+void SpeakAsCamera(const UdpSocket& camera, const ChildProcess& daemon) {
+  for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
+    if (bound.port != kPhonePort) {
+      camera.Send(CommandDataDatagram(1, EmptyCommandData()), LocalPort(bound.port));
+    }
+  }
+}
+
+TEST(Counters, CountWhatCannotBeSent) {
+  constexpr char kNowhere[] = "10.9.9.9";  // no route leads there
+  constexpr char kPhone[] = "10.7.7.7";    // nor there, once the address is gone
+  ForgetEarlierRuns();
+  ChildProcess daemon(DaemonCommand({"--host", kNowhere, "--dst-host", kNowhere}));
+  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
+  ChangeAddress("add", kPhone);
+  const UdpSocket phone({.host = kPhone, .port = 0});
+  const UdpSocket camera;
+  auto counters = ReadCounters();
+  Eventually([&] {
+    phone.Send(Bytes(20), {.host = kPhone, .port = kPhonePort});
+    ChangeAddress("del", kPhone);
+    SpeakAsCamera(camera, daemon);
+    ChangeAddress("add", kPhone);
+    counters = ReadCounters();
+    return counters["send failures camera"] > 0 && counters["send failures main app"] > 0 &&
+           counters["send failures phone"] > 0;
+  });
+  ChangeAddress("del", kPhone);
+  EXPECT_GT(counters["send failures camera"], 0U);
+  EXPECT_GT(counters["send failures main app"], 0U);
+  EXPECT_GT(counters["send failures phone"], 0U);
+  EXPECT_EQ(counters["telemetry records sent status"], 0U);
+}
+
+TEST(Counters, CountWhatTheKernelDropped) {
+  ForgetEarlierRuns();
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));  // nobody there, so no link to lose
+  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
+  const UdpSocket flood;
+  daemon.Kill(SIGSTOP);
+  std::uint64_t drops = 0;
+  ASSERT_TRUE(Eventually([&] {
+    const auto ports = UdpPortsOf(daemon.pid());
+    drops = 0;
+    for (const BoundPort& bound : ports) {
+      drops += bound.drops;
+      for (int i = 0; i < 20 && bound.drops == 0; ++i) {
+        flood.Send(Bytes(60'000), LocalPort(bound.port));
+      }
+    }
+    return std::ranges::all_of(ports, [](const BoundPort& bound) { return bound.drops > 0; });
+  }));
+  daemon.Kill(SIGCONT);
+  ASSERT_TRUE(WaitUntilRead(daemon.pid()));
+  std::uint64_t counted = 0;
+  Eventually([&] {
+    SpeakAsCamera(flood, daemon);  // the flood was one
+    counted = 0;
+    for (const auto& [counter, value] : ReadCounters()) {
+      counted += counter.starts_with("kernel drops ") ? value : 0;
+    }
+    return counted >= drops;
+  });
+  EXPECT_EQ(counted, drops);
+  auto counters = ReadCounters();
+  for (const char* link : {"camera", "main app", "phone", "main app second"}) {
+    EXPECT_GT(counters["kernel drops " + std::string(link)], 0U) << link;
+  }
+}
+
+TEST(Counters, AreWrittenAsSoonAsThereIsAFolderAndNothingIsSaidBefore) {
+  ForgetEarlierRuns();
+  std::filesystem::remove("/run/kestrelbridge");
+  ScriptedCamera camera(kOtherCameraPort);
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
+  for (int heartbeat = 0; heartbeat < 3; ++heartbeat) {
+    ASSERT_FALSE(camera.Receive().empty());
+  }
+  const std::string said = daemon.Error();
+  std::filesystem::create_directory("/run/kestrelbridge");
+  EXPECT_TRUE(Eventually([] { return std::filesystem::exists(kMetricsPath); }));
+  EXPECT_EQ(daemon.Error(), said);
+  EXPECT_EQ(said.find("metrics"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestrelbridge
