@@ -6,6 +6,7 @@
 
 #include "tools/camera_model.h"
 
+// NOLINTNEXTLINE(readability-identifier-naming): the library's name
 namespace CLI {
 class Validator;  // its header takes seconds to compile: only who makes options includes it
 }

@@ -7,6 +7,7 @@
 
 #include "net/udp_endpoint.h"
 
+// NOLINTNEXTLINE(readability-identifier-naming): the library's name
 namespace CLI {
 class Validator;  // its header takes seconds to compile: only who makes options includes it
 }
