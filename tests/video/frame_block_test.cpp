@@ -330,6 +330,7 @@ bool AwaitUnits(const std::uint8_t* block, std::uint32_t count) {
 
 TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
   constexpr std::uint32_t kNever = UINT32_MAX;
+  constexpr int kMostUnitsInARound = 400;
   const struct {
     std::uint32_t units_between_starts;
     bool clears;
@@ -341,11 +342,12 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
     std::vector<std::uint8_t> unit;
     std::int64_t last = -1;
     std::mt19937 random(3);
-    for (int round = 0; round < 25; ++round) {
+    for (int round = 0; round < 9; ++round) {
       // Mostly to where the writer has come round to the very unit that is read next.
       ASSERT_TRUE(AwaitUnits(block_->data(),
                              round % 3 == 0 ? static_cast<std::uint32_t>(random() % 300) : 200));
-      while (reader.Next(unit)) {
+      // A reader that is slower than the writer, as under emulation, never comes to the end.
+      for (int read = 0; read < kMostUnitsInARound && reader.Next(unit); ++read) {
         ASSERT_TRUE(IsIntact(unit)) << "after unit " << last;
         ASSERT_GT(NumberOf(unit), last);
         last = NumberOf(unit);
