@@ -5,3 +5,6 @@ set(KESTRELBRIDGE_ARCHITECTURE armhf)
 set(triplet arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static)
 include(${CMAKE_CURRENT_LIST_DIR}/debian_multiarch.cmake)
+
+# g++ 7 changed how some types are passed; each use of the standard library would tell of it.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
