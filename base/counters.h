@@ -18,7 +18,6 @@ class Counter {
  protected:
   std::atomic<std::uint64_t> value_{0};
 };
-static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
 
 // Only ever one thread adds to it: no locked instruction on the way of a datagram.
 class OwnedCounter : public Counter {
