@@ -15,12 +15,12 @@ namespace {
 
 constexpr int kRuns = 10;            // tests that ctest runs in parallel,
 constexpr int kDaemons = 10;         // each with so many daemons at once: 100 ends in all
-constexpr int kFullTraffic = 3'000;  // datagrams after which a daemon is taken to be busy
+constexpr int kFullTraffic = 1'000;  // datagrams to a port, of each sender: the daemon is busy
 
 // Datagrams that keep every part of the daemon busy: units, command data, JSON, noise.
 std::vector<Bytes> BusyTraffic(std::uint32_t seed) {
   const std::string json = R"(!{"cmd":"mode","param":"x","value":"7"})";
-  std::vector<Bytes> traffic = UnitDatagrams(1, MakeUnit(32'000, seed));
+  std::vector<Bytes> traffic = UnitDatagrams(1, MakeUnit(4000, seed));
   traffic.insert(traffic.end(), {CommandDataDatagram(1, EmptyCommandData()),
                                  Bytes(json.begin(), json.end()), MakeUnit(600, seed)});
   return traffic;

@@ -19,8 +19,7 @@ const std::vector<Options> kGroups[] = {
      {"record", "stop"},
      {"histogram", "0"},
      {"shutter", "1/240"},
-     {"iso", "400"},
-     {"color", "black white"}},
+     {"iso", "400"}},
     {{"camera", "mode", "photo"},
      {"shot"},
      {"shotmode", "jpg+raw"},
@@ -30,7 +29,8 @@ const std::vector<Options> kGroups[] = {
      {"video_resolution", "1920x1080@60"},
      {"video_aspect", "4:3"},
      {"antiflicker", "60"},
-     {"video_std", "PAL"}},
+     {"video_std", "PAL"},
+     {"color", "black white"}},
 };
 
 class ObeyedCommands : public testing::TestWithParam<std::vector<Options>> {};
