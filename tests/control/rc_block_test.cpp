@@ -76,24 +76,6 @@ TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
   EXPECT_FALSE(values_.slider_enabled);
 }
 
-TEST_F(RcBlockTest, CutShortOrRemovedIsUnmappedAndFoundAgain) {
-  ASSERT_TRUE(OpenRcBlock(block_));
-  for (const off_t size : {0, 1, 1503}) {
-    ASSERT_EQ(truncate(kPath, size), 0);
-    EXPECT_FALSE(Read());
-    EXPECT_EQ(block_.bytes, nullptr);
-    EXPECT_FALSE(Read());
-    EXPECT_TRUE(OpenRcBlock(block_));
-    EXPECT_TRUE(Read());
-    EXPECT_EQ(SizeOfBlock(), 1504);
-  }
-  RemoveBlock();
-  EXPECT_FALSE(Read());
-  EXPECT_TRUE(OpenRcBlock(block_));
-  EXPECT_TRUE(Read());
-  EXPECT_EQ(Log(), kCreating + std::string(kLost)) << "said once, not each time";
-}
-
 TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
   std::atomic<bool> goes_on{true};
   std::thread owner([&goes_on] {

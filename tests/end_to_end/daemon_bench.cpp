@@ -1,5 +1,6 @@
 #include "end_to_end/daemon_bench.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+
+#include "camera/packet_format.h"
 
 namespace kestrelbridge {
 namespace {
@@ -138,6 +141,17 @@ void ScriptedCamera::FallSilent() {
   }
 }
 
+bool CameraGetsCommand(ScriptedCamera& camera, std::uint8_t command_id,
+                       std::optional<std::uint8_t> code) {
+  return Eventually([&] {
+    const Bytes packet = camera.Receive(std::chrono::milliseconds{100});
+    return packet.size() > kSentWrapperSize + kFrameOverhead &&
+           packet[kSentWrapperSize + kFrameCommandSetOffset] == 0x02 &&
+           packet[kSentWrapperSize + kFrameCommandIdOffset] == command_id &&
+           (!code || packet[kSentWrapperSize + kFramePayloadOffset] == code);
+  });
+}
+
 RingWatcher::RingWatcher() {
   if (!Eventually([this] { return mapping_.Open(); })) {
     throw std::runtime_error("there is no frame block");
@@ -160,6 +174,39 @@ bool RingWatcher::WaitFor(const Bytes& unit) {
     }
     return false;
   });
+}
+
+std::uint64_t Value(const ChildProcess& tool, const std::string& key) {
+  const std::string output = tool.Output();
+  const std::size_t line = output.rfind("\n" + key + ": ");
+  if (line == std::string::npos) {
+    ADD_FAILURE() << key << " is not in:\n" << output;
+    return UINT64_MAX;
+  }
+  return std::stoull(output.substr(line + key.size() + 3));
+}
+
+std::vector<std::string> CameraTool(const std::string& clip_path, int units_per_second,
+                                    const std::vector<std::string>& options, std::uint16_t port) {
+  std::vector<std::string> command = {ProgramPath("kestrelctl"),
+                                      "camera",
+                                      "--listen",
+                                      std::string(kCameraAddress) + ":" + std::to_string(port),
+                                      "--clip",
+                                      clip_path,
+                                      "--fps",
+                                      std::to_string(units_per_second)};
+  command.insert(command.end(), options.begin(), options.end());
+  return command;
+}
+
+std::vector<std::string> VideoTool(const std::string& output_path) {
+  return {ProgramPath("kestrelctl"), "video", "--output", output_path};
+}
+
+bool WaitUntilWatching(const ChildProcess& video_tool) {
+  const std::string maps = "/proc/" + std::to_string(video_tool.pid()) + "/maps";
+  return Eventually([&] { return ReadFile(maps).find(kFrameBlockName) != std::string::npos; });
 }
 
 }  // namespace kestrelbridge

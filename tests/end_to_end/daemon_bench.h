@@ -13,6 +13,7 @@
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
 #include "support/sandbox.h"
+#include "support/temporary_folder.h"
 #include "support/udp_socket.h"
 
 namespace kestrelbridge {
@@ -82,6 +83,11 @@ class ScriptedCamera {
   std::thread talker_;
 };
 
+// True once the camera gets a command frame of set 2 with that id and that first byte of its
+// payload.
+bool CameraGetsCommand(ScriptedCamera& camera, std::uint8_t command_id,
+                       std::optional<std::uint8_t> code = std::nullopt);
+
 // The main application's side of the ring.
 class RingWatcher {
  public:
@@ -97,5 +103,21 @@ class RingWatcher {
   FrameBlockMapping mapping_;
   std::optional<FrameBlockReader> reader_;
 };
+
+inline constexpr char kTestPattern[] =
+    KESTRELBRIDGE_SOURCE_DIR "/tools/clips/test-pattern-720p30.h264";
+
+// The value of a "key: number" line at the end of a tool's output. Fails the test when it is not
+// there.
+std::uint64_t Value(const ChildProcess& tool, const std::string& key);
+
+// The programs, with the options that every test gives them.
+std::vector<std::string> CameraTool(const std::string& clip_path, int units_per_second,
+                                    const std::vector<std::string>& options = {},
+                                    std::uint16_t port = kOtherCameraPort);
+std::vector<std::string> VideoTool(const std::string& output_path);
+
+// Waits until the process has mapped the frame block, and so misses no unit.
+bool WaitUntilWatching(const ChildProcess& video_tool);
 
 }  // namespace kestrelbridge

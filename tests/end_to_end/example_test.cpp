@@ -11,9 +11,7 @@ namespace {
 
 TEST(MainApplicationExample, ReadsVideoAndTelemetryAndCommandsTheCamera) {
   ChildProcess camera(
-      {ProgramPath("kestrelctl"), "camera", "--listen", std::string(kCameraAddress) + ":9004",
-       "--set", "model=DJI Pocket Osmo", "--clip",
-       std::string(KESTRELBRIDGE_SOURCE_DIR) + "/tools/clips/test-pattern-720p30.h264", "--loop"});
+      CameraTool(kTestPattern, 30, {"--set", "model=DJI Pocket Osmo", "--loop"}, kCameraPort));
   ASSERT_TRUE(camera.WaitForLine("waiting for a connection request"));
   ChildProcess daemon(DaemonCommand());
   ASSERT_TRUE(daemon.WaitForLine("Camera connection found"));

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -17,7 +16,6 @@
 #include <ostream>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,10 +23,10 @@
 #include "base/run_paths.h"
 #include "base/text_file.h"
 #include "camera/packet_format.h"
-#include "end_to_end/clip_bench.h"
 #include "end_to_end/daemon_bench.h"
 #include "end_to_end/flood.h"
 #include "kestrelbridge/rc_block.h"
+#include "video/mapped_block.h"
 
 namespace kestrelbridge {
 namespace {
@@ -171,41 +169,19 @@ void SharedMemoryIsFull(std::uint64_t free_bytes) {
 void NoRoomForTheRing() { SharedMemoryIsFull(1'000'000); }
 void RoomForTheRingOnly() { SharedMemoryIsFull(kFrameBlockSize + 1'000'000); }
 
-// A shared block as another process maps it.
-class ForeignBlock {
- public:
-  ForeignBlock(const char* name, std::size_t size) : size_(size) {
-    const int descriptor = shm_open(name, O_RDWR | O_CLOEXEC, 0);
-    void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
-    close(descriptor);
-    if (mapped == MAP_FAILED) {
-      throw std::runtime_error(std::string("cannot map ") + name);
-    }
-    bytes_ = static_cast<std::uint8_t*>(mapped);
-  }
-  ForeignBlock(const ForeignBlock&) = delete;
-  ForeignBlock& operator=(const ForeignBlock&) = delete;
-  ~ForeignBlock() { munmap(bytes_, size_); }
-  std::uint8_t* bytes() const { return bytes_; }
-
- private:
-  std::uint8_t* bytes_ = nullptr;
-  std::size_t size_;
-};
-
 void RingHeaderIsOverwritten() {
   Run run;
   ASSERT_TRUE(run.camera.Connect());
   RingWatcher ring;
-  const ForeignBlock block(kFrameBlockName, kFrameBlockSize);
+  const MappedBlock block(kFrameBlockName);
   ASSERT_TRUE(Serves(run, ring));
   std::mt19937 random(1);
   for (int round = 0; round < 20; ++round) {
     for (std::size_t byte = 0; byte < kFrameBlockHeaderSize; ++byte) {
-      block.bytes()[byte] = static_cast<std::uint8_t>(random());
+      block.data()[byte] = static_cast<std::uint8_t>(random());
     }
     if (round % 2 == 0) {  // else the daemon clears the ring, which mends all of it
-      StoreShared16(block.bytes() + kClearRequestOffset, 0, __ATOMIC_RELAXED);
+      StoreShared16(block.data() + kClearRequestOffset, 0, __ATOMIC_RELAXED);
     }
     EXPECT_TRUE(Serves(run, ring)) << "round " << round;
   }
@@ -247,15 +223,6 @@ void ReaderStalls() {
   EXPECT_EQ(reader.counters().units + reader.counters().lost, kUnits) << "nothing is unaccounted";
 }
 
-bool CameraGetsCommand(ScriptedCamera& camera, std::uint8_t command_id) {
-  return Eventually([&] {
-    const Bytes packet = camera.Receive(milliseconds{100});
-    return packet.size() > kSentWrapperSize + kFrameCommandIdOffset &&
-           packet[kSentWrapperSize + kFrameCommandSetOffset] == 0x02 &&
-           packet[kSentWrapperSize + kFrameCommandIdOffset] == command_id;
-  });
-}
-
 constexpr std::uint8_t kShotId = 0x01;
 constexpr std::uint8_t kIsoId = 0x2A;
 
@@ -275,8 +242,8 @@ void RemoteControlBlockIsCut() {
   }
   EXPECT_TRUE(run.daemon.IsRunning());
   EXPECT_EQ(CountLines(run.daemon.Error(), "cut short or removed"), 1) << "said once";
-  const ForeignBlock block(kRcBlockName, kRcBlockSize);
-  StoreRcChannel(block.bytes(), kRcIsoNext, 1);
+  const MappedBlock block(kRcBlockName);
+  StoreRcChannel(block.data(), kRcIsoNext, 1);
   EXPECT_TRUE(CameraGetsCommand(run.camera, kIsoId));
 }
 

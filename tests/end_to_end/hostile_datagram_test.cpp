@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ostream>
 #include <random>
-#include <string_view>
+#include <string>
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
@@ -18,87 +17,73 @@ constexpr std::size_t kLongest = 10'000;  // of the daemon's receive buffers
 // So much may wait in a socket whose buffer the kernel has capped at its usual limit.
 constexpr std::size_t kMayWait = 100'000;
 
-using Random = std::mt19937;
-
-// Each makes a datagram out of `length` random bytes.
-void LeaveRandom(Bytes& /*datagram*/) {}
-
-void OfKind(Bytes& datagram, std::uint8_t kind) {
-  if (datagram.size() > kWrapperKindOffset) {
-    datagram[kWrapperKindOffset] = kind;
-  }
-}
-
 // Puts the bytes at the offset, as far as there is room.
-void Put(Bytes& datagram, std::size_t offset, const Bytes& bytes) {
+void Put(Bytes& datagram, std::size_t offset, const std::string& bytes) {
   for (std::size_t i = 0; i < bytes.size() && offset + i < datagram.size(); ++i) {
-    datagram[offset + i] = bytes[i];
+    datagram[offset + i] = static_cast<std::uint8_t>(bytes[i]);
   }
 }
 
-void MakeCommandData(Bytes& datagram) { OfKind(datagram, kKindCommandData); }
+void BeVideo(Bytes& datagram) { Put(datagram, kWrapperKindOffset, {kKindVideo}); }
+void BeCommandData(Bytes& datagram) { Put(datagram, kWrapperKindOffset, {kKindCommandData}); }
 
-// Command frames whose lengths lie about what follows.
-void MakeLyingFrames(Bytes& datagram) {
-  OfKind(datagram, kKindCommandData);
-  for (std::size_t i = kReceivedWrapperSize; i < datagram.size(); i += 7) {
-    datagram[i] = kFrameStart;
-  }
+// Its unit's length is a random one.
+void BeUnitHeader(Bytes& datagram) {
+  BeVideo(datagram);
+  Put(datagram, 20, {0x00, 0x00, 0x01, '\xFF'});
+  Put(datagram, 26, {'\xFF', 0x00, 0x4C});
 }
 
-void MakeContinuation(Bytes& datagram) { OfKind(datagram, kKindVideo); }
-
-void MakeLyingHeader(Bytes& datagram) {
-  OfKind(datagram, kKindVideo);
-  Put(datagram, 20, {0x00, 0x00, 0x01, 0xFF});
-  Put(datagram, 26, {0xFF, 0x00, 0x4C});
-}
-
-// A whole unit of one datagram, which opens with a damaged parameter set.
-void MakeDamagedParameterSet(Bytes& datagram) {
-  MakeLyingHeader(datagram);
-  if (datagram.size() > 32) {
-    StoreLe16(datagram, 24, static_cast<std::uint16_t>(datagram.size() - 32));
-  }
-  Put(datagram, 32, {0x00, 0x00, 0x00, 0x01, 0x67});
-}
-
-void MakeText(Bytes& datagram) {
-  constexpr std::string_view kText = R"(!{"cmd":"{[\u0000)";
-  Put(datagram, 0, Bytes(kText.begin(), kText.end()));
-}
-
-struct Hostility {
-  const char* name;
-  void (*shape)(Bytes& datagram);
+// Each makes something of random bytes.
+void (*const kShapes[])(Bytes& datagram) = {
+    [](Bytes&) {},
+    BeCommandData,
+    [](Bytes& datagram) {  // command frames whose lengths lie about what follows
+      BeCommandData(datagram);
+      for (std::size_t i = kReceivedWrapperSize; i < datagram.size(); i += 7) {
+        datagram[i] = kFrameStart;
+      }
+    },
+    BeVideo,
+    BeUnitHeader,
+    [](Bytes& datagram) {  // a whole unit, which opens with a damaged parameter set
+      BeUnitHeader(datagram);
+      if (datagram.size() > 32) {
+        StoreLe16(datagram, 24, static_cast<std::uint16_t>(datagram.size() - 32));
+      }
+      Put(datagram, 32, {0x00, 0x00, 0x00, 0x01, 0x67});
+    },
+    [](Bytes& datagram) { Put(datagram, 0, R"(!{"cmd":"{[\u0000)"); },
 };
-std::ostream& operator<<(std::ostream& out, const Hostility& row) { return out << row.name; }
 
-class HostileDatagrams : public testing::TestWithParam<Hostility> {};
-
-TEST_P(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
+TEST(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
   ScriptedCamera camera(kOtherCameraPort);
   ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
   ASSERT_TRUE(camera.Connect());
-  ASSERT_FALSE(camera.Receive().empty());  // a further heartbeat: all endpoints are open
+  ASSERT_TRUE(WaitForBridge(daemon.pid()));
   RingWatcher ring;
   const std::vector<BoundPort> ports = UdpPortsOf(daemon.pid());
-  ASSERT_GE(ports.size(), 3U);
+  ASSERT_EQ(ports.size(), 4U);
 
   const UdpSocket enemy;
-  Random random(1);
+  std::mt19937 random(1);
   std::size_t waiting = 0;
   for (std::size_t length = 1; length <= kLongest; ++length) {
-    Bytes datagram(length);
-    std::ranges::generate(datagram, [&] { return static_cast<std::uint8_t>(random()); });
-    GetParam().shape(datagram);
-    for (const BoundPort& bound : ports) {
-      enemy.Send(datagram, {.host = "127.0.0.1", .port = bound.port});
-    }
-    waiting += length + 500;
-    if (waiting > kMayWait) {
-      ASSERT_TRUE(WaitUntilRead(daemon.pid()));
-      waiting = 0;
+    for (const auto shape : kShapes) {
+      if (length > 100 && shape != kShapes[length % std::size(kShapes)]) {
+        continue;  // one shape is enough where no header ends
+      }
+      Bytes datagram(length);
+      std::ranges::generate(datagram, [&] { return static_cast<std::uint8_t>(random()); });
+      shape(datagram);
+      for (const BoundPort& bound : ports) {
+        enemy.Send(datagram, {.host = "127.0.0.1", .port = bound.port});
+      }
+      waiting += length + 500;
+      if (waiting > kMayWait) {
+        ASSERT_TRUE(WaitUntilRead(daemon.pid()));
+        waiting = 0;
+      }
     }
   }
   for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
@@ -110,16 +95,6 @@ TEST_P(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
   EXPECT_TRUE(ring.WaitFor(unit));
   EXPECT_TRUE(daemon.IsRunning());
 }
-
-INSTANTIATE_TEST_SUITE_P(Shape, HostileDatagrams,
-                         testing::Values(Hostility{"Random", LeaveRandom},
-                                         Hostility{"CommandData", MakeCommandData},
-                                         Hostility{"LyingFrames", MakeLyingFrames},
-                                         Hostility{"Continuations", MakeContinuation},
-                                         Hostility{"LyingHeaders", MakeLyingHeader},
-                                         Hostility{"DamagedParameterSets", MakeDamagedParameterSet},
-                                         Hostility{"Texts", MakeText}),
-                         [](const auto& row) { return row.param.name; });
 
 }  // namespace
 }  // namespace kestrelbridge

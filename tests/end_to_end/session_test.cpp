@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 
 #include "base/byte_order.h"
@@ -12,7 +11,6 @@
 namespace kestrelbridge {
 namespace {
 
-using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
 const Bytes kConnectionRequestBytes = {
@@ -31,7 +29,8 @@ TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
   for (int request = 0; request < 3; ++request) {
     EXPECT_EQ(camera.Receive(), kConnectionRequestBytes);
   }
-  EXPECT_GE(Clock::now() - first, milliseconds{2'000});  // three, less what the first was late
+  // Three seconds, less what the first was late.
+  EXPECT_GE(Clock::now() - first, std::chrono::seconds{2});
   EXPECT_TRUE(daemon.IsRunning());
 }
 
@@ -48,17 +47,14 @@ TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
   ScriptedCamera camera;
   ChildProcess daemon(DaemonCommand());
   ASSERT_TRUE(camera.Connect());
-  for (std::uint32_t seed = 0; seed < 5; ++seed) {  // four acknowledgements count as packets, too
-    camera.SendUnit(MakeUnit(2000, seed));
-  }
-  for (int acknowledgement = 0; acknowledgement < 4; ++acknowledgement) {
-    ASSERT_FALSE(ReceiveOfSize(camera, 34).empty());
-  }
+  camera.SendUnit(MakeUnit(2000, 1));  // its acknowledgement counts as a packet, too
+  camera.SendNextHeader();
+  ASSERT_FALSE(ReceiveOfSize(camera, 34).empty());
   camera.Send(CommandDataDatagram(0xBEEF, EmptyCommandData()));
   const Bytes keepalive = ReceiveOfSize(camera, 49);
   ASSERT_EQ(keepalive.size(), 49U);
   const int sent_before = camera.packets_received() - 1;
-  EXPECT_GE(sent_before, 5);
+  EXPECT_GE(sent_before, 2);
 
   Bytes expected = {0x31, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xB7,  // length 49, kind 4, check
                     0xEF, 0xBE, 0xEF, 0xBE, 0x00, 0x00, 0x00, 0x00,  // the camera's sequence, twice
@@ -72,31 +68,14 @@ TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
   EXPECT_EQ(keepalive, expected);
 }
 
-TEST(Session, TakesAnySendersDatagramsForTheCameras) {
-  ScriptedCamera camera;
-  ChildProcess daemon(DaemonCommand());
-  ASSERT_TRUE(camera.Connect());
-  RingWatcher ring;
-  const UdpSocket stranger;
-  const Bytes unit = MakeUnit(500, 1);
-  for (const Bytes& datagram : UnitDatagrams(1, unit)) {
-    stranger.Send(datagram, {.host = "127.0.0.1", .port = camera.daemon().port});
-  }
-  camera.SendNextHeader();
-  EXPECT_EQ(ring.Next(), unit);
-}
-
 TEST(Session, EndsWithCodeThreeAtAnEmptyDatagramOnAnyPort) {
   const UdpSocket sender;
   for (std::size_t index = 0, ports = 1; index < ports; ++index) {
-    ScriptedCamera camera(kOtherCameraPort);
     ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
-    ASSERT_FALSE(camera.Receive().empty());
-    // All endpoints are open once a further heartbeat has come.
-    ASSERT_FALSE(camera.Receive().empty());
+    ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
     const std::vector<BoundPort> bound = UdpPortsOf(daemon.pid());
-    ASSERT_GE(bound.size(), 3U);
     ports = bound.size();
+    ASSERT_EQ(ports, 4U);
     sender.Send({}, {.host = "127.0.0.1", .port = bound[index].port});
     EXPECT_EQ(daemon.WaitForExit(), ExitedWith(3));
     EXPECT_TRUE(daemon.Error().ends_with("\nUDP read failed\n")) << daemon.Error();

@@ -1,7 +1,7 @@
 #include "support/child_process.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,17 +15,23 @@
 namespace kestrelbridge {
 namespace {
 
-struct Pipe {
-  int read_end = -1;
-  int write_end = -1;
-};
-
-Pipe MakePipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    throw std::system_error(errno, std::generic_category(), "pipe2");
+// A file without a name. Unlike a pipe it is never full, so the program never waits for us.
+int MakeFile() {
+  const int file = memfd_create("output", MFD_CLOEXEC);
+  if (file == -1) {
+    throw std::system_error(errno, std::generic_category(), "memfd_create");
   }
-  return {.read_end = ends[0], .write_end = ends[1]};
+  return file;
+}
+
+std::string ReadAll(int file) {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (ssize_t length = 0;
+       (length = pread(file, buffer.data(), buffer.size(), static_cast<off_t>(text.size()))) > 0;) {
+    text.append(buffer.data(), static_cast<std::size_t>(length));
+  }
+  return text;
 }
 
 // Runs in the child, between fork and exec: system calls only.
@@ -52,29 +58,22 @@ ProcessEnd Decode(int status) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> command) {
+ChildProcess::ChildProcess(std::vector<std::string> command)
+    : output_(MakeFile()), error_(MakeFile()) {
   std::vector<char*> arguments;
   arguments.reserve(command.size() + 1);
   for (std::string& text : command) {
     arguments.push_back(text.data());
   }
   arguments.push_back(nullptr);
-  const Pipe output = MakePipe();
-  const Pipe error = MakePipe();
   const pid_t parent = getpid();
   pid_ = fork();
   if (pid_ == 0) {
-    Execute(arguments.data(), parent, output.write_end, error.write_end);
+    Execute(arguments.data(), parent, output_, error_);
   }
-  const int reason = errno;
-  close(output.write_end);
-  close(error.write_end);
   if (pid_ == -1) {
-    close(output.read_end);
-    close(error.read_end);
-    throw std::system_error(reason, std::generic_category(), "fork");
+    throw std::system_error(errno, std::generic_category(), "fork");
   }
-  gatherer_ = std::thread(&ChildProcess::GatherOutput, this, output.read_end, error.read_end);
 }
 
 ChildProcess::~ChildProcess() {
@@ -82,30 +81,25 @@ ChildProcess::~ChildProcess() {
   if (!end_) {
     waitpid(pid_, nullptr, 0);
   }
-  gatherer_.join();
+  close(output_);
+  close(error_);
 }
 
 bool ChildProcess::WaitForLine(std::string_view text, std::chrono::milliseconds patience,
                                int count) {
-  const auto found = [&] {
-    const std::lock_guard lock(mutex_);
-    return CountLines(error_, text) >= count || CountLines(output_, text) >= count;
-  };
-  const auto decided = [&] {
-    const std::lock_guard lock(mutex_);
-    return output_complete_;  // nothing more will come
-  };
-  return Eventually([&] { return found() || decided(); }, patience) && found();
+  bool found = false;
+  Eventually(
+      [&] {
+        const bool all_is_said = !IsRunning();  // asked before the look at what it said
+        found = CountLines(Error(), text) >= count || CountLines(Output(), text) >= count;
+        return found || all_is_said;
+      },
+      patience);
+  return found;
 }
 
 std::optional<ProcessEnd> ChildProcess::WaitForExit(std::chrono::milliseconds patience) {
-  if (!Eventually([this] { return !IsRunning(); }, patience)) {
-    return std::nullopt;
-  }
-  Eventually([this] {
-    const std::lock_guard lock(mutex_);
-    return output_complete_;
-  });
+  Eventually([this] { return !IsRunning(); }, patience);
   return end_;
 }
 
@@ -123,40 +117,8 @@ void ChildProcess::Kill(int signal) {
   }
 }
 
-std::string ChildProcess::Output() const {
-  const std::lock_guard lock(mutex_);
-  return output_;
-}
-
-std::string ChildProcess::Error() const {
-  const std::lock_guard lock(mutex_);
-  return error_;
-}
-
-// Reads all the time, so that a program never waits for us with a full pipe.
-void ChildProcess::GatherOutput(int output, int error) {
-  std::array<pollfd, 2> pipes = {{{output, POLLIN, 0}, {error, POLLIN, 0}}};
-  const std::array<std::string*, 2> texts = {&output_, &error_};
-  std::array<char, 4096> buffer{};
-  while (pipes[0].fd != -1 || pipes[1].fd != -1) {
-    poll(pipes.data(), pipes.size(), -1);
-    for (std::size_t i = 0; i < pipes.size(); ++i) {
-      if (pipes[i].fd == -1 || pipes[i].revents == 0) {
-        continue;
-      }
-      const ssize_t length = read(pipes[i].fd, buffer.data(), buffer.size());
-      if (length > 0) {
-        const std::lock_guard lock(mutex_);
-        texts[i]->append(buffer.data(), static_cast<std::size_t>(length));
-      } else if (length == 0 || errno != EINTR) {
-        close(pipes[i].fd);
-        pipes[i].fd = -1;  // poll passes over it
-      }
-    }
-  }
-  const std::lock_guard lock(mutex_);
-  output_complete_ = true;
-}
+std::string ChildProcess::Output() const { return ReadAll(output_); }
+std::string ChildProcess::Error() const { return ReadAll(error_); }
 
 int CountLines(std::string_view text, std::string_view part) {
   int count = 0;

@@ -4,12 +4,10 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "support/eventually.h"
@@ -32,7 +30,7 @@ inline std::string ProgramPath(std::string_view name) {
   return std::string(KESTRELBRIDGE_BIN_DIR) + "/" + std::string(name);
 }
 
-// One running program, standard input empty, standard output and error gathered as they come. It is
+// One running program, standard input empty, standard output and error kept. It is
 // killed with its ChildProcess, or when the thread that started it ends. One thread uses it.
 class ChildProcess {
  public:
@@ -60,16 +58,10 @@ class ChildProcess {
   pid_t pid() const { return pid_; }
 
  private:
-  void GatherOutput(int output, int error);
-
+  int output_;  // files
+  int error_;
   pid_t pid_ = -1;
   std::optional<ProcessEnd> end_;
-  // Written by the gathering thread, read by the test.
-  mutable std::mutex mutex_;
-  std::string output_;
-  std::string error_;
-  bool output_complete_ = false;
-  std::thread gatherer_;
 };
 
 // Whole lines of the text that contain `part`.

@@ -1,33 +1,31 @@
-// A program "iptables" that does nothing but write down how it was called.
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <string>
-#include <vector>
+
+#include "support/temporary_folder.h"
 
 namespace kestrelbridge {
 
-// In a folder of its own, which goes with the object.
+// A program "iptables" that does nothing but write down how it was called.
 class FakeIptables {
  public:
-  // The exit code that it ends with.
-  explicit FakeIptables(int exit_code = 0);
-  FakeIptables(const FakeIptables&) = delete;
-  FakeIptables& operator=(const FakeIptables&) = delete;
-  ~FakeIptables();
+  FakeIptables() {
+    const std::string program = folder_.File("iptables");
+    std::ofstream(program) << "#!/bin/sh\n"
+                           << "{ printf '[%s]' \"$@\"; echo; } >>'" << folder_.File("calls") << "'";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  }
 
   // To be put first in PATH.
-  std::string Folder() const { return folder_ / "bin"; }
+  std::string Folder() const { return folder_.Path(); }
 
-  // An empty folder to work in: what a shell was tricked into writing shows here.
-  std::string WorkFolder() const { return folder_ / "work"; }
-  std::vector<std::string> Strays() const;
-
-  // One string a call: the arguments, each in brackets.
-  std::vector<std::string> Calls() const;
+  // One line a call: the arguments, each in brackets.
+  std::string Calls() const { return ReadFile(folder_.File("calls")); }
 
  private:
-  std::filesystem::path folder_;
+  TemporaryFolder folder_;
 };
 
 }  // namespace kestrelbridge

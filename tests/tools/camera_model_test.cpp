@@ -143,19 +143,15 @@ TEST(ObeyedCommands, EveryCodeThatTheCameraHasIsObeyedAndNoOther) {
 }
 
 TEST(ObeyedCommands, WhatTheCameraDoesNotHaveIsToldInHexAndChangesNothing) {
-  std::vector<Bytes> frames;
-  // The command's id and its payload.
-  for (const Bytes& command : std::vector<Bytes>{{0x2A},
-                                                 {0x2A, 5, 0},
-                                                 {0x02, 2},
-                                                 {0x01, 0},
-                                                 {0x28, 1, 0, 0, 0},
-                                                 {0x28, 0, 0x40, 0x9F, 0},
-                                                 {0x28, 1, 7, 0x80, 0},
-                                                 {0x60, 2},
-                                                 {0x78, 1}}) {
-    frames.push_back(Command(command[0], Bytes(command.begin() + 1, command.end())));
-  }
+  std::vector<Bytes> frames = {Command(0x2A, {}),
+                               Command(0x2A, {5, 0}),
+                               Command(0x02, {2}),
+                               Command(0x01, {0}),
+                               Command(0x28, {1, 0, 0, 0}),
+                               Command(0x28, {0, 0x40, 0x9F, 0}),
+                               Command(0x28, {1, 7, 0x80, 0}),
+                               Command(0x60, {2}),
+                               Command(0x78, {1})};
   frames.push_back(Command({0x02, 0x09, 0x09, 0x51}, {0x05}));
   for (const std::size_t offset : {kFrameSenderOffset, kFrameReceiverOffset, kFrameFlagsOffset,
                                    kFrameCommandSetOffset, kFrameCommandIdOffset}) {

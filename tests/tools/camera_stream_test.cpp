@@ -1,4 +1,4 @@
-// What the simulated camera sends: units and their datagrams, pushes, a bad link.
+// What the simulated camera sends: units and their datagrams, a bad link.
 
 #include <gtest/gtest.h>
 
@@ -7,11 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/byte_order.h"
-#include "camera/frame_scanner.h"
 #include "tools/annexb.h"
-#include "tools/camera_assignment.h"
-#include "tools/camera_pushes.h"
 #include "tools/camera_wire.h"
 #include "tools/clip.h"
 #include "tools/datagram_faults.h"
@@ -72,21 +68,6 @@ TEST(CameraWire, DatagramsOfAUnitCarryItsBytesInOrderAndNoneIsEmptyOrTooLong) {
       EXPECT_EQ(carried, unit) << length << " bytes by " << datagram_size;
     }
   }
-}
-
-TEST(CameraPushes, FramesOfARunAreNumberedOneByOne) {
-  std::uint16_t sequence = 0xFFFE;
-  const Bytes pushes = BuildPushes(StartModel({}), Histogram{}, sequence);
-  EXPECT_EQ(pushes.size(), kPushesSize);
-  std::vector<std::uint16_t> sequences;
-  for (auto rest = std::span(pushes); !rest.empty();) {
-    const auto frame = CommandFrameAt(rest);
-    ASSERT_FALSE(frame.empty());
-    sequences.push_back(LoadLe16(frame, 6));
-    rest = rest.subspan(frame.size());
-  }
-  EXPECT_EQ(sequences, (std::vector<std::uint16_t>{0xFFFE, 0xFFFF, 0, 1}));
-  EXPECT_EQ(sequence, 2);
 }
 
 struct Passage {

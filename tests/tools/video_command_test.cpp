@@ -16,7 +16,9 @@
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
 #include "support/eventually.h"
+#include "support/temporary_folder.h"
 #include "video/frame_buffers.h"
+#include "video/mapped_block.h"
 
 namespace kestrelbridge {
 namespace {
@@ -105,6 +107,24 @@ TEST_F(VideoCommand, SaysWhatCannotBeWritten) {
   ChildProcess video(Command({"--output", "/dev/full", "--oldest"}));
   EXPECT_EQ(video.WaitForExit(), ExitedWith(1));
   EXPECT_EQ(CountLines(video.Error(), "cannot write to /dev/full: No space left"), 1);
+}
+
+TEST_F(VideoCommand, GoesOnAfterARestartOfTheDaemonAndAfterAClear) {
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  ChildProcess video(Command({"--oldest", "--output", path_}));
+  const auto write_on = [&](std::uint32_t count) {
+    PublishPictures(count);
+    EXPECT_TRUE(Eventually([&] { return ReadFile(path_) == published_; })) << video.Error();
+  };
+  write_on(3);
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  write_on(2);
+  RequestClear(MappedBlock(kFrameBlockName).data());
+  write_on(1);
+  video.Kill(SIGINT);
+  EXPECT_EQ(video.WaitForExit(), ExitedWith(0));
+  EXPECT_EQ(CountLines(video.Error(), "units: 6, bytes: 6000, lost: 0, restarts: 1"), 1)
+      << video.Error();
 }
 
 }  // namespace

@@ -239,34 +239,6 @@ TEST_F(FrameRing, DamageHidesUnitsUntilTheDaemonsNextOne) {
   }
 }
 
-// The block has exactly its size here, so AddressSanitizer sees every step outside of it.
-TEST(FrameBlockReader, NeverReadsOutsideTheBlockWhateverStandsInIt) {
-  std::vector<std::uint8_t> block(kFrameBlockSize);
-  std::mt19937 random(1);
-  const auto pick = [&](std::initializer_list<std::uint32_t> values) {
-    return values.begin()[random() % values.size()];
-  };
-  std::vector<std::uint8_t> unit;
-  for (int round = 0; round < 300; ++round) {
-    const std::uint32_t newest = pick({0, 1, 99, 199, 200, 65'535});
-    const std::uint32_t write_index = pick({0, 0, 1, 100, 199, 200, 201, 65'535});
-    StoreLe16(block, kLastSequenceOffset, static_cast<std::uint16_t>(newest));
-    StoreLe16(block, kWriteIndexOffset, static_cast<std::uint16_t>(write_index));
-    for (std::uint32_t slot = 0; slot < kSlotCount; ++slot) {
-      const auto age = static_cast<std::uint32_t>((write_index + 399 - slot) % kSlotCount);
-      StoreLe32(block, SlotOffset(slot), pick({1, 64, 300'000, 300'000, 300'001, 0xFFFFFFFF}));
-      StoreLe16(block, SlotOffset(slot) + kUnitSequenceOffset,
-                static_cast<std::uint16_t>(newest - age));
-    }
-    FrameBlockReader reader(block.data(), Start::kOldest);
-    while (reader.Next(unit)) {
-      ASSERT_GE(unit.size(), 1U);
-      ASSERT_LE(unit.size(), kChunkCapacity);
-    }
-    ASSERT_LE(reader.counters().units, 200U);
-  }
-}
-
 TEST(FrameBlockMapping, OpensOnceTheDaemonHasMadeTheBlock) {
   shm_unlink(kFrameBlockName);
   FrameBlockMapping mapping;

@@ -2,8 +2,6 @@
 #include "video/frame_buffers.h"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -19,18 +17,6 @@ namespace {
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
-
-// A new /dev/shm of that size, until the end of the test.
-class EmptySharedMemory {
- public:
-  explicit EmptySharedMemory(const std::string& size) {
-    const std::string options = "mode=1777,size=" + size;
-    EXPECT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, options.c_str()), 0);
-  }
-  EmptySharedMemory(const EmptySharedMemory&) = delete;
-  EmptySharedMemory& operator=(const EmptySharedMemory&) = delete;
-  ~EmptySharedMemory() { umount2("/dev/shm", MNT_DETACH); }
-};
 
 struct BlockHeader {
   int clear_request, last_sequence, write_index;
@@ -79,7 +65,6 @@ bool IsFreshBlock(const char* name, std::size_t size) {
 }
 
 TEST(FrameBuffers, StartUpTakesOverBlocksOfAnySizeAndContent) {
-  const EmptySharedMemory memory("200m");
   for (const int old_size : {-1, 0, 4096, 13'003'624, 60'003'624, 70'000'000}) {
     SCOPED_TRACE(old_size);
     if (old_size >= 0) {
@@ -166,21 +151,6 @@ TEST(FrameBuffers, WriteIndexThatLeadsOutOfTheRingIsTakenAs0) {
     EXPECT_TRUE(SlotHolds(block, 0, sequence, NumberedUnit(sequence))) << spoiled;
     ++sequence;
   }
-}
-
-// A reader that touched a block without memory would end with SIGBUS. (What a start without memory
-// looks like to the user is tested with the daemon.)
-TEST(FrameBuffers, WithoutMemoryThereIsNoBlockForReadersNorForUnits) {
-  const EmptySharedMemory memory("1m");
-  CaptureStderr();
-  EXPECT_EQ(InitFrameBuffers(), -1);
-  EXPECT_NE(GetCapturedStderr().find("Cannot reserve shared memory "
-                                     "/dev/shm/kestrelbridge_framebuffer (60003624 bytes): No"),
-            std::string::npos);
-  FrameBlockMapping mapping;
-  EXPECT_FALSE(mapping.Open());
-  EXPECT_EQ(errno, EAGAIN);
-  PublishVideoUnit(NumberedUnit(0));
 }
 
 }  // namespace

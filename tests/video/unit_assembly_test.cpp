@@ -146,22 +146,6 @@ TEST_F(UnitAssembly, DropsDatagramsTooShortForTheirHeaderAndGoesOn) {
   EXPECT_TRUE(Acknowledged(7));
 }
 
-TEST_F(UnitAssembly, TellsHeadersFromContinuationsByAllSevenBytes) {
-  const Bytes header = UnitHeaderDatagram(1, 5, {});
-  for (const std::size_t fixed : {20U, 21U, 22U, 23U, 26U, 27U, 28U}) {
-    Bytes continuation = header;
-    continuation[fixed] ^= 0x80;
-    const Bytes carried(continuation.begin() + 20, continuation.end());
-    Bytes unit = kUnit;
-    unit.insert(unit.end(), carried.begin(), carried.end());
-    Take(UnitHeaderDatagram(7, static_cast<std::uint16_t>(unit.size()), kUnit));
-    Take(continuation);
-    Take(UnitHeaderDatagram(8, 0, {}));
-    EXPECT_EQ(NextUnit(), unit) << "byte " << fixed;
-    EXPECT_TRUE(Acknowledged(8));
-  }
-}
-
 TEST_F(UnitAssembly, DropsTheOlderBytesWhenTheStagingBufferOverflows) {
   Take(UnitHeaderDatagram(1, 60'000, {}));
   const Bytes part(9'999, 0x11);
