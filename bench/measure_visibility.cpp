@@ -1,6 +1,8 @@
 #include <chrono>
 #include <cstdio>
+#include <optional>
 
+#include "awake_core.h"
 #include "measurements.h"
 #include "subjects.h"
 
@@ -42,38 +44,72 @@ std::vector<double> MeasureOne(Subject& subject, DatagramStream& stream) {
   return samples;
 }
 
-void Gather(const std::vector<double>& samples, std::vector<double>& p50, std::vector<double>& p99,
-            std::vector<double>& all) {
-  p50.push_back(Median(samples));
-  p99.push_back(Quantile(samples, 0.99));
-  all.insert(all.end(), samples.begin(), samples.end());
+// Samples of all repetitions, and the figures of each.
+struct Latencies {
+  std::vector<double> p50, p99, all;
+
+  void Add(const std::vector<double>& samples) {
+    p50.push_back(Median(samples));
+    p99.push_back(Quantile(samples, 0.99));
+    all.insert(all.end(), samples.begin(), samples.end());
+  }
+};
+
+// The subject's core asleep between two units, or kept awake.
+struct Way {
+  bool awake = false;
+  std::string name;
+  Latencies daemon, floor;
+};
+
+void Repeat(const Setting& setting, DatagramStream& stream, Way& way) {
+  std::optional<AwakeCore> awake;
+  if (way.awake) {
+    awake.emplace(setting.cores.subject);
+  }
+  way.floor.Add(MeasureOne(*StartFloor(setting, "acknowledge"), stream));
+  way.daemon.Add(MeasureOne(*StartDaemon(setting), stream));
+}
+
+void Report(const Way& way, Findings& findings) {
+  const std::string what = "unit complete to visible, core " + way.name + ", p";
+  findings.rows.push_back(MakeRow({.what = what + "50",
+                                   .other = "floor",
+                                   .unit = "us",
+                                   .decimals = 1,
+                                   .ours = way.daemon.p50,
+                                   .others = way.floor.p50}));
+  findings.rows.push_back(MakeRow({.what = what + "99",
+                                   .other = "floor",
+                                   .unit = "us",
+                                   .decimals = 1,
+                                   .ours = way.daemon.p99,
+                                   .others = way.floor.p99,
+                                   .aim = Comparison::Aim::kOursBelow,
+                                   .limit = 100}));
+  const std::string title = "Unit complete to visible, core " + way.name + ", ";
+  findings.notes.push_back(FormatDistribution(title + "kestrelbridge", way.daemon.all));
+  findings.notes.push_back(FormatDistribution(title + "floor", way.floor.all));
 }
 
 }  // namespace
 
 Findings MeasureVisibility(const Setting& setting) {
   DatagramStream stream = MakeCameraStream(setting.clip);
-  Comparison p50{.what = "unit complete to visible, p50",
-                 .other = "floor",
-                 .unit = "us",
-                 .decimals = 1,
-                 .ours = {},
-                 .others = {}};
-  Comparison p99 = p50;
-  p99.what = "unit complete to visible, p99";
-  p99.aim = Comparison::Aim::kOursBelow;
-  p99.limit = 100;
-  std::vector<double> daemon;
-  std::vector<double> floor;
+  Way ways[] = {{.awake = true, .name = "awake", .daemon = {}, .floor = {}},
+                {.awake = false, .name = "asleep", .daemon = {}, .floor = {}}};
   for (int repetition = 1; repetition <= setting.repetitions; ++repetition) {
     std::fprintf(stderr, "    time to visible, repetition %d of %d\n", repetition,
                  setting.repetitions);
-    Gather(MeasureOne(*StartFloor(setting, "acknowledge"), stream), p50.others, p99.others, floor);
-    Gather(MeasureOne(*StartDaemon(setting), stream), p50.ours, p99.ours, daemon);
+    for (Way& way : ways) {
+      Repeat(setting, stream, way);
+    }
   }
-  return {.rows = {MakeRow(p50), MakeRow(p99)},
-          .notes = {FormatDistribution("Unit complete to visible, kestrelbridge", daemon),
-                    FormatDistribution("Unit complete to visible, floor", floor)}};
+  Findings findings;
+  for (const Way& way : ways) {
+    Report(way, findings);
+  }
+  return findings;
 }
 
 }  // namespace kestrelbridge::bench
