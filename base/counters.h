@@ -37,14 +37,14 @@ class SharedCounter : public Counter {
 struct LinkCounters {
   // Its receive thread's.
   OwnedCounter received_datagrams;  // by us, from whoever: the kernel's drops are not among them
-  OwnedCounter received_bytes;
-  OwnedCounter found;  // times that the first datagram of a peer came
+  OwnedCounter received_bytes;      // of those datagrams
+  OwnedCounter found;               // times that the first datagram of a peer came
   // Its watchdog's.
   OwnedCounter lost;  // times that the peer was silent for too long
   // Any sender's.
   SharedCounter sent_datagrams;  // that the kernel took
-  SharedCounter sent_bytes;
-  SharedCounter send_failures;  // that it did not take, or that had no valid address
+  SharedCounter sent_bytes;      // of those datagrams
+  SharedCounter send_failures;   // that it did not take, or that had no valid address
 };
 
 struct Counters {
@@ -55,30 +55,30 @@ struct Counters {
   LinkCounters unnamed;  // endpoints that are none of these
 
   // The camera's receive thread's. A datagram of the camera is of one of four kinds:
-  OwnedCounter video_datagrams;
-  OwnedCounter command_data_datagrams;
-  OwnedCounter ignored_datagrams;  // of any other kind
-  OwnedCounter short_datagrams;    // shorter than a wrapper's kind and sequence
+  OwnedCounter video_datagrams;         // pieces of access units
+  OwnedCounter command_data_datagrams;  // pieces of what holds the pushes
+  OwnedCounter ignored_datagrams;       // of any other kind
+  OwnedCounter short_datagrams;         // shorter than a wrapper's kind and sequence
 
-  OwnedCounter stray_video_datagrams;  // too short, or before the first unit header
-  OwnedCounter units_published;
-  OwnedCounter published_bytes;
-  OwnedCounter units_corrupted;      // their length is not what their header announced
-  OwnedCounter units_not_published;  // whole, but no H.264
-  OwnedCounter video_overflows;      // of the buffer that gathers a unit
-  OwnedCounter command_data_overflows;
-  OwnedCounter acknowledgements;  // that went out
+  OwnedCounter stray_video_datagrams;   // too short, or before the first unit header
+  OwnedCounter units_published;         // in the ring
+  OwnedCounter published_bytes;         // of those units
+  OwnedCounter units_corrupted;         // their length is not what their header announced
+  OwnedCounter units_not_published;     // whole, but no H.264
+  OwnedCounter video_overflows;         // of the buffer that gathers a unit
+  OwnedCounter command_data_overflows;  // of the buffer that gathers command data
+  OwnedCounter acknowledgements;        // that went out
 
-  OwnedCounter frames_found;  // command frames with right check sums, pushes or not
-  OwnedCounter status_pushes;
-  OwnedCounter settings_pushes;
-  OwnedCounter battery_pushes;
-  OwnedCounter histogram_pushes;
+  OwnedCounter frames_found;      // command frames with right check sums, pushes or not
+  OwnedCounter status_pushes;     // frames that told model, mode, card and recording
+  OwnedCounter settings_pushes;   // exposure and picture settings
+  OwnedCounter battery_pushes;    // charge
+  OwnedCounter histogram_pushes;  // brightness
 
-  OwnedCounter relayed_to_phone;
+  OwnedCounter relayed_to_phone;  // the camera's datagrams that went out to the phone app
 
   // The phone endpoint's receive thread's.
-  OwnedCounter relayed_to_camera;
+  OwnedCounter relayed_to_camera;  // the phone app's datagrams that went out to the camera
 
   // The camera thread's.
   OwnedCounter connection_requests;  // that went out
@@ -91,10 +91,10 @@ struct Counters {
   // The remote-control thread's.
   OwnedCounter rc_command_frames;  // that went out for the remote control
 
-  // The telemetry thread's: records that went out.
-  OwnedCounter text_records;
-  OwnedCounter status_records;
-  OwnedCounter histogram_records;
+  // The telemetry thread's.
+  OwnedCounter text_records;       // that went out, one a second
+  OwnedCounter status_records;     // that went out, five a second
+  OwnedCounter histogram_records;  // that went out, five a second while a histogram is current
 };
 
 inline constinit Counters process_counters;

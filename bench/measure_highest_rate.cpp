@@ -20,8 +20,8 @@ constexpr double kFirstStep = 1.6;
 constexpr double kNextStep = 1.15;  // from what an earlier repetition has found
 constexpr double kFinestStep = 1.03;
 constexpr double kFiner = 2.5;
-constexpr double kStepBack = 1.1;
-constexpr int kMaxProofs = 6;
+constexpr double kStepBack = 1.25;  // a hiccup of the machine costs more than the search saw
+constexpr int kMaxProofs = 10;
 constexpr std::chrono::milliseconds kSettle{10};
 constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kLookForDrops{200};

@@ -9,11 +9,11 @@ namespace kestrelbridge {
 namespace {
 
 constexpr std::uint16_t kPacketLengthFlag = 0x8000;
-// A command packet echoes the sequence of one datagram of eight bytes earlier; keepalive and
-// acknowledgement echo the latest. The camera expects the difference.
+// A command packet's first echo is the camera's latest sequence less 8; keepalive and
+// acknowledgement echo it as it is. The camera expects the difference.
 constexpr std::uint16_t kCommandEchoDistance = 8;
 
-// Bytes that the camera's own app puts into every packet of a kind.
+// Constant in every packet, at places that depend on the packet; what they mean is not known.
 constexpr std::array<std::uint8_t, 4> kMarkA = {0x80, 0x91, 0x80, 0x91};
 constexpr std::array<std::uint8_t, 4> kMarkB = {0xE8, 0x91, 0xE8, 0x91};
 constexpr std::size_t kFirstMarkOffset = 16;

@@ -33,6 +33,19 @@ set(keep ${arg_KEEP})" COMPONENT ${component})
   install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/install_text.cmake COMPONENT ${component})
 endfunction()
 
+# install_document(DOCUMENT): its links lead where the headers and the licence are on the box.
+function(install_document document)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${document})
+  file(READ ${document} text)
+  string(REPLACE "](include/" "](../../../include/" text "${text}")
+  string(REPLACE "](../include/" "](../../../../include/" text "${text}")
+  string(REPLACE "](LICENSE)" "](copyright)" text "${text}")
+  set(filled_in ${PROJECT_BINARY_DIR}/packaging/documents/${document})
+  file(CONFIGURE OUTPUT ${filled_in} CONTENT "@text@" @ONLY)
+  cmake_path(GET document PARENT_PATH folder)
+  install(FILES ${filled_in} DESTINATION ${doc_dir}/${folder})
+endfunction()
+
 # --- daemon -----------------------------------------------------------------------------------
 
 install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
@@ -43,10 +56,12 @@ install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
 install(FILES packaging/completion/kestrelctl DESTINATION share/bash-completion/completions)
 install(FILES tools/clips/test-pattern-720p30.h264 DESTINATION share/kestrelbridge/clips)
-install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir})
-install(FILES tools/clips/README.md DESTINATION ${doc_dir}/tools/clips) # README.md links there
-file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
-install(FILES ${documents} DESTINATION ${doc_dir}/docs)
+install(FILES CHANGELOG.md CONTRIBUTING.md packaging/debian/copyright DESTINATION ${doc_dir})
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+foreach(document IN ITEMS README.md bench/README.md fuzz/README.md tools/clips/README.md ${documents})
+  install_document(${document})
+endforeach()
+install(FILES docs/example/main_application.cpp DESTINATION ${doc_dir}/docs/example)
 
 # --- dev --------------------------------------------------------------------------------------
 
@@ -70,6 +85,7 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/kestrelbridge-config-version.cmake
 install_text(kestrelbridge.pc.in share/pkgconfig dev)
 install(DIRECTORY include/kestrelbridge DESTINATION include COMPONENT dev)
 install(FILES docs/example/main_application.cpp DESTINATION ${dev_doc_dir}/examples COMPONENT dev)
+install(FILES packaging/debian/copyright DESTINATION ${dev_doc_dir} COMPONENT dev)
 
 # --- Debian packages --------------------------------------------------------------------------
 
@@ -82,8 +98,6 @@ foreach(component IN ITEMS daemon dev)
   if(component STREQUAL dev)
     set(package kestrelbridge-dev)
   endif()
-  install(FILES packaging/debian/copyright DESTINATION share/doc/${package}
-          COMPONENT ${component})
   install_text(debian/changelog.Debian.in share/doc/${package} ${component} COMPRESS)
   if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.lintian-overrides)
     install(FILES packaging/debian/${package}.lintian-overrides RENAME ${package}

@@ -120,13 +120,18 @@ bool ReadRcBlock(RcBlock& block, RcValues& values) {
       std::fprintf(stderr, "Shared raw RC mem was cut short or removed, opening it again\n");
     }
     block.in_trouble = true;
+    block.was_lost = true;
     return false;
   }
+  CountGoodRead(block);
+  if (block.was_lost && copy == BlockCopy{}) {
+    return true;
+  }
+  block.was_lost = false;
   for (std::size_t channel = 0; channel < kRcChannelCount; ++channel) {
     values.channels[channel] = LoadRcChannel(copy.bytes.data(), channel);
   }
   values.slider_enabled = LoadRcSliderEnabled(copy.bytes.data()) != 0;
-  CountGoodRead(block);
   return true;
 }
 

@@ -11,7 +11,11 @@ namespace kestrelbridge {
 // One daemon has one; the remote-control thread owns it after start-up.
 struct RcBlock {
   int descriptor = -1;            // open as long as the block is mapped
-  std::uint8_t* bytes = nullptr;  // kRcBlockSize bytes, null while not mapped
+  std::uint8_t* bytes = nullptr;  // kRcBlockSize bytes, null while not mapped; ReadRcBlock reads
+                                  // through the descriptor all the same (see CopyBlock)
+
+  // Cut short or removed, and nobody has written it since.
+  bool was_lost = false;
 
   // Something went wrong and has been said. Nothing more is said about the block until it has been
   // read so many times without trouble that it can be called well again.
@@ -31,7 +35,9 @@ struct RcValues {
 bool OpenRcBlock(RcBlock& block);
 
 // Reads the block, whatever its owner does to it meanwhile. Returns false when it is not mapped, or
-// no longer whole or no longer the one with that name; it is then unmapped.
+// no longer whole or no longer the one with that name; it is then unmapped. After such a loss
+// `values` stay as they are until the new block has been written: its zeroes are no switches that
+// somebody let go, and a recording goes on.
 bool ReadRcBlock(RcBlock& block, RcValues& values);
 
 }  // namespace kestrelbridge

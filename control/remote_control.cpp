@@ -130,13 +130,13 @@ void HandleSlider(double value, std::size_t& remembered) {
 
 // Start-up sets them before the thread exists; that thread alone uses them after.
 constinit RcBlock rc_block{};
+constinit RcValues rc_values{};
 constinit RcMemory rc_memory{};
 constinit pthread_t rc_thread{};
 
 void PollBlock() {
-  RcValues values;
-  if (ReadRcBlock(rc_block, values)) {
-    HandleRcValues(values, rc_memory);
+  if (ReadRcBlock(rc_block, rc_values)) {
+    HandleRcValues(rc_values, rc_memory);
     usleep(kPollPeriodUs);
   } else {
     usleep(kReopenPeriodUs);  // also between two losses of a block that somebody keeps on cutting

@@ -19,4 +19,8 @@ constexpr std::uint32_t MillisecondsOf(const std::timespec& time) {
 // Any thread.
 std::uint32_t NowMs();
 
+// A time as a record keeps it in which 0 stands for "never": 0 itself is taken a millisecond back.
+// Not forward, or it would look 49.7 days old within its own millisecond.
+constexpr std::uint32_t StampOf(std::uint32_t now_ms) { return now_ms != 0 ? now_ms : UINT32_MAX; }
+
 }  // namespace kestrelbridge

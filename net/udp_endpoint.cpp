@@ -79,7 +79,7 @@ struct SenderText {
 // down, leaves it alone.
 void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char* sender_text,
                    std::uint16_t& stamp) {
-  const std::uint32_t now = std::max<std::uint32_t>(NowMs(), 1);  // 0 would mean "down"
+  const std::uint32_t now = StampOf(NowMs());  // 0 would mean "down"
   std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
   do {
     ++stamp;

@@ -60,7 +60,7 @@ struct UdpEndpoint {
   // watchdog, read by any thread through Peer().
   std::atomic<std::uint64_t> peer{0};
 
-  // NowMs() at the latest datagram, never 0 then; 0 while the link is down. Written by the receive
+  // StampOf(NowMs()) at the latest datagram; 0 while the link is down. Written by the receive
   // thread and, by compare-and-exchange, the watchdog.
   std::atomic<std::uint32_t> last_receive_ms{0};
 

@@ -1,9 +1,10 @@
 // Everything the daemon knows about the connected camera, in one record.
 //
-//   status decoding, camera's receive thread   --one push-->   +-------------+
-//   custom white balance, a command's thread   --wb_temp_set-> | CameraState | --copy--> telemetry,
-//   telemetry, its thread     --histogram_time_ms back to 0--> +-------------+           remote
-//   control
+//   status decoding (camera's receive thread)  -- one push -->  +-------------+
+//   white balance (a command's thread)         -- wb_temp_set ->| CameraState |-- copy --> readers
+//   telemetry (its thread)     -- histogram_time_ms back to 0 ->+-------------+
+//
+// Readers are telemetry and remote control.
 //
 // A field keeps its last value until the next push of the same kind; nothing is reset when pushes
 // stop.
@@ -42,7 +43,7 @@ struct CameraState {
   std::uint8_t status_byte_0 = 0;
   std::uint8_t status_byte_31 = 0;
   std::uint8_t status_byte_2 = 0;
-  std::uint32_t histogram_time_ms = 0;  // NowMs() of the last histogram; 0: none that is current
+  std::uint32_t histogram_time_ms = 0;  // StampOf(NowMs()) of the last one; 0: none that is current
   std::array<std::uint8_t, kHistogramSize> histogram{};
   std::uint8_t shot_mode_code = 0;
   char shot_mode[10] = {};

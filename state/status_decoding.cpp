@@ -70,7 +70,7 @@ void StoreBattery(std::span<const std::uint8_t> payload) {
 }
 
 void StoreHistogram(std::span<const std::uint8_t> payload) {
-  const std::uint32_t now = std::max<std::uint32_t>(NowMs(), 1);  // 0 would mean "none"
+  const std::uint32_t now = StampOf(NowMs());  // 0 would mean "none"
   UpdateCameraState([payload, now](CameraState& state) {
     std::ranges::copy(payload, state.histogram.begin());
     state.histogram_time_ms = now;

@@ -18,7 +18,7 @@
 
 namespace kestrelbridge {
 
-inline constexpr std::size_t kTextRecordSize = 1300;  // buffer; the longest text has some 800 bytes
+inline constexpr std::size_t kTextRecordSize = 1300;  // buffer; the longest text has some 600 bytes
 inline constexpr std::size_t kStatusRecordSize = 28;
 inline constexpr std::size_t kHistogramRecordSize = 2 + kHistogramSize;
 

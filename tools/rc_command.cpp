@@ -171,7 +171,20 @@ constexpr char kFooter[] =
     "  kestrelctl rc record=1            # records until record=0\n"
     "  kestrelctl rc 157=1 --hold 100    # presses and releases \"ISO, next\"\n"
     "  kestrelctl rc --slider 0.5\n"
-    "  kestrelctl rc --watch";
+    "  kestrelctl rc --watch\n";
+
+// A line for each, "  record  139  not 0: records, ..."; the completion reads it.
+std::string ListOfChannels() {
+  std::string list = "\nChannels by name:\n";
+  for (const RcChannel& channel : RcChannels()) {
+    char line[100];
+    std::snprintf(line, sizeof line, "  %-16.*s %zu  %.*s\n", static_cast<int>(channel.name.size()),
+                  channel.name.data(), channel.number, static_cast<int>(channel.does.size()),
+                  channel.does.data());
+    list += line;
+  }
+  return list;
+}
 
 }  // namespace
 
@@ -196,7 +209,7 @@ void AddRcCommand(CLI::App& app) {
   command->add_option("--duration", line->duration_s, "End after so many seconds")
       ->check(NumberBetween(0.01, kMaxSeconds))
       ->type_name("SECONDS");
-  command->footer(kFooter);
+  command->footer(kFooter + ListOfChannels());
   command->callback([line] { RunRc(*line); });
 }
 

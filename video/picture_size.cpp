@@ -19,8 +19,9 @@ struct PictureSize {
 constinit PictureSize current{};
 constinit H264Parse parser{};
 
-// Some cameras code a few samples beside the picture and leave them in.
-PictureSize WithoutPadding(PictureSize coded) {
+// Two of the camera's sizes are not those of its pictures: 1912 falls short of 1920, and 1088 is
+// 1080 with all of its last row of macroblocks.
+PictureSize PictureOf(PictureSize coded) {
   if (coded.width == 1912) {
     coded.width = 1920;
   }
@@ -44,7 +45,7 @@ void FollowPictureSize(std::span<const std::uint8_t> parameter_set) {
                        &coded.width, &coded.height)) {
     return;
   }
-  const PictureSize picture = WithoutPadding(coded);
+  const PictureSize picture = PictureOf(coded);
   if (picture == current) {
     return;
   }

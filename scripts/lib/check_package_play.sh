@@ -37,6 +37,9 @@ restarts() { on_box systemctl show --value --property NRestarts kestrelbridge; }
 has_rule() { [[ "$(rules)" -ge 1 ]]; }
 log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -q -- "$1"; }
 has_restarted_since() { [[ "$(restarts)" -gt $1 ]]; }
+switch_has_acted() {
+  on_box kestrelctl stats --json --count 1 | grep -q '"source":"remote_control","value":[1-9]'
+}
 rules() { on_box iptables -t nat -S PREROUTING 2>/dev/null | grep -c -- '--to-ports 9004' || true; }
 
 # camera SECONDS: streams in the background and falls silent then.
@@ -68,7 +71,7 @@ nsenter --target "$box" --net -- ip address add 192.168.2.1/32 dev lo
 on_box sh -c "echo 'KESTRELBRIDGE_OPTIONS=--verbose --port=$camera_port' >/etc/default/kestrelbridge"
 on_box sh -c 'echo wlan1 >/run/kestrelbridge/ap.iface'
 on_box systemctl restart kestrelbridge
-camera 12
+camera 25
 wait_for 20 log_has 'Camera connection found' || give_up 'the daemon found no camera'
 expect_video root
 size="$(on_box sh -c 'cat /run/kestrelbridge/video_width /run/kestrelbridge/video_height')"
@@ -85,10 +88,20 @@ grep -qE 'rb20000000\b' < <(nsenter --target "$box" --net -- ss -uanm) ||
   give_up "the camera's socket has no large buffer"
 if log_has 'buffer set failed'; then give_up 'a socket buffer was refused'; fi
 done_with 'Two capabilities, a system-call filter; rule and large socket buffers work all the same.'
+# The rest of its job.
+on_box kestrelctl telemetry --json --count 1 --duration 10 >/dev/null || give_up 'no telemetry'
+on_box kestrelctl command iso 400 --wait >/dev/null || give_up 'a command had no effect'
+look kestrelctl rc record=1 || give_up 'no block for the remote control'
+wait_for 5 switch_has_acted || give_up "a switch sent no command: $(on_box kestrelctl stats --count 1)"
+phone="$(on_box kestrelctl phone --to 127.0.0.1:9004 --duration 3)" || give_up "the phone app failed: $phone"
+grep -qE '^units: [1-9]' <<<"$phone" || give_up "nothing was relayed to the phone app: $phone"
+on_box grep -q '^kestrelbridge_kernel_drops_total{' /run/kestrelbridge/metrics.prom ||
+  give_up "the kernel's drops cannot be read"
+done_with 'Telemetry, a command, a switch, the phone app and the counters, too.'
 
 step 'The camera leaves and comes back'
 before="$(restarts)"
-wait_for 20 log_has 'Camera connection lost' || give_up 'the daemon did not notice'
+wait_for 40 log_has 'Camera connection lost' || give_up 'the daemon did not notice'
 wait_for 20 has_restarted_since "$before" || give_up 'the service did not start again'
 [[ "$(on_box cat /run/kestrelbridge/ap.iface)" == wlan1 ]] || give_up 'ap.iface did not survive'
 wait

@@ -76,6 +76,32 @@ TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
   EXPECT_FALSE(values_.slider_enabled);
 }
 
+TEST_F(RcBlockTest, LostAndMadeAnewLetsNoSwitchGoUntilItIsWritten) {
+  constexpr std::size_t kSwitch = 139;
+  ASSERT_TRUE(OpenRcBlock(block_));
+  StoreRcChannel(block_.bytes, kSwitch, 1);
+  ASSERT_TRUE(Read());
+  for (const bool removed : {true, false}) {
+    if (removed) {
+      RemoveBlock();
+    } else {
+      ASSERT_EQ(truncate(kPath, 0), 0);
+    }
+    EXPECT_FALSE(Read());
+    for (int look = 0; look < 3; ++look) {
+      ASSERT_TRUE(OpenRcBlock(block_));
+      ASSERT_TRUE(Read());
+      EXPECT_EQ(values_.channels[kSwitch], 1) << removed;
+    }
+  }
+  StoreRcChannel(block_.bytes, 0, 0.5);
+  ASSERT_TRUE(Read());
+  EXPECT_EQ(values_.channels[kSwitch], 0);
+  StoreRcChannel(block_.bytes, 0, 0);
+  ASSERT_TRUE(Read());
+  EXPECT_EQ(values_.channels[0], 0) << "written, and all zero again";
+}
+
 TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
   std::atomic<bool> goes_on{true};
   std::thread owner([&goes_on] {

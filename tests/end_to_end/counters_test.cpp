@@ -181,7 +181,7 @@ const Step kSteps[] = {
      "links found main app second=1|links lost main app second=1"},
 };
 
-// Moved by the tests below.
+// Moved by the tests below; the overflow of command data by tests/app/metrics_test.cpp.
 const std::set<std::string> kMovedElsewhere = {
     "send failures camera",         "send failures main app", "send failures phone",
     "kernel drops camera",          "kernel drops main app",  "kernel drops phone",

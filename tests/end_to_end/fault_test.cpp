@@ -287,8 +287,11 @@ void ServeAtOnce() {
 }
 
 void PhonePortIsTaken() {
-  const UdpSocket taken({.host = "0.0.0.0", .port = kPhonePort});
+  const UdpSocket phone;
+  UdpSocket taken({.host = "0.0.0.0", .port = kPhonePort});
   ServeAtOnce();
+  phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
+  EXPECT_TRUE(taken.Receive()) << "the daemon has taken it from its owner";
 }
 
 class ReadOnlyRun {
@@ -431,6 +434,7 @@ void GarbageOnEveryPort() {
     std::this_thread::sleep_for(kTime);
     sent = first.sent_per_port() + second.sent_per_port();
   }
+  EXPECT_GT(sent, 3'000) << "this was no flood";
   EXPECT_TRUE(WaitUntilRead(run->daemon.pid()));  // else there may be no room for the unit yet
   std::uint64_t dropped = 0;
   for (const BoundPort& bound : UdpPortsOf(run->daemon.pid())) {

@@ -12,6 +12,13 @@ TEST(Clock, TruncatesToMillisecondsAndWrapsAt32Bits) {
   EXPECT_EQ(MillisecondsOf({.tv_sec = 4'294'967, .tv_nsec = 296'000'000}), 0U);
 }
 
+TEST(Clock, AStampIsNeverZeroAndNeverAheadOfItsTime) {
+  for (const std::uint32_t now : {UINT32_MAX, 0U, 1U, 2U}) {
+    EXPECT_NE(StampOf(now), 0U);
+    EXPECT_LE(now - StampOf(now), 1U) << now;
+  }
+}
+
 TEST(Clock, FollowsTheWallClock) {
   const auto before = static_cast<std::uint32_t>(std::time(nullptr) * 1000LL);
   const std::uint32_t now = NowMs();

@@ -37,6 +37,8 @@ expect_only 'kestrelctl video --cou' --count
 expect_only 'kestrelctl camera --fps 3'
 expect_only 'kestrelctl camera --clip CMake' CMakeLists.txt
 expect_only 'kestrelctl video --output=CMake' CMakeLists.txt
+expect 'kestrelctl rc ' iso= --slider
+expect_only 'kestrelctl rc rec' record=
 expect 'kestrelctl camera --set ' camera_mode= iso_set=
 expect_only 'kestrelctl camera --set iso_s' iso_set=
 # readline has split the word at = and replaces what comes after it.
