@@ -109,6 +109,21 @@ TEST_F(VideoCommand, SaysWhatCannotBeWritten) {
   EXPECT_EQ(CountLines(video.Error(), "cannot write to /dev/full: No space left"), 1);
 }
 
+TEST_F(VideoCommand, FindsTheRingThatReplacesARemovedOne) {
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  ChildProcess video(Command({"--oldest", "--output", path_}));
+  PublishPictures(3);
+  EXPECT_TRUE(Eventually([&] { return ReadFile(path_) == published_; })) << video.Error();
+  shm_unlink(kFrameBlockName);
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  PublishPictures(2);
+  EXPECT_TRUE(Eventually([&] { return ReadFile(path_) == published_; })) << video.Error();
+  video.Kill(SIGHUP);
+  EXPECT_EQ(video.WaitForExit(), ExitedWith(0));
+  EXPECT_EQ(CountLines(video.Error(), "units: 5, bytes: 5000, lost: 0, restarts: 1"), 1)
+      << video.Error();
+}
+
 TEST_F(VideoCommand, GoesOnAfterARestartOfTheDaemonAndAfterAClear) {
   ASSERT_EQ(InitFrameBuffers(), 0);
   ChildProcess video(Command({"--oldest", "--output", path_}));
