@@ -18,8 +18,8 @@ namespace {
 // Else the log would land in the first thing that the daemon opens: the remote control's block.
 TEST(OddStart, WithoutStandardDescriptorsTheLogLandsNowhere) {
   ForgetEarlierRuns();
-  ChildProcess daemon({"sh", "-c", "exec \"$0\" --verbose 0<&- 1>&- 2>&-",
-                       ProgramPath("kestrelbridge")});
+  ChildProcess daemon(
+      {"sh", "-c", "exec \"$0\" --verbose 0<&- 1>&- 2>&-", ProgramPath("kestrelbridge")});
   ASSERT_TRUE(WaitForBridge(daemon.pid()));
   for (const char* descriptor : {"0", "1", "2"}) {
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/fd/" +
@@ -34,8 +34,9 @@ TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
   ChildProcess daemon(
       DaemonCommand({"--host", "camera", "--port", "abc", "-d", "1.2.3.4.5", "-s", "65536"}));
   ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
-  for (const char* what : {"--host=camera is no dotted-decimal address", "--port=0 is no UDP port",
-                           "--dst-host=1.2.3.4.5 is no dotted", "--dst-port=65536 is no UDP port"}) {
+  for (const char* what :
+       {"--host=camera is no dotted-decimal address", "--port=0 is no UDP port",
+        "--dst-host=1.2.3.4.5 is no dotted", "--dst-port=65536 is no UDP port"}) {
     EXPECT_EQ(CountLines(daemon.Error(), what), 1) << what << "\n" << daemon.Error();
   }
 }
