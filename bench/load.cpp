@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "camera/packet_format.h"
+#include "net/socket_buffers.h"
 #include "program.h"
 #include "tools/camera_assignment.h"
 #include "tools/camera_pushes.h"
@@ -28,20 +29,11 @@ namespace kestrelbridge::bench {
 namespace {
 
 constexpr int kPatienceMs = 10'000;
-constexpr int kSocketBufferBytes = 10'000'000;
 constexpr std::chrono::milliseconds kPushPeriod{100};
 constexpr std::size_t kMaxDatagramsPerUnit = 64;
 constexpr std::size_t kDrainBatch = 64;
 // Wakes up early by what a timer may be late.
 constexpr std::chrono::microseconds kWakeMargin{150};
-
-sockaddr_in ToSockaddr(UdpPeer peer) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(peer.port);
-  address.sin_addr.s_addr = peer.address;
-  return address;
-}
 
 [[noreturn]] void Fail(const char* what) {
   throw ToolError(std::string("the load cannot ") + what + ": " + std::strerror(errno));
@@ -77,9 +69,8 @@ CameraSocket::CameraSocket(std::uint16_t port)
       bind(socket_, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
     Fail("open its port");
   }
-  for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
-    setsockopt(socket_, SOL_SOCKET, option, &kSocketBufferBytes, sizeof kSocketBufferBytes);
-  }
+  RequestReceiveBuffer(socket_);
+  RequestSendBuffer(socket_);
 }
 
 CameraSocket::~CameraSocket() { close(socket_); }

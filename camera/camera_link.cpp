@@ -19,6 +19,7 @@ std::uint16_t LastReceivedSequence() {
 int SendToCamera(std::span<const std::uint8_t> data) {
   const CameraLink& link = GetCameraLink();
   if (!IsOpen(link.endpoint)) {
+    link.endpoint.counters->send_failures.Add();
     return -1;
   }
   return SendTo(link.endpoint, data, link.host, static_cast<std::uint16_t>(link.port));

@@ -12,43 +12,25 @@
 #include "base/process_end.h"
 #include "base/thread.h"
 #include "net/clock.h"
+#include "net/socket_buffers.h"
 
 namespace kestrelbridge {
 namespace {
 
-// Room for bursts of the video stream while the receive thread does not get the processor.
-constexpr int kSocketBufferBytes = 10'000'000;
 constexpr useconds_t kWaitForBufferUs = 10'000;
 
 constexpr unsigned kPeerAddressShift = 32;
 constexpr unsigned kPeerStampShift = 16;
-
-sockaddr_in ToSockaddr(UdpPeer peer) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(peer.port);
-  address.sin_addr.s_addr = peer.address;
-  return address;
-}
-
-// A plain request is capped silently by the kernel's limits; the forced one, which needs root, is
-// not.
-bool SetSocketBuffer(int socket, int forced_option, int plain_option) {
-  return setsockopt(socket, SOL_SOCKET, forced_option, &kSocketBufferBytes,
-                    sizeof kSocketBufferBytes) == 0 ||
-         setsockopt(socket, SOL_SOCKET, plain_option, &kSocketBufferBytes,
-                    sizeof kSocketBufferBytes) == 0;
-}
 
 void ConfigureSocket(int socket) {
   const int status_flags = fcntl(socket, F_GETFL, 0);
   if (status_flags != -1) {
     fcntl(socket, F_SETFL, status_flags & ~O_NONBLOCK);
   }
-  if (!SetSocketBuffer(socket, SO_RCVBUFFORCE, SO_RCVBUF)) {
+  if (!RequestReceiveBuffer(socket)) {
     std::fprintf(stderr, "UDP receive buffer set failed\n");
   }
-  if (!SetSocketBuffer(socket, SO_SNDBUFFORCE, SO_SNDBUF)) {
+  if (!RequestSendBuffer(socket)) {
     std::fprintf(stderr, "UDP send buffer set failed\n");
   }
   const int off = 0;
@@ -155,11 +137,7 @@ int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpP
 }
 
 std::uint16_t LocalPort(const UdpEndpoint& endpoint) {
-  sockaddr_in local{};
-  socklen_t size = sizeof local;
-  getsockname(endpoint.socket.load(std::memory_order_relaxed), reinterpret_cast<sockaddr*>(&local),
-              &size);
-  return ntohs(local.sin_port);
+  return LocalAddress(endpoint.socket.load(std::memory_order_relaxed)).port;
 }
 
 UdpPeer Peer(const UdpEndpoint& endpoint) {

@@ -20,15 +20,9 @@
 #include <span>
 
 #include "base/counters.h"
+#include "net/socket_address.h"
 
 namespace kestrelbridge {
-
-// Address of a peer. `address` is an IPv4 address in network byte order, as the socket calls want
-// it; `port` is in host byte order, 0 means that there is no peer.
-struct UdpPeer {
-  std::uint32_t address = 0;
-  std::uint16_t port = 0;
-};
 
 // Longest dotted-decimal address ("255.255.255.255") and its NUL.
 inline constexpr std::size_t kAddressTextSize = 16;

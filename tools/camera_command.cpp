@@ -19,6 +19,7 @@
 #include "tools/number_option.h"
 #include "tools/simulated_camera.h"
 #include "tools/stop_signal.h"
+#include "tools/stream_report.h"
 #include "tools/udp_socket.h"
 
 namespace kestrelbridge {
@@ -27,7 +28,6 @@ namespace {
 using std::chrono::duration;
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kReportPeriod{1};
 // After the clip's last unit, for the acknowledgements that are still on their way.
 constexpr std::chrono::seconds kAfterClip{1};
 constexpr std::chrono::milliseconds kLastPackets{200};
@@ -73,46 +73,16 @@ bool WaitFor(int socket, int stop_signal, SteadyTime until) {
   return ready > 0 && descriptors[1].revents != 0;
 }
 
-// Prints a line a second about the stream.
-class Progress {
- public:
-  explicit Progress(SteadyTime start) : start_(start), last_(start) {}
-
-  [[nodiscard]] SteadyTime NextReport() const { return last_ + kReportPeriod; }
-
-  void Report(const CameraCounters& counters, SteadyTime now) {
-    if (now < NextReport()) {
-      return;
-    }
-    const double elapsed_s = duration<double>(now - last_).count();
-    const auto bits = static_cast<double>((counters.bytes_sent - last_bytes_) * 8);
-    last_ += std::chrono::floor<std::chrono::seconds>(now - last_);
-    last_bytes_ = counters.bytes_sent;
-    if (counters.connection_requests == 0) {
-      return;  // still waiting: it has been said
-    }
+void Report(const CameraCounters& counters, const ReportClock& clock) {
+  if (counters.connection_requests != 0) {  // else it is still waiting, which has been said
     std::printf(
         "%.0f s: units %llu, datagrams %llu, %.2f Mbit/s, acknowledged %llu, "
         "keepalives %llu\n",
-        duration<double>(last_ - start_).count(), Ull(counters.units_sent),
-        Ull(counters.datagrams_sent), bits / elapsed_s / 1e6, Ull(counters.acknowledged),
-        Ull(counters.keepalives));
+        clock.seconds(), Ull(counters.units_sent), Ull(counters.datagrams_sent),
+        clock.megabits_per_second(), Ull(counters.acknowledged), Ull(counters.keepalives));
   }
+}
 
-  static unsigned long long Ull(std::uint64_t value) { return value; }
-
- private:
-  SteadyTime start_;
-  SteadyTime last_;
-  std::uint64_t last_bytes_ = 0;
-};
-
-// The keys of the summary; scripts look for them.
-template <typename Counters>
-struct SummaryLine {
-  const char* key;
-  std::uint64_t Counters::*counter;
-};
 constexpr SummaryLine<CameraCounters> kSummary[] = {
     {"units_sent", &CameraCounters::units_sent},
     {"datagrams_sent", &CameraCounters::datagrams_sent},
@@ -147,12 +117,8 @@ constexpr SummaryLine<ForecastCounters> kForecastSummary[] = {
 void PrintSummary(const SimulatedCamera& camera) {
   camera.BadPackets().PrintRepeats();
   std::printf("summary\n");
-  for (const auto& line : kSummary) {
-    std::printf("%s: %llu\n", line.key, Progress::Ull(camera.Counters().*line.counter));
-  }
-  for (const auto& line : kForecastSummary) {
-    std::printf("%s: %llu\n", line.key, Progress::Ull(camera.Forecast().*line.counter));
-  }
+  PrintSummaryLines(stdout, kSummary, camera.Counters());
+  PrintSummaryLines(stdout, kForecastSummary, camera.Forecast());
 }
 
 // When the tool ends by itself, as things stand.
@@ -167,18 +133,20 @@ SteadyTime EndTime(const CommandLine& line, const SimulatedCamera& camera, Stead
 // Runs the camera until its time is over or the stop signal comes.
 void Stream(SimulatedCamera& camera, const CommandLine& line, int socket, int stop_signal) {
   const SteadyTime start = steady_clock::now();
-  Progress progress(start);
+  ReportClock clock(start);
   SteadyTime now = start;
   for (;;) {
     const SteadyTime end = EndTime(line, camera, start);
     if (now >= end ||
-        WaitFor(socket, stop_signal, std::min({end, camera.NextSend(), progress.NextReport()}))) {
+        WaitFor(socket, stop_signal, std::min({end, camera.NextSend(), clock.NextReport()}))) {
       return;
     }
     now = steady_clock::now();
     camera.Receive(now);
     camera.Send(now);
-    progress.Report(camera.Counters(), now);
+    if (clock.IsDue(camera.Counters().bytes_sent, now)) {
+      Report(camera.Counters(), clock);
+    }
   }
 }
 

@@ -13,6 +13,7 @@
 #include "tools/number_option.h"
 #include "tools/run_end.h"
 #include "tools/simulated_phone.h"
+#include "tools/stream_report.h"
 #include "tools/tool_error.h"
 #include "tools/udp_socket.h"
 #include "tools/video_output.h"
@@ -23,7 +24,6 @@ namespace {
 using std::chrono::duration;
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kReportPeriod{1};
 constexpr double kMaxSeconds = 1e7;
 
 struct CommandLine {
@@ -37,43 +37,14 @@ struct CommandLine {
   PhoneOptions phone;
 };
 
-unsigned long long Ull(std::uint64_t value) { return value; }
+void Report(std::FILE* file, const SimulatedPhone& phone, const ReportClock& clock) {
+  const StreamCounters& stream = phone.Stream();
+  std::fprintf(file,
+               "%.0f s: datagrams %llu, %.2f Mbit/s, gaps %llu, reordered %llu, foreign %llu\n",
+               clock.seconds(), Ull(stream.datagrams), clock.megabits_per_second(),
+               Ull(stream.gaps), Ull(stream.reordered), Ull(phone.Counters().foreign_datagrams));
+}
 
-// Prints a line a second about the stream.
-class Progress {
- public:
-  Progress(std::FILE* file, SteadyTime start) : file_(file), start_(start), last_(start) {}
-
-  [[nodiscard]] SteadyTime NextReport() const { return last_ + kReportPeriod; }
-
-  void Report(const SimulatedPhone& phone, SteadyTime now) {
-    if (now < NextReport()) {
-      return;
-    }
-    const StreamCounters& stream = phone.Stream();
-    const double elapsed_s = duration<double>(now - last_).count();
-    const auto bits = static_cast<double>((stream.bytes - last_bytes_) * 8);
-    last_ += std::chrono::floor<std::chrono::seconds>(now - last_);
-    last_bytes_ = stream.bytes;
-    std::fprintf(
-        file_, "%.0f s: datagrams %llu, %.2f Mbit/s, gaps %llu, reordered %llu, foreign %llu\n",
-        duration<double>(last_ - start_).count(), Ull(stream.datagrams), bits / elapsed_s / 1e6,
-        Ull(stream.gaps), Ull(stream.reordered), Ull(phone.Counters().foreign_datagrams));
-  }
-
- private:
-  std::FILE* file_;
-  SteadyTime start_;
-  SteadyTime last_;
-  std::uint64_t last_bytes_ = 0;
-};
-
-// The keys of the summary; scripts look for them.
-template <typename Counters>
-struct SummaryLine {
-  const char* key;
-  std::uint64_t Counters::*counter;
-};
 constexpr SummaryLine<StreamCounters> kStreamSummary[] = {
     {"datagrams", &StreamCounters::datagrams},
     {"bytes", &StreamCounters::bytes},
@@ -95,12 +66,8 @@ constexpr SummaryLine<PhoneCounters> kPhoneSummary[] = {
 
 void PrintSummary(std::FILE* file, const SimulatedPhone& phone) {
   std::fprintf(file, "summary\n");
-  for (const auto& line : kStreamSummary) {
-    std::fprintf(file, "%s: %llu\n", line.key, Ull(phone.Stream().*line.counter));
-  }
-  for (const auto& line : kPhoneSummary) {
-    std::fprintf(file, "%s: %llu\n", line.key, Ull(phone.Counters().*line.counter));
-  }
+  PrintSummaryLines(file, kStreamSummary, phone.Stream());
+  PrintSummaryLines(file, kPhoneSummary, phone.Counters());
 }
 
 void RunPhone(CommandLine& line) {
@@ -124,13 +91,15 @@ void RunPhone(CommandLine& line) {
                unsigned{socket.Local().port});
   // Whose closed pipe ends the run.
   const int watched = output.descriptor() != -1 ? output.descriptor() : STDOUT_FILENO;
-  Progress progress(report, steady_clock::now());
+  ReportClock clock(steady_clock::now());
   for (bool ended = false; !ended;) {
     phone.Receive();
     const SteadyTime now = steady_clock::now();
     phone.Send(now);
-    progress.Report(phone, now);
-    const auto pause = std::min(phone.NextSend(), progress.NextReport()) - now;
+    if (clock.IsDue(phone.Stream().bytes, now)) {
+      Report(report, phone, clock);
+    }
+    const auto pause = std::min(phone.NextSend(), clock.NextReport()) - now;
     ended = reader_gone || end.WaitForInput(socket.Descriptor(), pause, watched);
   }
   output.Close();

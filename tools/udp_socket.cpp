@@ -10,34 +10,12 @@
 #include <cstring>
 #include <string>
 
+#include "net/socket_buffers.h"
 #include "tools/host_port.h"
 #include "tools/tool_error.h"
 
 namespace kestrelbridge {
 namespace {
-
-constexpr int kSocketBufferBytes = 10'000'000;
-
-sockaddr_in ToSockaddr(UdpPeer peer) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(peer.port);
-  address.sin_addr.s_addr = peer.address;
-  return address;
-}
-
-UdpPeer ToPeer(const sockaddr_in& address) {
-  return {.address = address.sin_addr.s_addr, .port = ntohs(address.sin_port)};
-}
-
-// The forced request needs root, the plain one is capped by the kernel's limits; the stand-in works
-// with whatever it gets.
-void EnlargeBuffer(int socket, int forced_option, int plain_option) {
-  if (setsockopt(socket, SOL_SOCKET, forced_option, &kSocketBufferBytes,
-                 sizeof kSocketBufferBytes) != 0) {
-    setsockopt(socket, SOL_SOCKET, plain_option, &kSocketBufferBytes, sizeof kSocketBufferBytes);
-  }
-}
 
 [[noreturn]] void RefuseAddress(UdpPeer local, int error) {
   const std::string place = HostPortText(local);
@@ -55,8 +33,8 @@ UdpSocket::UdpSocket(UdpPeer local) {
   if (socket == -1) {
     throw ToolError(std::string("cannot open a UDP socket: ") + std::strerror(errno));
   }
-  EnlargeBuffer(socket, SO_RCVBUFFORCE, SO_RCVBUF);
-  EnlargeBuffer(socket, SO_SNDBUFFORCE, SO_SNDBUF);
+  RequestReceiveBuffer(socket);
+  RequestSendBuffer(socket);
   const sockaddr_in address = ToSockaddr(local);
   if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int error = errno;
@@ -68,12 +46,7 @@ UdpSocket::UdpSocket(UdpPeer local) {
 
 UdpSocket::~UdpSocket() { close(socket_); }
 
-UdpPeer UdpSocket::Local() const {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
-  return ToPeer(address);
-}
+UdpPeer UdpSocket::Local() const { return LocalAddress(socket_); }
 
 bool UdpSocket::Send(std::span<const std::uint8_t> datagram, UdpPeer to) const {
   const sockaddr_in address = ToSockaddr(to);
