@@ -1,5 +1,7 @@
 // A clip goes in at the camera's end and comes out of the ring, through the real programs.
 
+#include "tools/clip.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "end_to_end/daemon_bench.h"
-#include "tools/annexb.h"
 
 namespace kestrelbridge {
 namespace {
@@ -36,8 +37,7 @@ void MakeClip(const ClipFormat& format, const std::string& path) {
 }
 
 std::vector<std::string> UnitsOf(const std::string& path) {
-  const std::string text = ReadFile(path);
-  const Bytes clip(text.begin(), text.end());
+  const Bytes clip = ReadClip(path);
   std::vector<std::string> units;
   for (const AccessUnit unit : SplitAccessUnits(clip)) {
     units.emplace_back(unit.begin(), unit.end());
