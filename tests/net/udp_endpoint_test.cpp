@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <span>
 #include <string>
 #include <thread>
@@ -26,6 +27,8 @@ std::atomic<int> found{0};
 std::atomic<int> lost{0};
 std::atomic<int> datagrams{0};
 std::atomic<int> found_at_last_datagram{0};
+std::atomic<std::size_t> last_length{0};
+std::atomic<std::uint16_t> last_port{0};
 
 constexpr std::size_t kBufferSize = 10'000;
 constexpr std::size_t kGuardSize = 64;
@@ -36,10 +39,14 @@ std::span<std::uint8_t> buffer;  // the endpoint's, until it is cleared for the 
 struct Seen {
   std::array<std::uint8_t, kBufferSize + kGuardSize> buffer{};
   std::string sender;
-  std::uint16_t port = 0;
-  std::size_t length = 0;
 };
-Seen last_seen;  // the receive thread's, until it has counted the datagram
+std::mutex seen_mutex;
+Seen last_seen;
+
+Seen LastSeen() {
+  const std::lock_guard lock(seen_mutex);
+  return last_seen;
+}
 
 UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   // Both live for ever, because the receive thread does.
@@ -53,10 +60,13 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   endpoint.on_lost = [] { ++lost; };
   endpoint.on_datagram = [](std::span<const std::uint8_t> datagram, const char* sender,
                             std::uint16_t port) {
-    std::ranges::copy(buffer, last_seen.buffer.begin());
-    last_seen.sender = sender;
-    last_seen.port = port;
-    last_seen.length = datagram.size();
+    {
+      const std::lock_guard lock(seen_mutex);
+      std::ranges::copy(buffer, last_seen.buffer.begin());
+      last_seen.sender = sender;
+    }
+    last_port = port;
+    last_length = datagram.size();
     found_at_last_datagram = found.load();
     ++datagrams;
   };
@@ -94,9 +104,9 @@ TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   UdpSocket sender;
   SendAndWait(sender, endpoint, 5);
   EXPECT_EQ(found_at_last_datagram, 1);
-  EXPECT_EQ(last_seen.length, 5U);
-  EXPECT_EQ(last_seen.sender, "127.0.0.1");
-  EXPECT_EQ(last_seen.port, sender.port());
+  EXPECT_EQ(last_length, 5U);
+  EXPECT_EQ(LastSeen().sender, "127.0.0.1");
+  EXPECT_EQ(last_port, sender.port());
   EXPECT_EQ(Peer(endpoint).port, sender.port());
   EXPECT_EQ(Peer(endpoint).address, htonl(INADDR_LOOPBACK));
   UdpSocket second;
@@ -138,15 +148,16 @@ TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
 TEST(UdpEndpoint, CutsALongDatagramToTheBufferAndTerminatesATextHoweverLongItIs) {
   UdpSocket sender;
   SendAndWait(sender, StartEndpoint(), kBufferSize + 5000);
-  EXPECT_EQ(last_seen.length, kBufferSize);
-  EXPECT_EQ(last_seen.buffer[kBufferSize], kGuardByte);
+  EXPECT_EQ(last_length, kBufferSize);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
   UdpEndpoint& endpoint = StartEndpoint(/*clear_before_receive=*/true);
   SendAndWait(sender, endpoint, kBufferSize);
-  EXPECT_EQ(last_seen.length, kBufferSize - 1);
-  EXPECT_EQ(last_seen.buffer[kBufferSize - 1], 0);
-  EXPECT_EQ(last_seen.buffer[kBufferSize], kGuardByte);
+  EXPECT_EQ(last_length, kBufferSize - 1);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize - 1], 0);
+  EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
   SendAndWait(sender, endpoint, 5);
-  EXPECT_TRUE(std::all_of(last_seen.buffer.begin() + 5, last_seen.buffer.begin() + kBufferSize - 1,
+  const Seen seen = LastSeen();
+  EXPECT_TRUE(std::all_of(seen.buffer.begin() + 5, seen.buffer.begin() + kBufferSize - 1,
                           [](std::uint8_t byte) { return byte == 0; }));
 }
 
