@@ -1,5 +1,6 @@
 #include "app/startup.h"
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,8 +13,10 @@
 #include "app/options.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
+#include "base/standard_descriptors.h"
 #include "base/text_file.h"
 #include "bridge/phone_app_bridge.h"
+#include "bridge/redirect_rule.h"
 #include "camera/camera_session.h"
 #include "state/camera_state.h"
 #include "video/frame_buffers.h"
@@ -38,9 +41,20 @@ void AnnounceBoard() {
 // Packets go to the low 16 bits of a port; say so where that is not what was asked for.
 void ReportPort(const char* option_name, std::int32_t port) {
   const auto used = static_cast<std::uint16_t>(port);
-  if (used != port) {
+  if (used == 0) {
+    std::fprintf(stderr, "Option --%s=%d is no UDP port, nothing can be sent there\n", option_name,
+                 port);
+  } else if (used != port) {
     std::fprintf(stderr, "Option --%s=%d is no UDP port, packets go to port %u\n", option_name,
                  port, static_cast<unsigned>(used));
+  }
+}
+
+void ReportHost(const char* option_name, const char* host) {
+  in_addr address{};
+  if (inet_aton(host, &address) == 0) {
+    std::fprintf(stderr, "Option --%s=%s is no dotted-decimal address, nothing can be sent there\n",
+                 option_name, host);
   }
 }
 
@@ -51,7 +65,9 @@ void ReadOptions(int argc, char** argv) {
   if (GetConfig().destination_port == 0) {
     EndProcess(ExitCode::kUsageOrLink, "Destination host or port not set");
   }
+  ReportHost("host", GetConfig().camera_host);
   ReportPort("port", GetConfig().camera_port);
+  ReportHost("dst-host", GetConfig().destination_host);
   ReportPort("dst-port", GetConfig().destination_port);
 }
 
@@ -107,13 +123,17 @@ void BridgePhoneApp(const Config& config) {
     std::fprintf(stderr, "Init data bridge server for DJI MIMO via iface %s\n",
                  access_point_interface);
   }
-  // Without the bridge the daemon goes on: the picture does not depend on it.
-  InitPhoneAppBridge(config.camera_host, config.camera_port, access_point_interface);
+  if (InitPhoneAppBridge(config.camera_host, config.camera_port, access_point_interface) != 0) {
+    // The daemon goes on: the picture does not depend on it.
+    std::fprintf(stderr, "UDP port %u cannot be had, so no phone app: see ss -ulnp\n",
+                 unsigned{kPhoneAppPort});
+  }
 }
 
 }  // namespace
 
 void RunDaemon(int argc, char** argv) {
+  OccupyStandardDescriptors();
   const std::time_t start = std::time(nullptr);
   std::signal(SIGPIPE, SIG_IGN);  // the picture outlives whoever read our log
   AnnounceBoard();

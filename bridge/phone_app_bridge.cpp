@@ -19,6 +19,8 @@ struct PhoneAppBridge {
   // camera's receive thread already reads it.
   std::atomic<bool> trace{false};
   std::array<std::uint8_t, kReceiveBufferSize> receive_buffer{};
+  std::uint16_t camera_link_port = 0;  // our own, from which we speak to the camera; set by Init
+  bool echo_said = false;              // receive thread's
 };
 
 constinit PhoneAppBridge bridge{};
@@ -29,9 +31,29 @@ void OnPhoneAppFound(const char* /*sender_address*/) {
 
 void OnPhoneAppLost() { std::fprintf(stderr, "DJI MIMO connection lost\n"); }
 
+// What we send to the camera comes back here when the camera's address is that of this very port,
+// as on a box that is to try a simulated camera and lacks its --port. Relayed, it would go round
+// for ever.
+bool IsOurOwn(const char* sender_address, std::uint16_t sender_port) {
+  if (sender_port != bridge.camera_link_port || !IsLocalAddress(sender_address)) {
+    return false;
+  }
+  if (!bridge.echo_said) {
+    bridge.echo_said = true;
+    std::fprintf(stderr,
+                 "The camera's address is this box's own, and port %u is the phone app's: there is "
+                 "no camera, see --host and --port\n",
+                 unsigned{kPhoneAppPort});
+  }
+  return true;
+}
+
 // The daemon's packet counter is not touched: these are not its own packets.
-void RelayToCamera(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
-                   std::uint16_t /*sender_port*/) {
+void RelayToCamera(std::span<const std::uint8_t> datagram, const char* sender_address,
+                   std::uint16_t sender_port) {
+  if (IsOurOwn(sender_address, sender_port)) {
+    return;
+  }
   if (SendToCamera(datagram) != -1) {
     GetCounters().relayed_to_camera.Add();
   }
@@ -46,6 +68,7 @@ int InitPhoneAppBridge(const char* camera_host, std::int32_t camera_port,
   if (Open(bridge.endpoint, kPhoneAppPort) != 0) {
     return -1;
   }
+  bridge.camera_link_port = LocalPort(GetCameraLink().endpoint);
   bridge.endpoint.on_datagram = RelayToCamera;
   bridge.endpoint.on_found = OnPhoneAppFound;
   bridge.endpoint.on_lost = OnPhoneAppLost;

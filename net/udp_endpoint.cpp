@@ -154,10 +154,32 @@ int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpP
                        reinterpret_cast<const sockaddr*>(&address), sizeof address));
 }
 
+std::uint16_t LocalPort(const UdpEndpoint& endpoint) {
+  sockaddr_in local{};
+  socklen_t size = sizeof local;
+  getsockname(endpoint.socket.load(std::memory_order_relaxed), reinterpret_cast<sockaddr*>(&local),
+              &size);
+  return ntohs(local.sin_port);
+}
+
 UdpPeer Peer(const UdpEndpoint& endpoint) {
   const std::uint64_t packed = endpoint.peer.load(std::memory_order_acquire);
   return {.address = static_cast<std::uint32_t>(packed >> kPeerAddressShift),
           .port = static_cast<std::uint16_t>(packed & 0xFFFF)};
+}
+
+// Nobody can bind to another machine's address.
+bool IsLocalAddress(const char* address_text) {
+  in_addr address{};
+  const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+  if (socket == -1 || inet_aton(address_text, &address) == 0) {
+    close(socket);
+    return false;
+  }
+  const sockaddr_in local = ToSockaddr({.address = address.s_addr, .port = 0});
+  const bool is_ours = bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+  close(socket);
+  return is_ours;
 }
 
 bool LinkIsUp(const UdpEndpoint& endpoint) {

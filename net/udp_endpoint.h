@@ -93,8 +93,14 @@ int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, cons
            std::uint16_t port);
 int SendTo(const UdpEndpoint& endpoint, std::span<const std::uint8_t> data, UdpPeer destination);
 
+// The port that the endpoint is bound to; 0 while it is not open. Any thread.
+std::uint16_t LocalPort(const UdpEndpoint& endpoint);
+
 // The latest sender; port 0 when there is none. Any thread.
 UdpPeer Peer(const UdpEndpoint& endpoint);
+
+// True for an address of this very machine, dotted decimal. Takes system calls. Any thread.
+bool IsLocalAddress(const char* address_text);
 
 // True between found and lost. Any thread.
 bool LinkIsUp(const UdpEndpoint& endpoint);

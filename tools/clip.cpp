@@ -31,9 +31,10 @@ std::vector<std::uint8_t> ReadClip(const std::string& path) {
 std::vector<AccessUnit> CutClip(std::span<const std::uint8_t> clip) {
   std::vector<AccessUnit> units = SplitAccessUnits(clip);
   if (units.empty()) {
-    throw ToolError("the clip of " + std::to_string(clip.size()) +
-                    " bytes holds no H.264 access unit; make one with "
-                    "\"ffmpeg -i INPUT -c:v libx264 -f h264 FILE\"");
+    throw ToolError(
+        "the clip of " + std::to_string(clip.size()) +
+        " bytes holds no H.264 access unit; it has to be a plain Annex B stream. From a "
+        "video file: \"ffmpeg -i INPUT -c:v libx264 -f h264 FILE\"");
   }
   for (std::size_t number = 0; number < units.size(); ++number) {
     if (units[number].size() > kMaxUnitLength) {

@@ -1,8 +1,10 @@
 #include "tools/command_command.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <span>
@@ -46,7 +48,7 @@ CommandRequest Request(const CommandLine& line) {
     return {.json = line.json, .effect = {}};
   }
   if (line.words.empty()) {
-    throw ToolError("which command? --help lists them");
+    throw ToolError("which command? --help lists them; a text behind --json must not be empty");
   }
   if (line.force) {
     return {.json = JsonOfWords(line.words), .effect = {}};
@@ -86,8 +88,9 @@ ReceivedRecord FirstRecord(TelemetrySocket& telemetry, bool need_text) {
 
 void SendDatagram(const UdpSocket& socket, std::span<const std::uint8_t> datagram, UdpPeer to) {
   if (!socket.Send(datagram, to)) {
+    const int error = errno;
     throw ToolError("cannot send " + std::to_string(datagram.size()) + " bytes to " +
-                    HostPortText(to));
+                    HostPortText(to) + ": " + std::strerror(error));
   }
 }
 

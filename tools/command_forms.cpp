@@ -153,12 +153,17 @@ std::string WordsText(const CommandForm& form) {
                   Wrapped(known, 2) + "\n--help lists their words, --force sends it anyway");
 }
 
-[[noreturn]] void RefuseWords(const CommandForm& form) {
-  if (form.words == nullptr) {
-    throw ToolError("the command \"" + Opening(form) + "\" takes no word");
+// `words` are all that was typed.
+[[noreturn]] void RefuseWords(const CommandForm& form, std::span<const std::string> words) {
+  std::string typed;
+  for (const std::string& word : words) {
+    typed += (typed.empty() ? "" : " ") + PrintableText(word);
   }
-  throw ToolError("the command \"" + Opening(form) + "\" takes one of\n" + WordsText(form) +
-                  "\n--force sends anything");
+  if (form.words == nullptr) {
+    throw ToolError("\"" + typed + "\": the command \"" + Opening(form) + "\" takes no word");
+  }
+  throw ToolError("\"" + typed + "\": the command \"" + Opening(form) + "\" takes one of\n" +
+                  WordsText(form) + "\n--force sends anything");
 }
 
 const CommandForm& FindForm(std::span<const std::string> words) {
@@ -188,11 +193,13 @@ std::optional<std::string> ReportedTemperature(std::string_view text) {
   return std::to_string(kelvin / 100 * 100);
 }
 
-// `words` are those behind the command's own.
-CommandEffect EffectOfWords(const CommandForm& form, std::span<const std::string> words) {
+// `typed` is the whole command, of which the form's opening has so many words.
+CommandEffect EffectOfWords(const CommandForm& form, std::span<const std::string> typed,
+                            std::size_t opening) {
+  const auto words = typed.subspan(opening);
   if (form.words == nullptr) {
     if (!words.empty()) {
-      RefuseWords(form);
+      RefuseWords(form, typed);
     }
     return {.kind = form.effect, .items = {}};
   }
@@ -204,13 +211,13 @@ CommandEffect EffectOfWords(const CommandForm& form, std::span<const std::string
       IsWhiteBalance(form) && word != known.end() && word->word == kWithTemperature;
   if (word == known.end() || wants_temperature != has_temperature ||
       words.size() > (has_temperature ? 2U : 1U)) {
-    RefuseWords(form);
+    RefuseWords(form, typed);
   }
   CommandEffect effect = EffectOfWord(form, *word);
   if (has_temperature) {
     const auto reported = ReportedTemperature(words[1]);
     if (!reported) {
-      RefuseWords(form);
+      RefuseWords(form, typed);
     }
     effect.items.push_back({"wb_temp", *reported});
   }
@@ -223,14 +230,11 @@ std::span<const CommandForm> CommandForms() { return kForms; }
 
 CommandRequest RequestOfWords(std::span<const std::string> words) {
   const CommandForm& form = FindForm(words);
-  auto arguments = words.subspan(1);
-  if (!form.param.empty()) {
-    if (arguments.empty() || arguments[0] != form.param) {
-      RefuseWords(form);
-    }
-    arguments = arguments.subspan(1);
+  const bool has_param = !form.param.empty();
+  if (has_param && (words.size() < 2 || words[1] != form.param)) {
+    RefuseWords(form, words);
   }
-  return {.json = JsonOfWords(words), .effect = EffectOfWords(form, arguments)};
+  return {.json = JsonOfWords(words), .effect = EffectOfWords(form, words, has_param ? 2 : 1)};
 }
 
 std::string JsonOfWords(std::span<const std::string> words) {

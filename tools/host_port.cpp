@@ -37,8 +37,8 @@ CLI::Validator HostPortValidator() {
   return {[](const std::string& text) {
             return ParseHostPort(text) ? std::string()
                                        : "\"" + text +
-                                             "\" is no dotted-decimal address and port, such as "
-                                             "127.0.0.1:9010";
+                                             "\" is no dotted-decimal address and port of 0 "
+                                             "to 65535, such as 127.0.0.1:9010";
           },
           ""};
 }

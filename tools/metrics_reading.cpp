@@ -119,18 +119,20 @@ std::string JsonLabel(std::string_view label) {
   return "," + JsonString(label.substr(0, equals)) + ":" + JsonString(LabelValue(label));
 }
 
-// The file's text and time, of one and the same file: it may be replaced at any moment.
-std::string ReadWhole(int file, MetricsReading::Time& written) {
+// The file's text and time, of one and the same file: it may be replaced at any moment. Nothing,
+// with errno set, when it cannot be read.
+std::optional<std::string> ReadWhole(int file, MetricsReading::Time& written) {
   struct stat status {};
   fstat(file, &status);
   written = MetricsReading::Time(std::chrono::duration_cast<system_clock::duration>(
       seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec)));
   std::string text;
   std::array<char, 4096> part{};
-  for (ssize_t length = 0; (length = read(file, part.data(), part.size())) > 0;) {
+  ssize_t length = 0;
+  while ((length = read(file, part.data(), part.size())) > 0) {
     text.append(part.data(), static_cast<std::size_t>(length));
   }
-  return text;
+  return length == 0 ? std::optional(std::move(text)) : std::nullopt;
 }
 
 }  // namespace
@@ -165,15 +167,20 @@ std::vector<Metric> ParseMetrics(std::string_view text) {
 }
 
 MetricsReading ReadMetrics(const std::string& path) {
+  MetricsReading reading;
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file == -1) {
+  const auto text = file == -1 ? std::nullopt : ReadWhole(file, reading.written);
+  if (!text) {
     throw ToolError("cannot read " + path + ": " + std::strerror(errno) +
                     (errno == ENOENT ? "; the daemon writes it once a second while it runs" : ""));
   }
-  MetricsReading reading;
-  const std::string text = ReadWhole(file, reading.written);
   close(file);
-  reading.metrics = ParseMetrics(text);
+  reading.metrics = ParseMetrics(*text);
+  if (std::ranges::none_of(reading.metrics,
+                           [](const Metric& metric) { return metric.name.starts_with(kPrefix); })) {
+    throw ToolError(path + " is no metrics file of the daemon: nothing in it is called " +
+                    std::string(kPrefix) + "...");
+  }
   return reading;
 }
 

@@ -1,6 +1,8 @@
 #include "tools/simulated_phone.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "camera/packet_format.h"
@@ -76,7 +78,12 @@ void SimulatedPhone::TakeForeign(UdpPeer from) {
 }
 
 void SimulatedPhone::SendPacket(std::span<const std::uint8_t> packet, std::uint64_t& counter) {
-  ++(socket_.Send(packet, options_.to) ? counter : counters_.send_failures);
+  if (socket_.Send(packet, options_.to)) {
+    ++counter;
+  } else if (counters_.send_failures++ == 0) {
+    std::fprintf(stderr, "warning: cannot send to %s: %s; further failures are counted\n",
+                 HostPortText(options_.to).c_str(), std::strerror(errno));
+  }
 }
 
 }  // namespace kestrelbridge

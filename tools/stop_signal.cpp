@@ -16,6 +16,7 @@ int OpenStopSignal() {
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
   sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGHUP);  // the terminal was closed
   sigprocmask(SIG_BLOCK, &stop_signals, nullptr);
   const int descriptor = signalfd(-1, &stop_signals, SFD_CLOEXEC);
   if (descriptor == -1) {

@@ -3,9 +3,9 @@
 
 namespace kestrelbridge {
 
-// From now on SIGINT and SIGTERM don't end the process; the returned descriptor becomes readable
-// instead, so that a subcommand can finish with its summary. Once, before any other thread exists.
-// Throws ToolError when the system has no descriptor left.
+// From now on SIGINT, SIGTERM and SIGHUP don't end the process; the returned descriptor becomes
+// readable instead, so that a subcommand can finish with its summary. Once, before any other thread
+// exists. Throws ToolError when the system has no descriptor left.
 int OpenStopSignal();
 
 }  // namespace kestrelbridge

@@ -22,7 +22,8 @@ class UdpSocket {
   [[nodiscard]] int Descriptor() const { return socket_; }
   [[nodiscard]] UdpPeer Local() const;
 
-  // Sends one datagram; waits while the send buffer is full. False when the system refused it.
+  // Sends one datagram; waits while the send buffer is full. False, with errno set, when the system
+  // refused it.
   [[nodiscard]] bool Send(std::span<const std::uint8_t> datagram, UdpPeer to) const;
 
   // Waits until a datagram has arrived; false when none has within that time.

@@ -29,6 +29,7 @@ using Unit = std::vector<std::uint8_t>;
 // A unit waits no longer than this for us; less would only cost processor time.
 constexpr std::chrono::microseconds kRingPause{1500};
 constexpr std::chrono::milliseconds kBlockPause{10};
+constexpr std::chrono::seconds kQuiet{1};  // without a unit: is it still the daemon's ring?
 constexpr double kMaxSeconds = 1e7;
 constexpr double kMaxUnits = 1e15;
 
@@ -47,6 +48,7 @@ struct Run {
   VideoOutput output;
   RunEnd end;
   VideoStatistics statistics;
+  FrameBlockReader::Counters earlier{};  // of rings that were removed under us
 
   // Whose closed pipe ends the run.
   [[nodiscard]] int Watched() const {
@@ -114,44 +116,56 @@ std::deque<Unit> TakeDecodable(FrameBlockReader& reader) {
   return units;
 }
 
-void Follow(FrameBlockReader& reader, Run& run) {
+// Of this ring and of the earlier ones.
+FrameBlockReader::Counters AllCounters(const FrameBlockReader& reader, const Run& run) {
+  FrameBlockReader::Counters all = reader.counters();
+  all.lost += run.earlier.lost;
+  all.restarts += run.earlier.restarts;
+  return all;
+}
+
+enum class RingEnd { kRunIsOver, kRingIsGone };
+
+RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& run) {
   Unit unit;
+  auto quiet_from = RunEnd::Clock::now();
   for (;;) {
     while (reader.Next(unit)) {
-      if (!PassOn(unit, run)) {
-        return;
-      }
-      if (run.end.Wait({}, -1)) {
-        return;  // a flood of units must not hide the end
+      quiet_from = RunEnd::Clock::now();
+      if (!PassOn(unit, run) || run.end.Wait({}, -1)) {
+        return RingEnd::kRunIsOver;  // a flood of units must not hide the end
       }
     }
-    if (run.line.statistics && !run.statistics.Report(reader.counters())) {
-      return;
+    if (RunEnd::Clock::now() - quiet_from > kQuiet) {
+      if (!mapping.IsCurrent()) {
+        return RingEnd::kRingIsGone;
+      }
+      quiet_from = RunEnd::Clock::now();
+    }
+    if (run.line.statistics && !run.statistics.Report(AllCounters(reader, run))) {
+      return RingEnd::kRunIsOver;
     }
     if (run.end.Wait(kRingPause, run.Watched())) {
-      return;
+      return RingEnd::kRunIsOver;
     }
   }
 }
 
-void FollowRing(Run& run, const FrameBlockMapping& mapping, bool waited) {
+RingEnd FollowRing(Run& run, const FrameBlockMapping& mapping, bool waited) {
   using Start = FrameBlockReader::Start;
   const bool all = run.line.oldest || waited;
   // Statistics are about what comes: old units would show as a burst.
   const bool live = !all && (run.line.live || run.output.descriptor() == -1);
   FrameBlockReader reader(mapping.data(), live ? Start::kLive : Start::kOldest);
-  run.statistics.Start();
   bool goes_on = true;
   if (!all && !live) {
     for (const Unit& unit : TakeDecodable(reader)) {
       goes_on = goes_on && PassOn(unit, run);
     }
   }
-  if (goes_on) {
-    Follow(reader, run);
-  }
-  run.output.Close();
-  run.statistics.PrintSummary(stderr, reader.counters());
+  const RingEnd end = goes_on ? Follow(reader, mapping, run) : RingEnd::kRunIsOver;
+  run.earlier = AllCounters(reader, run);
+  return end;
 }
 
 void RunVideo(const CommandLine& line) {
@@ -161,14 +175,23 @@ void RunVideo(const CommandLine& line) {
              .output = VideoOutput(output),
              .end = RunEnd(line.duration_s),
              .statistics = VideoStatistics(output == "-" ? stderr : stdout)};
-  FrameBlockMapping mapping;
-  bool waited = false;
-  if (OpenBlock(mapping, run, waited)) {
-    FollowRing(run, mapping, waited);
-  } else {
-    run.output.Close();
-    run.statistics.PrintSummary(stderr, {});
+  for (bool is_first = true;; is_first = false) {
+    FrameBlockMapping mapping;
+    bool waited = false;
+    if (!OpenBlock(mapping, run, waited)) {
+      break;
+    }
+    if (is_first) {
+      run.statistics.Start();
+    }
+    if (FollowRing(run, mapping, waited || !is_first) == RingEnd::kRunIsOver) {
+      break;
+    }
+    std::fprintf(stderr, "the frame ring has been removed, looking for another\n");
+    ++run.earlier.restarts;
   }
+  run.output.Close();
+  run.statistics.PrintSummary(stderr, run.earlier);
 }
 
 constexpr char kFooter[] =

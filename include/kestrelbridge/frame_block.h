@@ -36,7 +36,9 @@
 //   }
 //
 // The objects have mode 0600: run as the same user as the daemon. The mapping stays good when the
-// daemon restarts. Nothing here blocks or throws, but for std::bad_alloc of the unit's vector.
+// daemon restarts; only when somebody removes the block by hand a new one takes its place, and
+// FrameBlockMapping::IsCurrent tells. Nothing here blocks or throws, but for std::bad_alloc of the
+// unit's vector.
 #pragma once
 
 #include <fcntl.h>
@@ -126,6 +128,7 @@ class FrameBlockMapping {
     if (fstat(descriptor, &status) == 0 && status.st_size >= static_cast<off_t>(kFrameBlockSize)) {
       void* mapped = mmap(nullptr, kFrameBlockSize, PROT_READ, MAP_SHARED, descriptor, 0);
       data_ = mapped == MAP_FAILED ? nullptr : static_cast<const std::uint8_t*>(mapped);
+      inode_ = status.st_ino;
     } else {
       errno = EAGAIN;
     }
@@ -135,11 +138,26 @@ class FrameBlockMapping {
     return data_ != nullptr;
   }
 
+  // False once the mapped block has been removed or replaced: nobody will write it any more. Then
+  // make a new mapping, and a new reader. Takes system calls: ask when no unit has come for a
+  // second.
+  bool IsCurrent() const {
+    const int descriptor = shm_open(kFrameBlockName, O_RDONLY | O_CLOEXEC, 0);
+    struct stat status {};
+    const bool is_current =
+        descriptor != -1 && fstat(descriptor, &status) == 0 && status.st_ino == inode_;
+    if (descriptor != -1) {
+      close(descriptor);
+    }
+    return is_current;
+  }
+
   // The mapped block, kFrameBlockSize bytes; null before Open succeeded.
   const std::uint8_t* data() const { return data_; }
 
  private:
   const std::uint8_t* data_ = nullptr;
+  ino_t inode_ = 0;
 };
 
 // Follows the ring and hands out whole units, in order, each once. A reader that is too slow loses

@@ -14,8 +14,9 @@
 //
 // A switch is read by its sign alone: above 0 is position +1, below 0 is -1, anything else is 0. A
 // change of position is what acts, and a button has only the way from 0 and back. The daemon looks
-// every 20 ms: hold a position longer than that. It creates the block when there is none. Mode 0600:
-// the process that writes it must run as the same user as the daemon, whoever of the two came first.
+// every 20 ms: hold a position longer than that. It creates the block when there is none. Mode
+// 0600: the process that writes it must run as the same user as the daemon, whoever of the two came
+// first.
 #pragma once
 
 #include <cstddef>

@@ -30,7 +30,7 @@ fail() {
 }
 
 # The comment at the head of a script is its help text.
-print_help() { sed -n '2,/^[^#]/ { s/^# \{0,1\}//p }' "$1"; }
+print_help() { sed -n '2,/^[^#]/ { /^# shellcheck/d; s/^# \{0,1\}//p }' "$1"; }
 
 # --- packages ---------------------------------------------------------------------------------
 

@@ -14,7 +14,7 @@
 namespace kestrelbridge {
 namespace {
 
-TEST(VideoCommand, GoesOnAfterARestartOfTheDaemonAndAfterAClear) {
+TEST(VideoCommand, GoesOnAfterARestartOfTheDaemonAClearAndWithTheRingThatReplacesARemovedOne) {
   ASSERT_EQ(InitFrameBuffers(), 0);
   const TemporaryFolder folder;
   const std::string path = folder.File("ring.h264");
@@ -33,9 +33,12 @@ TEST(VideoCommand, GoesOnAfterARestartOfTheDaemonAndAfterAClear) {
   write_on(2);
   RequestClear(MappedBlock(kFrameBlockName).data());
   write_on(1);
-  video.Kill(SIGINT);
+  shm_unlink(kFrameBlockName);
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  write_on(2);
+  video.Kill(SIGHUP);
   EXPECT_EQ(video.WaitForExit(), ExitedWith(0));
-  EXPECT_EQ(CountLines(video.Error(), "units: 6, bytes: 6000, lost: 0, restarts: 1"), 1)
+  EXPECT_EQ(CountLines(video.Error(), "units: 8, bytes: 8000, lost: 0, restarts: 2"), 1)
       << video.Error();
 }
 

@@ -1,0 +1,62 @@
+// Starts that nobody means: without standard descriptors, with a camera that cannot be one.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "base/run_paths.h"
+#include "end_to_end/daemon_bench.h"
+#include "kestrelbridge/rc_block.h"
+#include "tools/metrics_reading.h"
+#include "video/mapped_block.h"
+
+namespace kestrelbridge {
+namespace {
+
+// Else the log would land in the first thing that the daemon opens: the remote control's block.
+TEST(OddStart, WithoutStandardDescriptorsTheLogLandsNowhere) {
+  ForgetEarlierRuns();
+  ChildProcess daemon(
+      {"sh", "-c", "exec \"$0\" --verbose 0<&- 1>&- 2>&-", ProgramPath("kestrelbridge")});
+  ASSERT_TRUE(WaitForBridge(daemon.pid()));
+  for (const char* descriptor : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid()) + "/fd/" +
+                                            descriptor),
+              "/dev/null");
+  }
+  const std::string block = ReadFile(std::string("/dev/shm") + kRcBlockName);
+  EXPECT_EQ(block, std::string(kRcBlockSize, '\0'));
+}
+
+TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
+  ChildProcess daemon(
+      DaemonCommand({"--host", "camera", "--port", "abc", "-d", "1.2.3.4.5", "-s", "65536"}));
+  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
+  for (const char* what :
+       {"--host=camera is no dotted-decimal address", "--port=0 is no UDP port",
+        "--dst-host=1.2.3.4.5 is no dotted", "--dst-port=65536 is no UDP port"}) {
+    EXPECT_EQ(CountLines(daemon.Error(), what), 1) << what << "\n" << daemon.Error();
+  }
+}
+
+// The box's own address, and the port that the phone app's datagrams come to.
+TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
+  ForgetEarlierRuns();
+  ChildProcess daemon(DaemonCommand());
+  const auto value = [](const char* name, const char* label) {
+    return ReadMetrics(kMetricsPath).Value(name, label).value_or(0);
+  };
+  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
+  EXPECT_TRUE(daemon.WaitForLine("there is no camera, see --host and --port"));
+  EXPECT_TRUE(Eventually([&] {
+    return std::filesystem::exists(kMetricsPath) &&
+           value("kestrelbridge_received_datagrams_total", "link=\"phone\"") >= 3;
+  }));
+  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
+  EXPECT_EQ(CountLines(daemon.Error(), "there is no camera"), 1);
+}
+
+}  // namespace
+}  // namespace kestrelbridge
