@@ -53,7 +53,6 @@ TEST(PhoneStart, AsksForTheRuleThatTheFileAndTheOptionsName) {
        "[10.0.0.9]",
        "[74540]"},
       {";>own;\n", "", "access-point interface \";>own; \""},
-      {"a$(>own)", "", "access-point interface \"a$(>own)\""},
       {"w\x1B[2J\xFF", "", "access-point interface \"w?[2J?\""},  // nothing for the terminal
       {"wlan1", "", "camera host \"192.168.2.1;>own\"", {"--host", "192.168.2.1;>own"}},
   };

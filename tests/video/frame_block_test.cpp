@@ -53,6 +53,7 @@ class FrameRing : public testing::Test {
     for (std::uint32_t i = 0; i < count; ++i) {
       Publish(1);
       ASSERT_TRUE(reader.Next(unit));
+      ASSERT_FALSE(reader.Next(unit));
     }
   }
 
@@ -107,18 +108,6 @@ TEST_F(FrameRing, ReaderBeginsWithWhatComesOrWithTheOldestAtMost100Back) {
   }
 }
 
-TEST_F(FrameRing, ReaderThatKeepsUpFollowsThroughAllNumbersAndTheirWrap) {
-  FrameBlockReader reader = Attach();
-  std::vector<std::uint8_t> unit;
-  for (std::uint32_t number = 0; number < 66'000; ++number) {
-    Publish(1);
-    ASSERT_TRUE(reader.Next(unit)) << number;
-    ASSERT_EQ(unit, NumberedUnit(number));
-    ASSERT_FALSE(reader.Next(unit)) << number;
-  }
-  EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
-}
-
 TEST_F(FrameRing, UnitCountsOnceItsNumberIsPublished) {
   Publish(5);
   FrameBlockReader reader = Attach();
@@ -154,6 +143,7 @@ TEST_F(FrameRing, ReaderGoesOnAfterALapAClearAndARestart) {
       {57, 199, kNone, 0, "57-255", "lost 0, laps 0, restarts 0"},
       {57, 200, kNone, 0, "157-256", "lost 100, laps 1, restarts 0"},  // a round to the slot
       {57, 1000, kNone, 0, "957-1056", "lost 900, laps 1, restarts 0"},
+      {65'530, 20, kNone, 0, "65530-65549", "lost 0, laps 0, restarts 0"},     // over the wrap
       {65'400, 400, kNone, 0, "65700-65799", "lost 300, laps 1, restarts 0"},  // over the wrap
       {57, 5, kClear, 3, "62-64", "lost 5, laps 1, restarts 0"},
       {300, 7, kClear, 100, "307-406", "lost 7, laps 1, restarts 0"},
