@@ -13,8 +13,10 @@
 #include "camera/packet_format.h"
 #include "fuzz/fuzz_stage.h"
 #include "kestrelbridge/frame_block.h"
+#include "support/camera_datagrams.h"
 #include "video/camera_stream.h"
 #include "video/frame_buffers.h"
+#include "video/mapped_block.h"
 
 namespace kestrelbridge {
 namespace {
@@ -35,10 +37,8 @@ class Ring {
  public:
   Ring() {
     Require(InitFrameBuffers() == 0, "the frame memory can be had");
-    const int descriptor = shm_open(kFrameBlockName, O_RDWR, 0);
-    block_ = static_cast<std::uint8_t*>(
-        mmap(nullptr, kFrameBlockSize, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
-    close(descriptor);
+    static const MappedBlock mapped(kFrameBlockName);
+    block_ = mapped.data();
     reader_ = std::make_unique<FrameBlockReader>(block_);
   }
 
@@ -111,15 +111,8 @@ void Process(Ring& ring, std::span<const std::uint8_t> datagram) {
 
 // Ends the unit and the batch in progress, so that no input depends on the one before.
 void ComeToRest(Ring& ring) {
-  std::vector<std::uint8_t> nothing_follows(kUnitHeaderEnd);
-  nothing_follows[kWrapperKindOffset] = kKindVideo;
-  StoreLe32(nothing_follows, kUnitHeaderOffset, 0xFF010000);
-  StoreLe32(nothing_follows, kUnitLengthOffset, 0x00FF0000);
-  nothing_follows[28] = 0x4C;
-  Process(ring, nothing_follows);
-  std::vector<std::uint8_t> whole_batch(kReceivedWrapperSize + 501);
-  whole_batch[kWrapperKindOffset] = kKindCommandData;
-  Process(ring, whole_batch);
+  Process(ring, UnitHeaderDatagram(0, 0, {}));
+  Process(ring, CommandDataDatagram(0, EmptyCommandData()));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 //   input:   1 byte    bit 0: the frames' check sums are set right
 //            ...       the batch
 
-#include <cstring>
 #include <string>
 
 #include "camera/frame_scanner.h"

@@ -10,9 +10,9 @@
 
 #include "camera/camera_link.h"
 #include "camera/crc.h"
-#include "camera/frame_scanner.h"
 #include "camera/packet_format.h"
 #include "support/sandbox.h"
+#include "tools/packet_check.h"
 
 namespace kestrelbridge {
 namespace {
@@ -33,18 +33,6 @@ bool PlaceCamera() {
   address.sin_port = htons(kCameraPort);
   address.sin_addr.s_addr = inet_addr(kCameraAddress);
   return bind(camera_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-bool IsSoundPacket(std::span<const std::uint8_t> packet) {
-  if (packet.size() < kSentWrapperSize || LoadLe16(packet, 0) != (packet.size() | 0x8000) ||
-      packet[kWrapperKindOffset] != kKindCommand ||
-      packet[kWrapperCheckOffset] != WrapperCheck(packet)) {
-    return false;
-  }
-  const auto frame = packet.subspan(kSentWrapperSize);
-  return frame.empty() ||
-         (frame.size() >= kFrameOverhead && CommandFrameAt(frame).size() == frame.size() &&
-          LoadLe16(packet, kWrapperFrameLengthOffset) == frame.size());
 }
 
 }  // namespace
@@ -79,8 +67,8 @@ void RequireSoundPackets(std::size_t at_most) {
       return;
     }
     Require(count < at_most, "the camera gets no more packets than were asked for");
-    Require(IsSoundPacket(std::span(packet).first(static_cast<std::size_t>(length))),
-            "the camera gets sound packets only");
+    const auto sent = std::span(packet).first(static_cast<std::size_t>(length));
+    Require(CheckPacket(sent).type != PacketType::kBad, "the camera gets sound packets only");
   }
 }
 

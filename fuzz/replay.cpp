@@ -1,5 +1,5 @@
 // Gives a fuzz target its corpus, and an empty input before: built with any compiler, part of the
-// tests. Arguments: files, and folders of files.
+// tests. Arguments: folders of files.
 
 #include <cstdio>
 #include <filesystem>
@@ -23,12 +23,8 @@ void Run(const char* name, const std::vector<std::uint8_t>& input) {
 std::set<fs::path> Files(int argc, char** argv) {
   std::set<fs::path> files;
   for (int i = 1; i < argc; ++i) {
-    if (fs::is_directory(argv[i])) {
-      const fs::directory_iterator folder(argv[i]);
-      files.insert(fs::begin(folder), fs::end(folder));
-    } else {
-      files.insert(argv[i]);
-    }
+    const fs::directory_iterator folder(argv[i]);
+    files.insert(fs::begin(folder), fs::end(folder));
   }
   return files;
 }

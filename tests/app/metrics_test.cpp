@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <set>
 #include <string>
@@ -15,15 +13,11 @@
 
 #include "base/text_file.h"
 #include "support/camera_datagrams.h"
+#include "support/temporary_folder.h"
 #include "video/command_data.h"
 
 namespace kestrelbridge {
 namespace {
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
 
 // The first groups of all matches.
 std::multiset<std::string> Matches(const std::string& text, const char* pattern) {
@@ -47,7 +41,7 @@ TEST(MetricsFile, IsNeverSeenHalf) {
   });
   std::set<std::string> seen;
   for (int i = 0; i < 2'000 || seen.size() < 2; ++i) {
-    seen.insert(ReadAll(path));
+    seen.insert(ReadFile(path));
   }
   reading = false;
   writer.join();
@@ -59,13 +53,13 @@ TEST(MetricsFile, StaysAsItWasWhenTheDiskIsFull) {
   ASSERT_EQ(mount("tmpfs", "/run/small", "tmpfs", 0, "size=16k"), 0);
   ASSERT_EQ(ReplaceTextFile("/run/small/file", "old"), 0);
   EXPECT_EQ(ReplaceTextFile("/run/small/file", std::string(100'000, 'n')), -1);
-  EXPECT_EQ(ReadAll("/run/small/file"), "old");
+  EXPECT_EQ(ReadFile("/run/small/file"), "old");
   EXPECT_FALSE(std::filesystem::exists("/run/small/file.tmp"));
 }
 
 TEST(MetricsFile, HoldsTheMetricsThatTheDocumentationLists) {
   const std::string text = MetricsText(0);
-  const std::string documentation = ReadAll(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
+  const std::string documentation = ReadFile(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
   const auto names = Matches(text, R"(^# TYPE (\w+) )");
   EXPECT_FALSE(names.empty());
   EXPECT_EQ(names, Matches(documentation, R"(^\| `(\w+)` )"));

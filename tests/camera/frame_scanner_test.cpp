@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <memory>
-#include <vector>
-
 #include "camera/packet_format.h"
 #include "support/camera_datagrams.h"
 
@@ -19,9 +15,8 @@ Bytes MakeFrame(std::size_t length) {
 
 // In a heap block of exactly its size, so that AddressSanitizer sees any read beyond the batch.
 std::size_t FrameLengthAt(const Bytes& bytes) {
-  const auto exact = std::make_unique<std::uint8_t[]>(bytes.size());
-  std::ranges::copy(bytes, exact.get());
-  return CommandFrameAt({exact.get(), bytes.size()}).size();
+  const Bytes exact(bytes);
+  return CommandFrameAt(exact).size();
 }
 
 TEST(CommandFrame, IsFoundUpToTheLastByteOfTheBatchAndNotBeyond) {

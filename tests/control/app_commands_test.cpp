@@ -117,15 +117,13 @@ TEST_F(AppCommands, TextsThatStillTakeAPhoto) {
 TEST_F(AppCommands, TextsThatDoNothing) {
   std::vector<std::string> texts = {
       // No JSON, or no object.
-      "", "not json", "{", "}", "{}", "[]", "null", "5", "\"shot\"", R"(["cmd","shot"])",
-      R"({"cmd":"shot")", R"({"cmd":"sho)", R"({"cmd":"shot\)", R"({"cmd":"shot\u00)",
-      R"({"cmd":"shot\ud800"})", R"({"cmd":"\x"})", R"({'cmd':'shot'})", R"({"cmd"})",
-      R"({"cmd":"shot",})", "\xff\xfe\xfd", "!{\"cmd\":\"shot\"}",
+      "", "not json", "{", "{}", "[]", "null", "\"shot\"", R"(["cmd","shot"])", R"({"cmd":"shot")",
+      R"({"cmd":"shot\u00)", R"({"cmd":"shot\ud800"})", R"({"cmd"})", R"({"cmd":"shot",})",
+      "\xff\xfe\xfd", "!{\"cmd\":\"shot\"}",
       // Values that are no strings, or not the right ones.
-      R"({"cmd":5})", R"({"cmd":null})", R"({"cmd":["shot"]})", R"({"cmd":true})", R"({"cmd":""})",
-      R"({"cmd":"Shot"})", R"({"cmd":" shot"})", R"({"cmd":"shots"})", R"({"cmd":5,"cmd":"shot"})",
-      R"({"param":"start"})", R"({"x":{"cmd":"shot"}})", R"({"cmd":"record","param":"pause"})",
-      R"({"cmd":"record","param":"Start"})", R"({"cmd":"camera","param":"photo"})",
+      R"({"cmd":5})", R"({"cmd":null})", R"({"cmd":["shot"]})", R"({"cmd":""})",
+      R"({"cmd":"Shot"})", R"({"cmd":"shots"})", R"({"cmd":5,"cmd":"shot"})",
+      R"({"x":{"cmd":"shot"}})", R"({"cmd":"record","param":"Start"})",
       R"({"cmd":"camera","param":"mode"})", R"({"cmd":"camera","value":"video"})",
       R"({"cmd":"camera","param":"mode","value":1})", R"({"cmd":"wifi","param":"mode"})",
       R"({"cmd":"camera","param":"zoom","value":"video"})",
@@ -149,13 +147,6 @@ TEST_F(AppCommands, TextsThatDoNothing) {
   texts.push_back(deep_objects);
   for (const std::string& json : texts) {
     EXPECT_EQ(Run(json) + Sent(), "") << json.substr(0, 60);
-  }
-}
-
-TEST_F(AppCommands, WithoutTheMarkerATextIsNotEvenLogged) {
-  for (const char* text : {"", "{\"cmd\":\"shot\"}", " !{\"cmd\":\"shot\"}"}) {
-    DispatchAppCommand(text);
-    EXPECT_EQ(Log(), "") << text;
   }
 }
 

@@ -5,18 +5,17 @@
 
 #include "base/byte_order.h"
 #include "camera/camera_link.h"
-#include "camera/frame_scanner.h"
 #include "camera/packet_format.h"
 #include "state/camera_state.h"
 #include "support/camera_datagrams.h"
-#include "video/camera_stream.h"
+#include "tools/packet_check.h"
 
 namespace kestrelbridge {
 namespace {
 
 constexpr std::uint16_t kLastReceived = 0x0102;
 
-std::string HexWithoutSeal(const Bytes& frame) {
+std::string HexWithoutSeal(std::span<const std::uint8_t> frame) {
   std::string text;
   for (std::size_t i = 0; i < frame.size() - kFrameCrc16Size; ++i) {
     if (i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1) {
@@ -32,12 +31,8 @@ std::string HexWithoutSeal(const Bytes& frame) {
 }  // namespace
 
 CameraEnd::CameraEnd() {
-  CameraLink& link = GetCameraLink();
-  EXPECT_EQ(Open(link.endpoint, 0), 0);
-  std::snprintf(link.host, sizeof link.host, "127.0.0.1");
-  link.port = camera_.port();
-  link.outgoing_packet_counter = 0;
-  link.last_received_sequence = kLastReceived;
+  BeCameraAt(camera_);
+  GetCameraLink().last_received_sequence = kLastReceived;
   ClearCameraState();
   testing::internal::CaptureStderr();
 }
@@ -51,17 +46,14 @@ void CameraEnd::TearDown() {
 Frames CameraEnd::SentFrames() {
   Frames frames;
   while (const auto packet = camera_.Receive(std::chrono::milliseconds{0})) {
-    const Bytes& bytes = packet->bytes;
-    if (bytes.size() < kSentWrapperSize + kFrameOverhead) {
-      ADD_FAILURE() << "packet of " << bytes.size() << " bytes";
+    const CheckedPacket checked = CheckPacket(packet->bytes);
+    if (checked.type != PacketType::kCommand) {
+      ADD_FAILURE() << "packet of " << packet->bytes.size() << " bytes, " << checked.fault;
       continue;
     }
-    const Bytes frame(bytes.begin() + kSentWrapperSize, bytes.end());
-    EXPECT_EQ(CommandFrameAt(frame).size(), frame.size()) << "length or check sums";
-    EXPECT_EQ(LoadLe16(frame, kFrameSequenceOffset), next_sequence_++);
-    const CommandPacket expected = BuildCommandPacket(frame, LastReceivedSequence());
-    EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), expected.begin())) << "wrapper";
-    frames.push_back(HexWithoutSeal(frame));
+    EXPECT_EQ(LoadLe16(checked.frame, kFrameSequenceOffset), next_sequence_++);
+    EXPECT_EQ(LoadLe16(packet->bytes, kWrapperSequenceOffset), LastReceivedSequence());
+    frames.push_back(HexWithoutSeal(checked.frame));
   }
   return frames;
 }
@@ -83,7 +75,5 @@ std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table) {
   }
   return pairs;
 }
-
-void ReceiveCameraData() { ProcessCameraDatagram(CommandDataDatagram(1, EmptyCommandData())); }
 
 }  // namespace kestrelbridge

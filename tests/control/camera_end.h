@@ -35,9 +35,6 @@ class CameraEnd : public testing::Test {
   std::uint16_t next_sequence_ = 0;
 };
 
-// Feeds the daemon a datagram of command data, as the camera does once it streams.
-void ReceiveCameraData();
-
 // A table in one text, "word=code|word=code|word", taken apart.
 std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table);
 

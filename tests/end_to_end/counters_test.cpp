@@ -10,7 +10,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "base/run_paths.h"
@@ -48,12 +47,6 @@ struct Bench {
   UdpSocket phone;
   UdpSocket stranger;
   ChildProcess daemon{DaemonCommandFor(kOtherCameraPort)};
-
-  void SendText(std::string_view text) const {
-    const auto telemetry = main_app.Receive();
-    ASSERT_TRUE(telemetry);
-    main_app.Send(Bytes(text.begin(), text.end()), telemetry->sender);
-  }
 };
 
 struct Step {
@@ -119,6 +112,16 @@ void SendToSecondEndpoint(Bench& bench) {
   }
 }
 
+void TurnRemoteControl(const char* what) {
+  ChildProcess rc(Kestrelctl({"rc", what}));
+  ASSERT_EQ(rc.WaitForExit(), ExitedWith(0)) << rc.Error();
+}
+
+std::string ShotOfLength(std::size_t size) {
+  const std::string object = R"({"cmd":"shot"})";
+  return "!" + std::string(size - 1 - object.size(), ' ') + object;
+}
+
 const Step kSteps[] = {
     {"the camera answers", [](Bench& bench) { ASSERT_TRUE(bench.camera.Connect()); },
      "links found camera=1|connection requests sent>0|sent datagrams camera>0|"
@@ -155,18 +158,28 @@ const Step kSteps[] = {
      "pushes decoded settings=1|pushes decoded battery=1|pushes decoded histogram=1|"
      "keepalives sent>0|telemetry records sent text>0|telemetry records sent status>0|"
      "telemetry records sent histogram>0|sent datagrams main app>2|sent bytes main app>83"},
-    {"a command", [](Bench& bench) { bench.SendText(R"(!{"cmd":"shot"})"); },
+    {"a command", [](Bench& bench) { SendAppText(bench.main_app, R"(!{"cmd":"shot"})"); },
      "command frames sent main app=1|command frames sent remote control=0|"
      "received datagrams main app=1|received bytes main app=15|links found main app=1|"
      "links lost main app=1"},
-    {"an unknown command", [](Bench& bench) { bench.SendText(R"(!{"cmd":"dance"})"); },
+    // What the text before left in the buffer would make it a command.
+    {"a bare marker", [](Bench& bench) { SendAppText(bench.main_app, "!"); },
      "app messages ignored=1|command frames sent main app=0"},
-    {"a button of the remote control",
-     [](Bench&) {
-       ChildProcess rc({ProgramPath("kestrelctl"), "rc", "157=1"});
-       ASSERT_EQ(rc.WaitForExit(), ExitedWith(0)) << rc.Error();
-     },
+    {"the longest command", [](Bench& bench) { SendAppText(bench.main_app, ShotOfLength(9'999)); },
+     "received bytes main app=9999|command frames sent main app=1|app messages ignored=0"},
+    {"a command whose last character does not fit",
+     [](Bench& bench) { SendAppText(bench.main_app, ShotOfLength(10'000)); },
+     "received bytes main app=9999|app messages ignored=1|command frames sent main app=0"},
+    {"an unknown command", [](Bench& bench) { SendAppText(bench.main_app, R"(!{"cmd":"dance"})"); },
+     "app messages ignored=1|command frames sent main app=0"},
+    {"a button of the remote control", [](Bench&) { TurnRemoteControl("157=1"); },
      "command frames sent remote control=1|command frames sent main app=0"},
+    {"its slider",
+     [](Bench& bench) {
+       TurnRemoteControl("--slider=1");
+       EXPECT_TRUE(CameraGetsCommand(bench.camera, 0x2E, 0x19)) << "+3.0";
+     },
+     "command frames sent remote control=1"},
     {"a phone",
      [](Bench& bench) {
        for (int i = 0; i < 3; ++i) {

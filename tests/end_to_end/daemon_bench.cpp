@@ -1,11 +1,7 @@
 #include "end_to_end/daemon_bench.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -176,6 +172,29 @@ bool RingWatcher::WaitFor(const Bytes& unit) {
   });
 }
 
+Bytes NewUnit(std::size_t size) {
+  static std::uint32_t seed = 0;
+  Bytes unit = MakeUnit(size, ++seed);
+  std::ranges::copy(Bytes{0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xF6, 0x40}, unit.begin() + 4);
+  return unit;
+}
+
+testing::AssertionResult Serves(DaemonRun& run, RingWatcher& ring) {
+  const Bytes unit = NewUnit();
+  run.camera.SendUnit(unit);
+  run.camera.SendNextHeader();
+  if (ring.WaitFor(unit) && run.daemon.IsRunning()) {
+    return testing::AssertionSuccess();
+  }
+  return testing::AssertionFailure() << "the unit did not get through:\n" << run.daemon.Error();
+}
+
+void SendAppText(const UdpSocket& main_application, std::string_view text) {
+  const auto telemetry = main_application.Receive();
+  ASSERT_TRUE(telemetry) << "no telemetry";
+  main_application.Send(Bytes(text.begin(), text.end()), telemetry->sender);
+}
+
 std::uint64_t Value(const ChildProcess& tool, const std::string& key) {
   const std::string output = tool.Output();
   const std::size_t line = output.rfind("\n" + key + ": ");
@@ -188,20 +207,15 @@ std::uint64_t Value(const ChildProcess& tool, const std::string& key) {
 
 std::vector<std::string> CameraTool(const std::string& clip_path, int units_per_second,
                                     const std::vector<std::string>& options, std::uint16_t port) {
-  std::vector<std::string> command = {ProgramPath("kestrelctl"),
-                                      "camera",
-                                      "--listen",
-                                      std::string(kCameraAddress) + ":" + std::to_string(port),
-                                      "--clip",
-                                      clip_path,
-                                      "--fps",
-                                      std::to_string(units_per_second)};
+  const std::string place = std::string(kCameraAddress) + ":" + std::to_string(port);
+  std::vector<std::string> command = Kestrelctl({"camera", "--listen", place, "--clip", clip_path,
+                                                 "--fps", std::to_string(units_per_second)});
   command.insert(command.end(), options.begin(), options.end());
   return command;
 }
 
 std::vector<std::string> VideoTool(const std::string& output_path) {
-  return {ProgramPath("kestrelctl"), "video", "--output", output_path};
+  return Kestrelctl({"video", "--output", output_path});
 }
 
 bool WaitUntilWatching(const ChildProcess& video_tool) {

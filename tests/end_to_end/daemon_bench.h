@@ -1,11 +1,14 @@
 // What every end-to-end test needs: the real daemon, a scripted camera, and the ring's reader.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -103,6 +106,24 @@ class RingWatcher {
   FrameBlockMapping mapping_;
   std::optional<FrameBlockReader> reader_;
 };
+
+// One run of the daemon, with its camera. A supervisor would start the next one.
+struct DaemonRun {
+  explicit DaemonRun(const std::vector<std::string>& command = DaemonCommandFor(kOtherCameraPort),
+                     std::uint16_t camera_port = kOtherCameraPort)
+      : camera(camera_port), daemon(command) {}
+  ScriptedCamera camera;
+  ChildProcess daemon;
+};
+
+// A unit like no other. Opens with a parameter set, 640x480, so that the picture size is written.
+Bytes NewUnit(std::size_t size = 3000);
+
+// Whether a new unit gets from the run's camera, which is connected, into the ring.
+testing::AssertionResult Serves(DaemonRun& run, RingWatcher& ring);
+
+// Sends a text as the main application does: to where telemetry comes from.
+void SendAppText(const UdpSocket& main_application, std::string_view text);
 
 inline constexpr char kTestPattern[] =
     KESTRELBRIDGE_SOURCE_DIR "/tools/clips/test-pattern-720p30.h264";

@@ -26,27 +26,20 @@ std::vector<Bytes> BusyTraffic(std::uint32_t seed) {
   return traffic;
 }
 
-struct BusyDaemon {
-  explicit BusyDaemon(int number)
-      : camera_port(static_cast<std::uint16_t>(kOtherCameraPort + number)) {}
-  std::uint16_t camera_port;
-  ScriptedCamera camera{camera_port};
-  ChildProcess process{DaemonCommandFor(camera_port)};
-};
-
 class ExitUnderFullTraffic : public testing::TestWithParam<int> {};
 
 TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
   const bool by_silence = GetParam() % 2 == 0;
-  std::vector<std::unique_ptr<BusyDaemon>> daemons;
+  std::vector<std::unique_ptr<DaemonRun>> runs;
   for (int i = 0; i < kDaemons; ++i) {
-    daemons.push_back(std::make_unique<BusyDaemon>(i));
+    const auto port = static_cast<std::uint16_t>(kOtherCameraPort + i);
+    runs.push_back(std::make_unique<DaemonRun>(DaemonCommandFor(port), port));
   }
   std::vector<std::uint16_t> ports;  // but the camera's, where silence is to fall
-  for (const auto& daemon : daemons) {
-    ASSERT_TRUE(daemon->camera.Connect()) << daemon->process.Error();
-    for (const BoundPort& bound : UdpPortsOf(daemon->process.pid())) {
-      if (!by_silence || bound.port != daemon->camera.daemon().port) {
+  for (const auto& run : runs) {
+    ASSERT_TRUE(run->camera.Connect()) << run->daemon.Error();
+    for (const BoundPort& bound : UdpPortsOf(run->daemon.pid())) {
+      if (!by_silence || bound.port != run->camera.daemon().port) {
         ports.push_back(bound.port);
       }
     }
@@ -56,24 +49,24 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
   const Flood third(ports, BusyTraffic(3));
   ASSERT_TRUE(Eventually([&] { return third.sent_per_port() > kFullTraffic; }));
   const UdpSocket sender;
-  for (const auto& daemon : daemons) {
+  for (const auto& run : runs) {
     if (by_silence) {
-      daemon->camera.FallSilent();
+      run->camera.FallSilent();
       continue;
     }
     // Again and again: in full traffic the one datagram that matters may find the buffer full.
     EXPECT_TRUE(Eventually([&] {
-      sender.Send({}, daemon->camera.daemon());
-      return !daemon->process.IsRunning();
+      sender.Send({}, run->camera.daemon());
+      return !run->daemon.IsRunning();
     }));
   }
   // Every code must be the one of a message that was written. On a machine so busy that a daemon
   // gets no processor for a second, the camera may be lost before anything else ends it; but not
   // for all of them.
   int intended = 0;
-  for (const auto& daemon : daemons) {
-    const auto end = daemon->process.WaitForExit();
-    const std::string error = daemon->process.Error();
+  for (const auto& run : runs) {
+    const auto end = run->daemon.WaitForExit();
+    const std::string error = run->daemon.Error();
     const bool lost = end == ExitedWith(1) && CountLines(error, "Camera connection lost") > 0;
     const bool failed = end == ExitedWith(3) && CountLines(error, "UDP read failed") > 0;
     EXPECT_TRUE(lost || failed) << testing::PrintToString(end) << " after " << error;

@@ -37,34 +37,6 @@ using Clock = std::chrono::steady_clock;
 
 using Command = std::vector<std::string>;
 
-// --- the daemon at work
-// ---------------------------------------------------------------------------
-
-// One run of the daemon, with its camera. A supervisor would start the next one.
-struct Run {
-  explicit Run(const Command& command = DaemonCommandFor(kOtherCameraPort)) : daemon(command) {}
-  ScriptedCamera camera{kOtherCameraPort};
-  ChildProcess daemon;
-};
-
-// No two are the same. Opens with a parameter set, 640x480, so that the picture size is written.
-Bytes NewUnit(std::size_t size = 3000) {
-  static std::uint32_t seed = 0;
-  Bytes unit = MakeUnit(size, ++seed);
-  std::ranges::copy(Bytes{0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xF6, 0x40}, unit.begin() + 4);
-  return unit;
-}
-
-testing::AssertionResult Serves(Run& run, RingWatcher& ring) {
-  const Bytes unit = NewUnit();
-  run.camera.SendUnit(unit);
-  run.camera.SendNextHeader();
-  if (ring.WaitFor(unit) && run.daemon.IsRunning()) {
-    return testing::AssertionSuccess();
-  }
-  return testing::AssertionFailure() << "the unit did not get through:\n" << run.daemon.Error();
-}
-
 testing::AssertionResult LostItsCamera(ChildProcess& daemon) {
   const auto end = daemon.WaitForExit();
   if (end == ExitedWith(1) && daemon.Error().ends_with("\nCamera connection lost\n")) {
@@ -74,7 +46,8 @@ testing::AssertionResult LostItsCamera(ChildProcess& daemon) {
 }
 
 // It may have lost its camera, which is an end that a supervisor mends; it may do nothing else.
-void ExpectToServeOrToBeMended(std::optional<Run>& run, RingWatcher& ring, const Command& command) {
+void ExpectToServeOrToBeMended(std::optional<DaemonRun>& run, RingWatcher& ring,
+                               const Command& command) {
   if (run->daemon.IsRunning() && Serves(*run, ring)) {
     return;
   }
@@ -89,7 +62,7 @@ void ExpectToServeOrToBeMended(std::optional<Run>& run, RingWatcher& ring, const
 // -----------------------------------------------------------------------------------
 
 void CameraFallsSilent() {
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   ASSERT_TRUE(run.daemon.WaitForLine("Camera connection found"));
   const auto before = Clock::now();
@@ -104,7 +77,7 @@ void CameraFallsSilent() {
 void CameraReturns() {
   std::optional<RingWatcher> reader;
   {
-    Run run;
+    DaemonRun run;
     ASSERT_TRUE(run.camera.Connect());
     reader.emplace();
     EXPECT_TRUE(Serves(run, *reader));
@@ -112,7 +85,7 @@ void CameraReturns() {
     run.camera.FallSilent();
     EXPECT_TRUE(LostItsCamera(run.daemon));
   }
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   EXPECT_FALSE(fs::exists(kVideoWidthPath)) << "the size of another picture";
   EXPECT_TRUE(Serves(run, *reader));
@@ -131,7 +104,7 @@ void KilledInTheMiddleOfAUnit() {
     } while (unit != last);
   };
   for (int round = 0; round < 4; ++round) {
-    Run run;
+    DaemonRun run;
     ASSERT_TRUE(run.camera.Connect());
     if (!reader) {
       reader.emplace();
@@ -170,7 +143,7 @@ void NoRoomForTheRing() { SharedMemoryIsFull(1'000'000); }
 void RoomForTheRingOnly() { SharedMemoryIsFull(kFrameBlockSize + 1'000'000); }
 
 void RingHeaderIsOverwritten() {
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   RingWatcher ring;
   const MappedBlock block(kFrameBlockName);
@@ -189,7 +162,7 @@ void RingHeaderIsOverwritten() {
 
 void ReaderStalls() {
   constexpr std::uint64_t kUnits = 450;  // twice round the ring and more
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   FrameBlockMapping mapping;
   ASSERT_TRUE(Eventually([&] { return mapping.Open(); }));
@@ -227,7 +200,7 @@ constexpr std::uint8_t kShotId = 0x01;
 constexpr std::uint8_t kIsoId = 0x2A;
 
 void RemoteControlBlockIsCut() {
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   run.camera.Send(CommandDataDatagram(1, EmptyCommandData()));
   const std::string path = std::string("/dev/shm") + kRcBlockName;
@@ -264,22 +237,19 @@ void PassTwoSeconds(ScriptedCamera& camera) {
 
 // While it is away, the kernel answers the daemon's telemetry with "port unreachable".
 void MainApplicationIsAbsentAndReturns() {
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect());
   run.camera.Send(CommandDataDatagram(1, EmptyCommandData()));
   for (int visit = 0; visit < 2; ++visit) {
     PassTwoSeconds(run.camera);
     const UdpSocket main_application({.host = "127.0.0.1", .port = 5000});
-    const auto telemetry = main_application.Receive();
-    ASSERT_TRUE(telemetry) << run.daemon.Error();
-    const std::string shot = R"(!{"cmd":"shot"})";
-    main_application.Send(Bytes(shot.begin(), shot.end()), telemetry->sender);
+    SendAppText(main_application, R"(!{"cmd":"shot"})");
     EXPECT_TRUE(CameraGetsCommand(run.camera, kShotId));
   }
 }
 
 void ServeAtOnce() {
-  Run run;
+  DaemonRun run;
   ASSERT_TRUE(run.camera.Connect()) << run.daemon.Error();
   RingWatcher ring;
   EXPECT_TRUE(Serves(run, ring));
@@ -294,24 +264,15 @@ void PhonePortIsTaken() {
   EXPECT_TRUE(taken.Receive()) << "the daemon has taken it from its owner";
 }
 
-class ReadOnlyRun {
- public:
-  ReadOnlyRun() { Remount(MS_RDONLY); }
-  ReadOnlyRun(const ReadOnlyRun&) = delete;
-  ReadOnlyRun& operator=(const ReadOnlyRun&) = delete;
-  ~ReadOnlyRun() { Remount(0); }
-
- private:
-  static void Remount(unsigned long flag) {
-    EXPECT_EQ(mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV | flag, nullptr),
-              0);
-  }
-};
+void RemountRun(unsigned long flag) {
+  EXPECT_EQ(mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV | flag, nullptr), 0);
+}
 
 void RunIsReadOnly() {
   WriteTextFile(kVideoWidthPath, "1920");
-  const ReadOnlyRun read_only;
+  RemountRun(MS_RDONLY);
   ServeAtOnce();
+  RemountRun(0);
   char width[10];
   ReadTextFile(kVideoWidthPath, width);
   EXPECT_STREQ(width, "1920");
@@ -367,7 +328,7 @@ class SetClock {
 // round.
 void ClockIsStepped(milliseconds step) {
   SetClock clock;
-  Run run(clock.Daemon());
+  DaemonRun run(clock.Daemon());
   ASSERT_TRUE(WaitForBridge(run.daemon.pid())) << run.daemon.Error();
   const UdpSocket phone;
   for (int visit = 1; visit <= 2; ++visit) {
@@ -390,7 +351,7 @@ void ClockStepsBack() { ClockIsStepped(-std::chrono::hours{1}); }
 // The camera's next datagram shows that it is there; the watchdog may look before.
 void ClockStepsWhileTheCameraStreams() {
   SetClock clock;
-  std::optional<Run> run(std::in_place, clock.Daemon());
+  std::optional<DaemonRun> run(std::in_place, clock.Daemon());
   ASSERT_TRUE(run->camera.Connect());
   RingWatcher ring;
   for (int round = 0; round < 20 && run->daemon.IsRunning(); ++round) {
@@ -418,7 +379,7 @@ std::vector<Bytes> Garbage(std::uint32_t seed) {
 // As many as the machine can; nobody has a hundred thousand a second for long.
 void GarbageOnEveryPort() {
   constexpr milliseconds kTime{3'000};
-  std::optional<Run> run(std::in_place);
+  std::optional<DaemonRun> run(std::in_place);
   ASSERT_TRUE(run->camera.Connect());
   ASSERT_TRUE(WaitForBridge(run->daemon.pid()));
   RingWatcher ring;

@@ -57,12 +57,11 @@ void (*const kShapes[])(Bytes& datagram) = {
 };
 
 TEST(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
-  ScriptedCamera camera(kOtherCameraPort);
-  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
-  ASSERT_TRUE(camera.Connect());
-  ASSERT_TRUE(WaitForBridge(daemon.pid()));
+  DaemonRun run;
+  ASSERT_TRUE(run.camera.Connect());
+  ASSERT_TRUE(WaitForBridge(run.daemon.pid()));
   RingWatcher ring;
-  const std::vector<BoundPort> ports = UdpPortsOf(daemon.pid());
+  const std::vector<BoundPort> ports = UdpPortsOf(run.daemon.pid());
   ASSERT_EQ(ports.size(), 4U);
 
   const UdpSocket enemy;
@@ -81,19 +80,15 @@ TEST(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
       }
       waiting += length + 500;
       if (waiting > kMayWait) {
-        ASSERT_TRUE(WaitUntilRead(daemon.pid()));
+        ASSERT_TRUE(WaitUntilRead(run.daemon.pid()));
         waiting = 0;
       }
     }
   }
-  for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
+  for (const BoundPort& bound : UdpPortsOf(run.daemon.pid())) {
     EXPECT_EQ(bound.drops, 0U) << "the daemon did not see all that was sent to " << bound.port;
   }
-  const Bytes unit = MakeUnit(5000, 2);
-  camera.SendUnit(unit);
-  camera.SendNextHeader();
-  EXPECT_TRUE(ring.WaitFor(unit));
-  EXPECT_TRUE(daemon.IsRunning());
+  EXPECT_TRUE(Serves(run, ring));
 }
 
 }  // namespace

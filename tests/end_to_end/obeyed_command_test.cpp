@@ -41,7 +41,7 @@ TEST_P(ObeyedCommands, AreSeenToTakeEffect) {
   ChildProcess daemon(DaemonCommand());
   ASSERT_TRUE(daemon.WaitForLine("Camera connection found"));
   for (const Options& words : GetParam()) {
-    Options command = {ProgramPath("kestrelctl"), "command", "--wait", "--timeout", "30"};
+    Options command = Kestrelctl({"command", "--wait", "--timeout", "30"});
     command.insert(command.end(), words.begin(), words.end());
     ChildProcess tool(command);
     EXPECT_EQ(tool.WaitForExit(2 * Patience()), ExitedWith(0)) << words[0] << ": " << tool.Error();

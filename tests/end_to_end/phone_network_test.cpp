@@ -19,7 +19,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -28,7 +27,7 @@
 #include "base/run_paths.h"
 #include "camera/packet_format.h"
 #include "end_to_end/daemon_bench.h"
-#include "tools/annexb.h"
+#include "tools/clip.h"
 #include "tools/packet_check.h"
 
 namespace kestrelbridge {
@@ -124,8 +123,7 @@ class PhoneNetwork : public testing::Test {
 
 // The first units of the clip, played again and again.
 std::string EndlessClip(std::uint64_t units) {
-  const std::string text = ReadFile(kTestPattern);
-  const Bytes clip(text.begin(), text.end());
+  const Bytes clip = ReadClip(kTestPattern);
   const auto clip_units = SplitAccessUnits(clip);
   std::string stream;
   for (std::uint64_t i = 0; i < units; ++i) {
@@ -170,8 +168,8 @@ TEST_F(PhoneNetwork, AppAndMainApplicationGetTheWholeStreamAtFullRate) {
   ChildProcess camera(OnHost("camera", CameraTool(kTestPattern, 500, {"--loop"}, kCameraPort)));
   ASSERT_TRUE(Eventually([&] { return SizeOf(ring_path) > 0; })) << daemon.Error();
 
-  ChildProcess phone(OnHost("phone", {ProgramPath("kestrelctl"), "phone", "--to",
-                                      "192.168.2.1:9004", "--output", phone_path}));
+  ChildProcess phone(
+      OnHost("phone", Kestrelctl({"phone", "--to", "192.168.2.1:9004", "--output", phone_path})));
   constexpr std::uintmax_t kTwoSecondsOfVideo = 10'000'000;
   EXPECT_TRUE(Eventually([&] { return SizeOf(phone_path) > kTwoSecondsOfVideo; }));
   phone.Kill(SIGINT);
@@ -302,15 +300,6 @@ TEST_F(ScriptedPhoneNetwork,
   EXPECT_EQ(CountLines(daemon_.Error(), "DJI MIMO connection found"), 1);
 }
 
-// The main application on the box, which has been told where the daemon takes commands.
-void SendCommandOnBox(std::string_view text) {
-  const auto main_application =
-      MakeOnHost<UdpSocket>("box", UdpAddress{.host = "127.0.0.1", .port = 5000});
-  const auto telemetry = main_application.Receive();
-  ASSERT_TRUE(telemetry);
-  main_application.Send(Bytes(text.begin(), text.end()), telemetry->sender);
-}
-
 TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsThere) {
   RingWatcher ring;
   Bytes unit;
@@ -345,7 +334,8 @@ TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsT
     EXPECT_TRUE(TakeFromPhone());
   }
   EXPECT_EQ(FromDaemon(), from_daemon) << "the daemon talked, too";
-  SendCommandOnBox(R"(!{"cmd":"record","param":"start"})");
+  SendAppText(MakeOnHost<UdpSocket>("box", UdpAddress{.host = "127.0.0.1", .port = 5000}),
+              R"(!{"cmd":"record","param":"start"})");
   EXPECT_TRUE(TakeUntil(PacketType::kCommand));
   EXPECT_EQ(FromDaemon(), from_daemon + 1);
 

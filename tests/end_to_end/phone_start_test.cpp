@@ -3,16 +3,25 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "base/run_paths.h"
 #include "end_to_end/daemon_bench.h"
-#include "support/fake_iptables.h"
 
 namespace kestrelbridge {
 namespace {
+
+// A program "iptables" that does nothing but write down how it was called: a line a call, the
+// arguments in brackets.
+void MakeFakeIptables(const TemporaryFolder& folder) {
+  const std::string program = folder.File("iptables");
+  std::ofstream(program) << "#!/bin/sh\n"
+                         << "{ printf '[%s]' \"$@\"; echo; } >>'" << folder.File("calls") << "'";
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+}
 
 // The daemon, with the camera elsewhere than on port 9004.
 std::vector<std::string> Command(const std::string& path,
@@ -44,35 +53,33 @@ TEST(PhoneStart, AsksForTheRuleThatTheFileAndTheOptionsName) {
        "[10.0.0.9]",
        "[74540]"},
       {";>own;\n", "", "access-point interface \";>own; \""},
+      {"w\x1B[2J\xFF", "", "access-point interface \"w?[2J?\""},  // nothing for the terminal
       {"wlan1", "", "camera host \"192.168.2.1;>own\"", {"--host", "192.168.2.1;>own"}},
   };
   for (const auto& row : rows) {
-    const FakeIptables iptables;
+    const TemporaryFolder iptables;
+    MakeFakeIptables(iptables);
     std::ofstream(kAccessPointInterfacePath, std::ios::binary) << row.interface_file;
-    ChildProcess daemon(Command(iptables.Folder() + ":/usr/bin:/bin", row.options));
+    ChildProcess daemon(Command(iptables.Path() + ":/usr/bin:/bin", row.options));
     ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
     const bool is_run = row.complaint.empty();
-    EXPECT_EQ(iptables.Calls(), is_run
-                                    ? "[-t][nat][-I][PREROUTING][-i]" + row.interface_arguments +
-                                          "[--src][0/0][--dst]" + row.host + "[-p][udp][--dport]" +
-                                          row.port + "[-j][REDIRECT][--to-ports][9004]\n"
-                                    : "");
+    EXPECT_EQ(ReadFile(iptables.File("calls")),
+              is_run ? "[-t][nat][-I][PREROUTING][-i]" + row.interface_arguments +
+                           "[--src][0/0][--dst]" + row.host + "[-p][udp][--dport]" + row.port +
+                           "[-j][REDIRECT][--to-ports][9004]\n"
+                     : "");
     EXPECT_TRUE(is_run || daemon.WaitForLine(row.complaint)) << daemon.Error();
     EXPECT_EQ(CountLines(daemon.Error(), "No redirect rule for the phone app: "), is_run ? 0 : 1);
   }
 }
 
 TEST(PhoneStart, WithoutIptablesTheVideoFlows) {
-  ScriptedCamera camera(kOtherCameraPort);
-  ChildProcess daemon(Command("/nowhere"));
-  ASSERT_TRUE(camera.Connect()) << daemon.Error();
-  EXPECT_TRUE(daemon.WaitForLine("iptables")) << daemon.Error();
-  EXPECT_TRUE(WaitForBridge(daemon.pid()));
+  DaemonRun run(Command("/nowhere"));
+  ASSERT_TRUE(run.camera.Connect()) << run.daemon.Error();
+  EXPECT_TRUE(run.daemon.WaitForLine("iptables")) << run.daemon.Error();
+  EXPECT_TRUE(WaitForBridge(run.daemon.pid()));
   RingWatcher ring;
-  const Bytes unit = MakeUnit(3000, 1);
-  camera.SendUnit(unit);
-  camera.SendNextHeader();
-  EXPECT_EQ(ring.Next(), unit);
+  EXPECT_TRUE(Serves(run, ring));
 }
 
 }  // namespace

@@ -5,29 +5,22 @@
 #include <chrono>
 
 #include "base/byte_order.h"
-#include "camera/crc.h"
+#include "camera/packet_format.h"
 #include "end_to_end/daemon_bench.h"
+#include "tools/packet_check.h"
 
 namespace kestrelbridge {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const Bytes kConnectionRequestBytes = {
-    0x30, 0x80, 0x30, 0x32, 0x00, 0x00, 0x00, 0xB2,  // length 48, kind 0, check
-    0x80, 0x91, 0x64, 0x00, 0x64, 0x00, 0xC0, 0x05,  //
-    0x14, 0x00, 0x00, 0x0A, 0x00, 0x00, 0x01, 0x90,  //
-    0x01, 0xC0, 0x05, 0x14, 0x00, 0x00, 0x64, 0x00,  //
-    0x14, 0x00, 0x64, 0x00, 0xC0, 0x05, 0x14, 0x00,  //
-    0x00, 0x64, 0x00, 0x01, 0x01, 0x04, 0x0A, 0x02};
-
 TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
   ScriptedCamera camera;
   ChildProcess daemon(DaemonCommand());
-  EXPECT_EQ(camera.Receive(), kConnectionRequestBytes);
+  EXPECT_EQ(CheckPacket(camera.Receive()).type, PacketType::kConnectionRequest);
   const auto first = Clock::now();
   for (int request = 0; request < 3; ++request) {
-    EXPECT_EQ(camera.Receive(), kConnectionRequestBytes);
+    EXPECT_EQ(CheckPacket(camera.Receive()).type, PacketType::kConnectionRequest);
   }
   // Three seconds, less what the first was late.
   EXPECT_GE(Clock::now() - first, std::chrono::seconds{2});
@@ -52,20 +45,12 @@ TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
   ASSERT_FALSE(ReceiveOfSize(camera, 34).empty());
   camera.Send(CommandDataDatagram(0xBEEF, EmptyCommandData()));
   const Bytes keepalive = ReceiveOfSize(camera, 49);
-  ASSERT_EQ(keepalive.size(), 49U);
+  const CheckedPacket checked = CheckPacket(keepalive);
+  ASSERT_EQ(checked.type, PacketType::kKeepalive) << checked.fault;
+  EXPECT_EQ(LoadLe16(keepalive, kWrapperSequenceOffset), 0xBEEF);
   const int sent_before = camera.packets_received() - 1;
   EXPECT_GE(sent_before, 2);
-
-  Bytes expected = {0x31, 0x80, 0x30, 0x32, 0x00, 0x00, 0x04, 0xB7,  // length 49, kind 4, check
-                    0xEF, 0xBE, 0xEF, 0xBE, 0x00, 0x00, 0x00, 0x00,  // the camera's sequence, twice
-                    0x80, 0x91, 0x80, 0x91, 0x00, 0x00, 0x00, 0x00,  //
-                    0xE8, 0x91, 0xE8, 0x91, 0x00, 0x00, 0x00, 0x00,  //
-                    0x0F, 0x00,                                      // frame length
-                    0x55, 0x0F, 0x04, 0xA2, 0x02, 0x01, 0x00, 0x00,  // frame sequence
-                    0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00};       // CRC-16
-  StoreLe16(expected, 40, static_cast<std::uint16_t>(sent_before));
-  StoreLe16(expected, 47, FrameCrc16(std::span(expected).subspan(34, 13)));
-  EXPECT_EQ(keepalive, expected);
+  EXPECT_EQ(LoadLe16(checked.frame, kFrameSequenceOffset), sent_before);
 }
 
 TEST(Session, EndsWithCodeThreeAtAnEmptyDatagramOnAnyPort) {

@@ -36,7 +36,6 @@ TEST(StartUp, RefusesAWrongCommandLineWithCodeOneAndSaysWhy) {
     std::vector<std::string> options;
     std::string message;  // whole lines: all that follows the banner; else the usage comes last
   } rows[] = {{{"-?"}, kUsage},
-              {{"-v", "-p", "9005", "--help"}, kUsage},
               {{"--colour"}, "'--colour'"},
               {{"--port"}, "'--port'"},
               {{"--dst-port=0"}, no_destination},

@@ -30,25 +30,16 @@ expect_only() {
 }
 
 expect 'kestrelctl ' camera video --help
-expect_only 'kestrelctl vid' video
 expect 'kestrelctl camera ' --clip --listen --silence-after --help
 expect 'kestrelctl camera --loop --d' --duration --datagram-size --duplicate
-expect_only 'kestrelctl video --cou' --count
-expect_only 'kestrelctl camera --fps 3'
-expect_only 'kestrelctl camera --clip CMake' CMakeLists.txt
 expect_only 'kestrelctl video --output=CMake' CMakeLists.txt
-expect 'kestrelctl rc ' iso= --slider
 expect_only 'kestrelctl rc rec' record=
 expect 'kestrelctl camera --set ' camera_mode= iso_set=
-expect_only 'kestrelctl camera --set iso_s' iso_set=
 # readline has split the word at = and replaces what comes after it.
 expect_only 'kestrelctl camera --set iso_set=1' 100 1600
 expect_only 'kestrelctl camera --set=iso_set=au' auto
 expect_only 'kestrelctl camera --set color_mode=black' 'black\ white'
-expect_only 'kestrelctl command ca' camera
-expect_only 'kestrelctl command camera m' mode
 expect_only 'kestrelctl command camera mode ph' photo
 expect_only 'kestrelctl command iso 6' 6400
-expect_only 'kestrelctl command color bl' 'black\ white'
 expect 'kestrelctl command iso ' auto --wait
 exit $failures

@@ -15,24 +15,7 @@
 namespace kestrelbridge {
 namespace {
 
-using test::Bytes;
 using test::Push;
-
-TEST(CameraState, ClearingForgetsEverything) {
-  for (const std::size_t length :
-       {test::kStatus, test::kSettings, test::kBattery, test::kHistogram}) {
-    DecodeStatusFrame(Push(length, 0xFF));
-  }
-  UpdateCameraState([](CameraState& state) { state.wb_temp_set = 1800; });
-  ClearCameraState();
-  const CameraState state = SnapshotCameraState();
-  const TextRecord text = BuildTextRecord(state);
-  EXPECT_EQ(text.buffer, BuildTextRecord({}).buffer);
-  EXPECT_EQ(BuildStatusRecord(state), BuildStatusRecord({}));
-  EXPECT_EQ(BuildHistogramRecord(state), BuildHistogramRecord({}));
-  EXPECT_EQ(state.histogram_time_ms, 0U);
-  EXPECT_EQ(state.wb_temp_set, 0.0F);
-}
 
 // Two settings pushes that differ in every text.
 const Bytes kFirstPush = test::PushWith(

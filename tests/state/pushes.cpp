@@ -8,22 +8,9 @@
 #include "state/telemetry.h"
 
 namespace kestrelbridge::test {
-namespace {
-
-constexpr std::ptrdiff_t kPayload = 11;
-
-}  // namespace
 
 Bytes Push(std::size_t length, std::uint8_t fill) {
-  Bytes frame(length, 0);
-  frame[0] = 0x55;
-  frame[1] = static_cast<std::uint8_t>(length);
-  frame[2] = 0x04;
-  frame[9] = 0x02;
-  frame[10] = 0x80;
-  std::fill(frame.begin() + kPayload, frame.end() - 2, fill);
-  Seal(frame);
-  return frame;
+  return CommandFrame(0x02, 0x80, Bytes(length - kFrameOverhead, fill));
 }
 
 Bytes PushWith(std::size_t length, const std::vector<std::pair<std::size_t, Bytes>>& fields) {
@@ -35,7 +22,8 @@ Bytes PushWith(std::size_t length, const std::vector<std::pair<std::size_t, Byte
 }
 
 void Put(Bytes& push, std::size_t payload_offset, const Bytes& bytes) {
-  std::ranges::copy(bytes, push.begin() + kPayload + static_cast<std::ptrdiff_t>(payload_offset));
+  std::ranges::copy(
+      bytes, push.begin() + kFramePayloadOffset + static_cast<std::ptrdiff_t>(payload_offset));
   Seal(push);
 }
 

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-namespace kestrelbridge::test {
+#include "support/camera_datagrams.h"
 
-using Bytes = std::vector<std::uint8_t>;
+namespace kestrelbridge::test {
 
 inline constexpr std::size_t kBattery = 53;
 inline constexpr std::size_t kHistogram = 77;
@@ -19,8 +19,7 @@ inline constexpr std::size_t kStatus = 80;
 inline constexpr std::size_t kSettings = 115;
 
 // A frame of `length` bytes (13 to 255) with the flags, command set and id of the status push, its
-// payload all `fill`, check sums right. In a block of exactly its size, so that AddressSanitizer
-// sees a read past it.
+// payload all `fill`, check sums right.
 Bytes Push(std::size_t length, std::uint8_t fill = 0);
 
 // One of zeros, but for these bytes of the payload.

@@ -16,7 +16,6 @@
 namespace kestrelbridge {
 namespace {
 
-using test::Bytes;
 using test::Push;
 using test::PushWith;
 

@@ -1,9 +1,12 @@
 #include "support/camera_datagrams.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <random>
+#include <stdexcept>
 
 #include "base/byte_order.h"
+#include "camera/camera_link.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 
@@ -14,6 +17,16 @@ constexpr std::size_t kUnitHeaderSize = 12;
 constexpr std::uint8_t kNonIdrPicture = 0x41;
 
 }  // namespace
+
+void BeCameraAt(const UdpSocket& camera) {
+  CameraLink& link = GetCameraLink();
+  if (Open(link.endpoint, 0) != 0) {
+    throw std::runtime_error("the camera's endpoint cannot be opened");
+  }
+  std::snprintf(link.host, sizeof link.host, "127.0.0.1");
+  link.port = camera.port();
+  link.outgoing_packet_counter = 0;
+}
 
 Bytes CameraDatagram(std::uint8_t kind, std::uint16_t sequence,
                      std::span<const std::uint8_t> payload) {
@@ -74,6 +87,7 @@ Bytes CommandFrame(std::uint8_t command_set, std::uint8_t command_id,
   frame[kFrameLengthOffset] = static_cast<std::uint8_t>(frame.size());
   frame[kFrameCrc8Offset] = FrameCrc8(std::span(frame).first(kFrameCrc8Offset));
   SealCommandFrame(frame, frame_sequence);
+  frame.shrink_to_fit();
   return frame;
 }
 

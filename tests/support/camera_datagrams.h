@@ -6,9 +6,15 @@
 #include <span>
 #include <vector>
 
+#include "support/udp_socket.h"
+
 namespace kestrelbridge {
 
 using Bytes = std::vector<std::uint8_t>;
+
+// From now on what the daemon's pieces in this process send to the camera arrives at this socket,
+// numbered from 0.
+void BeCameraAt(const UdpSocket& camera);
 
 // A datagram of the camera: 20-byte transport wrapper and payload. Kinds: camera/packet_format.h.
 Bytes CameraDatagram(std::uint8_t kind, std::uint16_t sequence,
@@ -32,7 +38,8 @@ std::vector<Bytes> UnitDatagrams(std::uint16_t first_sequence, std::span<const s
 // and tell one unit from another.
 Bytes MakeUnit(std::size_t size, std::uint32_t seed);
 
-// A sealed command frame, as in the camera's status pushes. At most 242 payload bytes.
+// A sealed command frame, as in the camera's status pushes. At most 242 payload bytes. In a block
+// of exactly its size, so that AddressSanitizer sees a read past it.
 Bytes CommandFrame(std::uint8_t command_set, std::uint8_t command_id,
                    std::span<const std::uint8_t> payload, std::uint16_t frame_sequence = 0);
 

@@ -58,6 +58,11 @@ ProcessEnd Decode(int status) {
 
 }  // namespace
 
+std::vector<std::string> Kestrelctl(std::vector<std::string> words) {
+  words.insert(words.begin(), ProgramPath("kestrelctl"));
+  return words;
+}
+
 ChildProcess::ChildProcess(std::vector<std::string> command)
     : output_(MakeFile()), error_(MakeFile()) {
   std::vector<char*> arguments;

@@ -30,6 +30,9 @@ inline std::string ProgramPath(std::string_view name) {
   return std::string(KESTRELBRIDGE_BIN_DIR) + "/" + std::string(name);
 }
 
+// The command that runs kestrelctl with these words.
+std::vector<std::string> Kestrelctl(std::vector<std::string> words);
+
 // One running program, standard input empty, standard output and error kept. It is
 // killed with its ChildProcess, or when the thread that started it ends. One thread uses it.
 class ChildProcess {

@@ -2,27 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "support/child_process.h"
 
 namespace kestrelbridge {
 namespace {
 
-using Options = std::vector<std::string>;
 using FileTime = std::filesystem::file_time_type;
 
 constexpr char kFile[] = "/run/kestrelbridge/metrics.prom";
-
-ChildProcess Stats(Options options) {
-  options.insert(options.begin(), {ProgramPath("kestrelctl"), "stats"});
-  return ChildProcess(options);
-}
 
 // As the daemon does: beside it, then renamed.
 void Write(int published, int start, FileTime written = FileTime::clock::now()) {
@@ -42,7 +33,7 @@ void Write(int published, int start, FileTime written = FileTime::clock::now()) 
 TEST(StatsCommand, ShowsTotalsAndTheRateOfTheLatestSecond) {
   const auto now = FileTime::clock::now();
   Write(100, 1, now);
-  ChildProcess stats = Stats({"--count", "3"});
+  ChildProcess stats(Kestrelctl({"stats", "--count", "3"}));
   ASSERT_TRUE(stats.WaitForLine("published"));
   EXPECT_EQ(CountLines(stats.Output(), "100             -"), 1) << stats.Output();
   Write(160, 1, now + std::chrono::seconds{2});
@@ -53,24 +44,14 @@ TEST(StatsCommand, ShowsTotalsAndTheRateOfTheLatestSecond) {
   EXPECT_EQ(stats.Output().find('\x1b'), std::string::npos);
 }
 
-TEST(StatsCommand, PrintsJsonForScripts) {
-  Write(7, 1);
-  ChildProcess stats = Stats({"--json", "--count", "1", "--file", kFile});
-  EXPECT_EQ(stats.WaitForExit(), ExitedWith(0));
-  EXPECT_EQ(CountLines(stats.Output(),
-                       R"({"name":"kestrelbridge_units_total","outcome":"published","value":7})"),
-            1)
-      << stats.Output();
-}
-
 TEST(StatsCommand, SaysSinceWhenTheFileIsStaleAndWhenItIsMissing) {
   Write(7, 1, FileTime::clock::now() - std::chrono::seconds{100});
-  ChildProcess stale = Stats({"--duration", "0.5"});
+  ChildProcess stale(Kestrelctl({"stats", "--duration", "0.5"}));
   EXPECT_EQ(stale.WaitForExit(), ExitedWith(0));
   EXPECT_EQ(CountLines(stale.Error(), "not written for 10"), 1) << stale.Error();
   EXPECT_EQ(CountLines(stale.Output(), "published"), 1) << "the last values all the same";
   std::filesystem::remove(kFile);
-  ChildProcess missing = Stats({});
+  ChildProcess missing(Kestrelctl({"stats"}));
   EXPECT_EQ(missing.WaitForExit(), ExitedWith(1));
   EXPECT_EQ(CountLines(missing.Error(), "cannot read /run/kestrelbridge/metrics.prom: No such"), 1);
 }

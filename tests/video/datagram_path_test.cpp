@@ -5,11 +5,9 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <new>
 
-#include "camera/camera_link.h"
 #include "camera/camera_session.h"
 #include "kestrelbridge/frame_block.h"
 #include "support/camera_datagrams.h"
@@ -56,10 +54,7 @@ namespace {
 
 TEST(DatagramPath, AllocatesNothingAndTakesNoLock) {
   UdpSocket camera;
-  CameraLink& link = GetCameraLink();
-  ASSERT_EQ(Open(link.endpoint, 0), 0);
-  std::snprintf(link.host, sizeof link.host, "127.0.0.1");
-  link.port = camera.port();
+  BeCameraAt(camera);
   ASSERT_EQ(InitFrameBuffers(), 0);
   std::vector<Bytes> datagrams;
   for (std::uint32_t unit = 0; unit < 300; ++unit) {

@@ -11,7 +11,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 
 #include "base/byte_order.h"
 #include "support/eventually.h"
@@ -54,6 +53,7 @@ class FrameRing : public testing::Test {
     for (std::uint32_t i = 0; i < count; ++i) {
       Publish(1);
       ASSERT_TRUE(reader.Next(unit));
+      ASSERT_FALSE(reader.Next(unit));
     }
   }
 
@@ -108,18 +108,6 @@ TEST_F(FrameRing, ReaderBeginsWithWhatComesOrWithTheOldestAtMost100Back) {
   }
 }
 
-TEST_F(FrameRing, ReaderThatKeepsUpFollowsThroughAllNumbersAndTheirWrap) {
-  FrameBlockReader reader = Attach();
-  std::vector<std::uint8_t> unit;
-  for (std::uint32_t number = 0; number < 66'000; ++number) {
-    Publish(1);
-    ASSERT_TRUE(reader.Next(unit)) << number;
-    ASSERT_EQ(unit, NumberedUnit(number));
-    ASSERT_FALSE(reader.Next(unit)) << number;
-  }
-  EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
-}
-
 TEST_F(FrameRing, UnitCountsOnceItsNumberIsPublished) {
   Publish(5);
   FrameBlockReader reader = Attach();
@@ -155,20 +143,16 @@ TEST_F(FrameRing, ReaderGoesOnAfterALapAClearAndARestart) {
       {57, 199, kNone, 0, "57-255", "lost 0, laps 0, restarts 0"},
       {57, 200, kNone, 0, "157-256", "lost 100, laps 1, restarts 0"},  // a round to the slot
       {57, 1000, kNone, 0, "957-1056", "lost 900, laps 1, restarts 0"},
-      {200, 200, kNone, 0, "300-399", "lost 100, laps 1, restarts 0"},
+      {65'530, 20, kNone, 0, "65530-65549", "lost 0, laps 0, restarts 0"},     // over the wrap
       {65'400, 400, kNone, 0, "65700-65799", "lost 300, laps 1, restarts 0"},  // over the wrap
-      {57, 0, kClear, 1, "57-57", "lost 0, laps 1, restarts 0"},
       {57, 5, kClear, 3, "62-64", "lost 5, laps 1, restarts 0"},
       {300, 7, kClear, 100, "307-406", "lost 7, laps 1, restarts 0"},
       // The write index is 1 as before.
       {201, 0, kClear, 1, "201-201", "lost 0, laps 1, restarts 0"},
       {400, 0, kClear, 1, "400-400", "lost 0, laps 0, restarts 0"},  // slot 0 was next anyway
       // The reader polls before the first unit, as it does in a real restart, or does not.
-      {57, 0, kRestartWhileReaderLooks, 1, "0-0", "lost 0, laps 0, restarts 1"},
       {57, 0, kRestartWhileReaderLooks, 90, "0-89", "lost 0, laps 0, restarts 1"},
       {1, 0, kRestartWhileReaderLooks, 1, "0-0", "lost 0, laps 0, restarts 1"},
-      {300, 0, kRestartWhileReaderLooks, 3, "0-2", "lost 0, laps 0, restarts 1"},
-      {57, 0, kRestart, 1, "0-0", "lost 0, laps 0, restarts 1"},
       {200, 0, kRestart, 1, "0-0", "lost 0, laps 0, restarts 1"},
       {300, 0, kRestart, 99, "0-98", "lost 0, laps 0, restarts 1"},
       {203, 0, kRestart, 3, "0-2", "lost 0, laps 0, restarts 1"},  // the write index is 3 as before
@@ -201,18 +185,15 @@ struct Damage {
 // Inflicted on a ring of 50 units.
 const Damage kDamages[] = {
     {"write index just outside", [](auto block) { StoreLe16(block, kWriteIndexOffset, 200); }},
-    {"write index far outside", [](auto block) { StoreLe16(block, kWriteIndexOffset, 0xFFFF); }},
     {"write index elsewhere", [](auto block) { StoreLe16(block, kWriteIndexOffset, 120); }},
     {"write index 0", [](auto block) { StoreLe16(block, kWriteIndexOffset, 0); }},
     {"last sequence back", [](auto block) { StoreLe16(block, kLastSequenceOffset, 20); }},
     {"last sequence ahead", [](auto block) { StoreLe16(block, kLastSequenceOffset, 5000); }},
     {"no length", [](auto block) { StoreLe32(block, SlotOffset(49), 0); }},
     {"length just too long", [](auto block) { StoreLe32(block, SlotOffset(49), 300'001); }},
-    {"length far too long", [](auto block) { StoreLe32(block, SlotOffset(49), 0xFFFFFFFF); }},
     {"second chunk", [](auto block) { block[SlotOffset(49) + kChunkIndexOffset] = 1; }},
     {"another number", [](auto block) { StoreLe16(block, SlotOffset(49) + 4, 48); }},
     {"all ones", [](auto block) { std::ranges::fill(block.subspan(2), std::uint8_t{0xFF}); }},
-    {"all zero", [](auto block) { std::ranges::fill(block, std::uint8_t{0}); }},
     {"header zero", [](auto block) { std::ranges::fill(block.first(24), std::uint8_t{0}); }},
 };
 
@@ -256,36 +237,21 @@ TEST(FrameBlockMapping, OpensOnceTheDaemonHasMadeTheBlock) {
 
 // A process of its own that publishes without a pause, until it is killed. Its units count on
 // through clears (asked for by the test) and starts of the daemon.
-class RestlessWriter {
- public:
-  explicit RestlessWriter(std::uint32_t units_between_starts) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      Run(units_between_starts);
+pid_t StartRestlessWriter(std::uint32_t units_between_starts) {
+  const pid_t writer = fork();
+  if (writer != 0) {
+    return writer;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  std::freopen("/dev/null", "we", stderr);
+  std::mt19937 random(2);
+  for (std::uint32_t number = 0;; ++number) {
+    if (number % units_between_starts == 0) {
+      InitFrameBuffers();
     }
+    PublishVideoUnit(NumberedUnit(number, 50'000 + random() % 49'999));
   }
-  RestlessWriter(const RestlessWriter&) = delete;
-  RestlessWriter& operator=(const RestlessWriter&) = delete;
-  ~RestlessWriter() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  [[noreturn]] static void Run(std::uint32_t units_between_starts) {
-    std::freopen("/dev/null", "we", stderr);
-    std::mt19937 random(2);
-    for (std::uint32_t number = 0;; ++number) {
-      if (number % units_between_starts == 0) {
-        InitFrameBuffers();
-      }
-      PublishVideoUnit(NumberedUnit(number, 50'000 + random() % 49'999));
-    }
-  }
-
-  pid_t pid_ = -1;
-};
+}
 
 // Lets the writer go on by so many units, and returns without delay.
 bool AwaitUnits(const std::uint8_t* block, std::uint32_t count) {
@@ -310,7 +276,7 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
   for (const auto& race : races) {
     StartDaemon();
     FrameBlockReader reader = Attach();
-    const RestlessWriter writer(race.units_between_starts);
+    const pid_t writer = StartRestlessWriter(race.units_between_starts);
     std::vector<std::uint8_t> unit;
     std::int64_t last = -1;
     std::mt19937 random(3);
@@ -328,6 +294,8 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
         }
       }
     }
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
     EXPECT_GT(reader.counters().laps, 0U);
     EXPECT_EQ(reader.counters().restarts > 0, race.units_between_starts != kNever);
   }

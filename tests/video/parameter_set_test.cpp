@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,12 +17,11 @@ namespace {
 // In a heap block of exactly its size, so that AddressSanitizer sees a read beyond.
 // "1280x720"; "failed" for a parameter set that leaves width and height as they were.
 std::string Parse(const std::vector<std::uint8_t>& bytes) {
-  const auto exact = std::make_unique<std::uint8_t[]>(bytes.size());
-  std::ranges::copy(bytes, exact.get());
+  const std::vector<std::uint8_t> exact(bytes);
   H264Parse parser;
   std::uint32_t width = 7;
   std::uint32_t height = 7;
-  if (!parser.ParseSps(exact.get(), static_cast<std::uint32_t>(bytes.size()), &width, &height)) {
+  if (!parser.ParseSps(exact.data(), static_cast<std::uint32_t>(bytes.size()), &width, &height)) {
     return width == 7 && height == 7 ? "failed" : "failed, but changed them";
   }
   return std::to_string(width) + "x" + std::to_string(height);

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,10 +29,7 @@ const Bytes kOtherUnit = {0, 0, 0, 1, 0x41, 9, 8, 7};
 class UnitAssembly : public testing::Test {
  protected:
   UnitAssembly() {
-    CameraLink& link = GetCameraLink();
-    EXPECT_EQ(Open(link.endpoint, 0), 0);
-    std::snprintf(link.host, sizeof link.host, "127.0.0.1");
-    link.port = camera_.port();
+    BeCameraAt(camera_);
     testing::internal::CaptureStderr();
     Take(UnitHeaderDatagram(0, 0, {}));  // ends what an earlier test left in progress
     while (camera_.Receive(0ms)) {
@@ -41,7 +37,7 @@ class UnitAssembly : public testing::Test {
     EXPECT_EQ(InitFrameBuffers(), 0);
     EXPECT_TRUE(mapping_.Open());
     reader_.emplace(mapping_.data());
-    link.outgoing_packet_counter = 0;
+    GetCameraLink().outgoing_packet_counter = 0;
     Log();
   }
 
