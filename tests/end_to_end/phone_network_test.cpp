@@ -127,7 +127,7 @@ std::string EndlessClip(std::uint64_t units) {
   const auto clip_units = SplitAccessUnits(clip);
   std::string stream;
   for (std::uint64_t i = 0; i < units; ++i) {
-    const AccessUnit unit = clip_units[i % clip_units.size()];
+    const AccessUnit unit = clip_units[static_cast<std::size_t>(i % clip_units.size())];
     stream.append(unit.begin(), unit.end());
   }
   return stream;
