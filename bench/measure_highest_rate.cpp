@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -21,6 +22,7 @@ constexpr double kNextStep = 1.15;  // from what an earlier repetition has found
 constexpr double kFinestStep = 1.03;
 constexpr double kFiner = 2.5;
 constexpr double kStepBack = 1.25;  // a hiccup of the machine costs more than the search saw
+constexpr double kMostGain = 1.3;   // over an earlier repetition's, which a hiccup had held down
 constexpr int kMaxProofs = 10;
 constexpr std::chrono::milliseconds kSettle{10};
 constexpr std::chrono::seconds kPatience{2};
@@ -104,6 +106,7 @@ Limit FindLimit(Subject& subject, DatagramStream& stream, double earlier_mbit) {
   const bool first = earlier_mbit == 0;
   double rate =
       Search(subject, load, first ? kFirstMbit : earlier_mbit, first ? kFirstStep : kNextStep);
+  rate = first ? rate : std::min(rate, kMostGain * earlier_mbit);
   Trial proof;
   for (int i = 0; i < kMaxProofs && !proof.whole; ++i) {
     rate = i == 0 ? rate : rate / kStepBack;

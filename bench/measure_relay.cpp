@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint16_t kPhonePort = 9020;
 constexpr std::uint16_t kSocatPort = 9021;
-constexpr int kDatagrams = 3000;
+constexpr int kDatagrams = 2000;
 constexpr std::chrono::microseconds kPeriod{700};
 constexpr std::chrono::milliseconds kGivenUp{200};
 constexpr int kPhonePeriod = 200;  // datagrams between two of the phone

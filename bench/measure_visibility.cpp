@@ -9,7 +9,7 @@
 namespace kestrelbridge::bench {
 namespace {
 
-constexpr int kUnits = 600;
+constexpr int kUnits = 400;
 constexpr std::chrono::milliseconds kPeriod{5};
 constexpr std::chrono::milliseconds kGivenUp{200};
 constexpr double kMicrosecondsPerSecond = 1e6;
