@@ -10,8 +10,8 @@ namespace kestrelbridge::bench {
 namespace {
 
 constexpr std::array kRatesMbit = {40.0, 200.0};
-constexpr Seconds kVideoTime{2.5};
-constexpr Seconds kIdleTime{2};
+constexpr Seconds kVideoTime{2};
+constexpr Seconds kIdleTime{1.5};
 constexpr std::chrono::milliseconds kSettle{30};
 
 // What one program needs, for each rate; and per second without any video.
