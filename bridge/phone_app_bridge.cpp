@@ -33,11 +33,12 @@ void OnPhoneAppLost() { std::fprintf(stderr, "DJI MIMO connection lost\n"); }
 
 // What we send to the camera comes back here when the camera's address is that of this very port,
 // as on a box that is to try a simulated camera and lacks its --port. Relayed, it would go round
-// for ever.
-bool IsOurOwn(const char* sender_address, std::uint16_t sender_port) {
-  if (sender_port != bridge.camera_link_port || !IsLocalAddress(sender_address)) {
-    return false;
-  }
+// for ever. Who has seen the endpoint's peer also sees the port that Init has set.
+bool IsOurOwn(UdpPeer peer) {
+  return peer.port == bridge.camera_link_port && IsLocalAddress(peer.address);
+}
+
+void SayThatThereIsNoCamera() {
   if (!bridge.echo_said) {
     bridge.echo_said = true;
     std::fprintf(stderr,
@@ -45,16 +46,14 @@ bool IsOurOwn(const char* sender_address, std::uint16_t sender_port) {
                  "no camera, see --host and --port\n",
                  unsigned{kPhoneAppPort});
   }
-  return true;
 }
 
 // The daemon's packet counter is not touched: these are not its own packets.
-void RelayToCamera(std::span<const std::uint8_t> datagram, const char* sender_address,
-                   std::uint16_t sender_port) {
-  if (IsOurOwn(sender_address, sender_port)) {
-    return;
-  }
-  if (SendToCamera(datagram) != -1) {
+void RelayToCamera(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
+                   std::uint16_t /*sender_port*/) {
+  if (IsOurOwn(Peer(bridge.endpoint))) {
+    SayThatThereIsNoCamera();
+  } else if (SendToCamera(datagram) != -1) {
     GetCounters().relayed_to_camera.Add();
   }
 }
@@ -85,7 +84,8 @@ void ForwardToPhoneApp(std::span<const std::uint8_t> datagram) {
     std::fprintf(stderr, "To DJI MIMO: %d bytes\n", static_cast<int>(datagram.size()));
   }
   const UdpPeer phone_app = Peer(bridge.endpoint);
-  if (phone_app.port != 0 && SendTo(bridge.endpoint, datagram, phone_app) != -1) {
+  if (phone_app.port != 0 && !IsOurOwn(phone_app) &&
+      SendTo(bridge.endpoint, datagram, phone_app) != -1) {
     GetCounters().relayed_to_phone.Add();
   }
 }

@@ -147,14 +147,12 @@ UdpPeer Peer(const UdpEndpoint& endpoint) {
 }
 
 // Nobody can bind to another machine's address.
-bool IsLocalAddress(const char* address_text) {
-  in_addr address{};
+bool IsLocalAddress(std::uint32_t address) {
   const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-  if (socket == -1 || inet_aton(address_text, &address) == 0) {
-    close(socket);
+  if (socket == -1) {
     return false;
   }
-  const sockaddr_in local = ToSockaddr({.address = address.s_addr, .port = 0});
+  const sockaddr_in local = ToSockaddr({.address = address, .port = 0});
   const bool is_ours = bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
   close(socket);
   return is_ours;

@@ -93,8 +93,8 @@ std::uint16_t LocalPort(const UdpEndpoint& endpoint);
 // The latest sender; port 0 when there is none. Any thread.
 UdpPeer Peer(const UdpEndpoint& endpoint);
 
-// True for an address of this very machine, dotted decimal. Takes system calls. Any thread.
-bool IsLocalAddress(const char* address_text);
+// True for an address (network byte order) of this very machine. Takes system calls. Any thread.
+bool IsLocalAddress(std::uint32_t address);
 
 // True between found and lost. Any thread.
 bool LinkIsUp(const UdpEndpoint& endpoint);

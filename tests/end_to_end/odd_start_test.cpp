@@ -50,6 +50,14 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
   }));
   EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
   EXPECT_EQ(CountLines(daemon.Error(), "there is no camera"), 1);
+  // Nor does a stray datagram at the camera's end go round: it is followed by silence.
+  const UdpSocket stranger;
+  for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
+    if (bound.port != kPhonePort) {
+      stranger.Send(Bytes(20), {.host = "127.0.0.1", .port = bound.port});
+    }
+  }
+  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1)) << daemon.Error();
 }
 
 }  // namespace
