@@ -17,7 +17,7 @@
 #include "base/text_file.h"
 #include "bridge/phone_app_bridge.h"
 #include "bridge/redirect_rule.h"
-#include "camera/camera_session.h"
+#include "session/camera_session.h"
 #include "state/camera_state.h"
 #include "video/frame_buffers.h"
 

@@ -16,10 +16,10 @@
 #include "camera/packet_format.h"
 #include "net/socket_buffers.h"
 #include "program.h"
-#include "tools/camera_assignment.h"
-#include "tools/camera_pushes.h"
-#include "tools/camera_wire.h"
-#include "tools/tool_error.h"
+#include "tools/camera/camera_assignment.h"
+#include "tools/camera/camera_pushes.h"
+#include "tools/common/tool_error.h"
+#include "tools/wire/camera_wire.h"
 
 #ifndef UDP_SEGMENT
 #define UDP_SEGMENT 103
@@ -36,7 +36,7 @@ constexpr std::size_t kDrainBatch = 64;
 constexpr std::chrono::microseconds kWakeMargin{150};
 
 [[noreturn]] void Fail(const char* what) {
-  throw ToolError(std::string("the load cannot ") + what + ": " + std::strerror(errno));
+  throw tools::ToolError(std::string("the load cannot ") + what + ": " + std::strerror(errno));
 }
 
 // Refused: the program under test is gone, which CheckAlive tells better.
@@ -54,9 +54,9 @@ void Connect(int socket, const sockaddr_in& peer) {
 
 std::vector<std::uint8_t> BuildPushDatagram() {
   std::uint16_t frame_sequence = 0;
-  const auto pushes = BuildPushes(StartModel({}), Histogram{}, frame_sequence);
+  const auto pushes = tools::BuildPushes(tools::StartModel({}), tools::Histogram{}, frame_sequence);
   std::vector<std::uint8_t> datagram(kReceivedWrapperSize + pushes.size());
-  BuildCommandData(pushes, 0, datagram);
+  tools::BuildCommandData(pushes, 0, datagram);
   return datagram;
 }
 
@@ -83,7 +83,7 @@ void CameraSocket::AwaitPeer() {
   if (poll(&readable, 1, kPatienceMs) != 1 ||
       recvfrom(socket_, request.data(), request.size(), 0, reinterpret_cast<sockaddr*>(&peer),
                &size) <= 0) {
-    throw ToolError("the program under test did not ask for a stream");
+    throw tools::ToolError("the program under test did not ask for a stream");
   }
   Connect(socket_, peer);
 }

@@ -7,9 +7,9 @@
 #include "camera/packet_format.h"
 #include "measurements.h"
 #include "subjects.h"
-#include "tools/camera_wire.h"
-#include "tools/tool_error.h"
-#include "tools/udp_socket.h"
+#include "tools/common/tool_error.h"
+#include "tools/common/udp_socket.h"
+#include "tools/wire/camera_wire.h"
 
 namespace kestrelbridge::bench {
 namespace {
@@ -29,16 +29,16 @@ struct Latency {
 };
 
 // The phone talks, so that the daemon knows where it is.
-void Talk(const UdpSocket& phone) {
+void Talk(const tools::UdpSocket& phone) {
   const ConnectionRequest request = BuildConnectionRequest();
   if (!phone.Send(request, {.address = Loopback(), .port = kPhoneAppPort})) {
-    throw ToolError("the phone cannot send");
+    throw tools::ToolError("the phone cannot send");
   }
 }
 
 // True once that very datagram is there; what comes late of an earlier one does not count.
-bool Receive(const UdpSocket& phone, std::span<const std::uint8_t> sent) {
-  static std::array<std::uint8_t, kMaxDatagramSize> buffer;  // not zeroed anew at every look
+bool Receive(const tools::UdpSocket& phone, std::span<const std::uint8_t> sent) {
+  static std::array<std::uint8_t, tools::kMaxDatagramSize> buffer;  // not zeroed anew at every look
   std::span<const std::uint8_t> datagram;
   UdpPeer from;
   return phone.Receive(buffer, datagram, from) && std::ranges::equal(datagram, sent);
@@ -47,7 +47,7 @@ bool Receive(const UdpSocket& phone, std::span<const std::uint8_t> sent) {
 // One datagram after the other, each when the one before has long arrived: from right before it is
 // sent until the phone's socket has handed it out.
 std::vector<double> MeasureOne(Subject& subject, DatagramStream& stream, bool phone_talks) {
-  const UdpSocket phone({.address = Loopback(), .port = kPhonePort});
+  const tools::UdpSocket phone({.address = Loopback(), .port = kPhonePort});
   std::vector<double> samples;
   Clock::time_point due = Clock::now();
   for (int i = -kPhonePeriod; i < kDatagrams; ++i, due += kPeriod) {

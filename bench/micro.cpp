@@ -15,18 +15,20 @@
 #include <string>
 #include <vector>
 
+#include "camera/command_frame_scanner.h"
 #include "camera/crc.h"
-#include "camera/frame_scanner.h"
 #include "h264parse.h"
 #include "state/camera_state.h"
+#include "state/status_decoding.h"
 #include "state/telemetry.h"
-#include "tools/camera_assignment.h"
-#include "tools/camera_pushes.h"
-#include "tools/clip.h"
+#include "tools/camera/camera_assignment.h"
+#include "tools/camera/camera_pushes.h"
+#include "tools/camera/clip.h"
 
 namespace {
 
 using namespace kestrelbridge;
+using namespace kestrelbridge::tools;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kFrameBytes = 255;  // the longest frame
@@ -65,7 +67,7 @@ void Crc(benchmark::State& state) {
 // What is found is decoded into the state record too.
 void Scan(benchmark::State& state, const Bytes& batch) {
   for (auto _ : state) {
-    ScanCommandFrames(batch);
+    ScanCommandFrames(batch, DecodeSoundFrame);
   }
   CountBytes(state, batch.size());
 }
@@ -82,7 +84,7 @@ void ParameterSet(benchmark::State& state, std::span<const std::uint8_t> paramet
 }
 
 void Telemetry(benchmark::State& state) {
-  ScanCommandFrames(Pushes());
+  ScanCommandFrames(Pushes(), DecodeSoundFrame);
   const CameraState camera = SnapshotCameraState();
   for (auto _ : state) {
     benchmark::DoNotOptimize(BuildTextRecord(camera));

@@ -18,7 +18,7 @@
 #include <sstream>
 #include <thread>
 
-#include "tools/tool_error.h"
+#include "tools/common/tool_error.h"
 
 namespace kestrelbridge::bench {
 namespace {
@@ -108,7 +108,7 @@ Program::Program(const ProgramStart& start) : name_(start.command.at(0)) {
     Execute(arguments.data(), start.core);
   }
   if (pid_ == -1) {
-    throw ToolError("cannot start " + name_ + ": " + std::strerror(errno));
+    throw tools::ToolError("cannot start " + name_ + ": " + std::strerror(errno));
   }
 }
 
@@ -121,7 +121,7 @@ void Program::CheckAlive() const {
   siginfo_t end{};
   waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT);
   if (end.si_pid != 0) {
-    throw ToolError(name_ + " ended while it was measured: " + LastLineOfOutput());
+    throw tools::ToolError(name_ + " ended while it was measured: " + LastLineOfOutput());
   }
 }
 
@@ -130,7 +130,7 @@ std::chrono::nanoseconds Program::ProcessorTime() const {
   clockid_t clock = 0;
   std::timespec time{};
   if (clock_getcpuclockid(pid_, &clock) != 0 || clock_gettime(clock, &time) != 0) {
-    throw ToolError("the kernel does not tell the processor time of " + name_);
+    throw tools::ToolError("the kernel does not tell the processor time of " + name_);
   }
   return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
@@ -150,7 +150,7 @@ Memory Program::MemoryUse() const {
     }
   }
   if (memory.own_bytes == 0) {
-    throw ToolError("the kernel does not say how much memory " + name_ + " uses");
+    throw tools::ToolError("the kernel does not say how much memory " + name_ + " uses");
   }
   return memory;
 }
@@ -175,7 +175,7 @@ void AwaitUdpPort(std::uint16_t port) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (SocketLine(port).empty()) {
     if (std::chrono::steady_clock::now() > deadline) {
-      throw ToolError("nobody opened UDP port " + std::to_string(port));
+      throw tools::ToolError("nobody opened UDP port " + std::to_string(port));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds{10});
   }

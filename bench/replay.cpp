@@ -21,18 +21,19 @@
 #include <vector>
 
 #include "camera/camera_link.h"
-#include "camera/camera_session.h"
 #include "camera/packet_format.h"
-#include "tools/camera_assignment.h"
-#include "tools/camera_pushes.h"
-#include "tools/camera_wire.h"
-#include "tools/clip.h"
-#include "tools/tool_error.h"
+#include "session/camera_session.h"
+#include "tools/camera/camera_assignment.h"
+#include "tools/camera/camera_pushes.h"
+#include "tools/camera/clip.h"
+#include "tools/common/tool_error.h"
+#include "tools/wire/camera_wire.h"
 #include "video/frame_buffers.h"
 
 namespace {
 
 using namespace kestrelbridge;
+using namespace kestrelbridge::tools;
 using Datagram = std::vector<std::uint8_t>;
 
 constexpr std::size_t kPushDatagrams = 200;

@@ -7,10 +7,10 @@
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
 #include "program.h"
-#include "tools/camera_wire.h"
-#include "tools/clip.h"
-#include "tools/tool_error.h"
-#include "tools/udp_socket.h"
+#include "tools/camera/clip.h"
+#include "tools/common/tool_error.h"
+#include "tools/common/udp_socket.h"
+#include "tools/wire/camera_wire.h"
 
 namespace kestrelbridge::bench {
 namespace {
@@ -49,26 +49,26 @@ void SetDatagrams(DatagramStream& stream, std::span<const std::size_t> lengths) 
 
 void CheckUnitCount(const DatagramStream& recorded, std::size_t expected) {
   if (recorded.units.size() != expected) {
-    throw ToolError("GStreamer's payloader sent " + std::to_string(recorded.units.size()) +
-                    " units, the clip has " + std::to_string(expected));
+    throw tools::ToolError("GStreamer's payloader sent " + std::to_string(recorded.units.size()) +
+                           " units, the clip has " + std::to_string(expected));
   }
 }
 
 }  // namespace
 
 DatagramStream MakeCameraStream(const std::string& clip_path) {
-  const std::vector<std::uint8_t> clip = ReadClip(clip_path);
+  const std::vector<std::uint8_t> clip = tools::ReadClip(clip_path);
   DatagramStream stream;
   std::vector<std::size_t> lengths;
   std::uint16_t sequence = 0;
-  for (const AccessUnit unit : CutClip(clip)) {
-    const std::size_t count = UnitDatagramCount(unit.size(), kUsualDatagramSize);
+  for (const tools::AccessUnit unit : tools::CutClip(clip)) {
+    const std::size_t count = tools::UnitDatagramCount(unit.size(), tools::kUsualDatagramSize);
     stream.units.push_back(
         {.first_datagram = lengths.size(), .datagram_count = count, .length = unit.size()});
     stream.video_length += unit.size();
     for (std::size_t position = 0; position < count; ++position) {
-      std::array<std::uint8_t, kUsualDatagramSize> buffer{};
-      const auto datagram = BuildUnitDatagram(unit, position, sequence++, buffer);
+      std::array<std::uint8_t, tools::kUsualDatagramSize> buffer{};
+      const auto datagram = tools::BuildUnitDatagram(unit, position, sequence++, buffer);
       stream.bytes.insert(stream.bytes.end(), datagram.begin(), datagram.end());
       lengths.push_back(datagram.size());
     }
@@ -85,17 +85,17 @@ void RenumberCameraStream(DatagramStream& stream) {
 }
 
 DatagramStream RecordRtpStream(const std::string& clip_path) {
-  const std::vector<std::uint8_t> clip = ReadClip(clip_path);
-  const std::vector<AccessUnit> units = CutClip(clip);
-  const UdpSocket recorder({.address = Loopback(), .port = kRecorderPort});
+  const std::vector<std::uint8_t> clip = tools::ReadClip(clip_path);
+  const std::vector<tools::AccessUnit> units = tools::CutClip(clip);
+  const tools::UdpSocket recorder({.address = Loopback(), .port = kRecorderPort});
   Program payloader(
       {.command = {"gst-launch-1.0", "-q", "filesrc", "location=" + clip_path, "!", "h264parse",
                    "!", "rtph264pay", "config-interval=-1", "pt=96",
-                   "mtu=" + std::to_string(kUsualDatagramSize), "!", "udpsink", "host=127.0.0.1",
-                   "port=" + std::to_string(kRecorderPort), "sync=false"}});
+                   "mtu=" + std::to_string(tools::kUsualDatagramSize), "!", "udpsink",
+                   "host=127.0.0.1", "port=" + std::to_string(kRecorderPort), "sync=false"}});
   DatagramStream stream;
   std::vector<std::size_t> lengths;
-  std::vector<std::uint8_t> buffer(kMaxDatagramSize);
+  std::vector<std::uint8_t> buffer(tools::kMaxDatagramSize);
   std::size_t unit_begin = 0;
   // Ends with the last unit, or when nothing comes any more.
   while (stream.units.size() < units.size() && recorder.WaitForDatagram(std::chrono::seconds{10})) {

@@ -1,6 +1,6 @@
 #include "subjects.h"
 
-#include "tools/tool_error.h"
+#include "tools/common/tool_error.h"
 
 namespace kestrelbridge::bench {
 namespace {
@@ -32,7 +32,7 @@ std::unique_ptr<Subject> StartEcho(const Setting& setting, std::uint16_t receive
 
 UnitCounter::UnitCounter() {
   if (!ring_.Open()) {
-    throw ToolError("the program under test has made no ring");
+    throw tools::ToolError("the program under test has made no ring");
   }
   last_seen_ = Newest();
 }

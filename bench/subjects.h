@@ -9,7 +9,7 @@
 #include "load.h"
 #include "measurements.h"
 #include "program.h"
-#include "tools/udp_socket.h"
+#include "tools/common/udp_socket.h"
 
 namespace kestrelbridge::bench {
 
@@ -21,7 +21,7 @@ struct Subject {
   CameraSocket camera{kCameraPort};
   std::unique_ptr<Program> program;
   // Takes the telemetry, so that it is not sent to nobody.
-  UdpSocket main_application{{.address = Loopback(), .port = kTelemetryPort}};
+  tools::UdpSocket main_application{{.address = Loopback(), .port = kTelemetryPort}};
 };
 
 std::unique_ptr<Subject> StartDaemon(const Setting& setting);

@@ -16,6 +16,10 @@ std::uint16_t LastReceivedSequence() {
   return GetCameraLink().last_received_sequence.load(std::memory_order_relaxed);
 }
 
+bool CameraDataReceived() {
+  return GetCameraLink().command_data_received.load(std::memory_order_acquire);
+}
+
 int SendToCamera(std::span<const std::uint8_t> data) {
   const CameraLink& link = GetCameraLink();
   if (!IsOpen(link.endpoint)) {

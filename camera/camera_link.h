@@ -1,6 +1,6 @@
 // The one connection to the camera, as all who send to it see it: the record, the counters of its
 // packets and the send path. What happens to received datagrams is the session's business
-// (camera/camera_session.h).
+// (session/camera_session.h).
 #pragma once
 
 #include <pthread.h>
@@ -37,6 +37,11 @@ struct CameraLink {
   // Sequence of the camera's latest datagram. Written by the camera's receive thread, read by every
   // thread that builds a packet; it carries no other data, so relaxed access is enough.
   std::atomic<std::uint16_t> last_received_sequence{0};
+
+  // True once the camera has sent command data; stays so. Written by the camera's receive thread
+  // with release, read by the camera, telemetry and remote-control threads through
+  // CameraDataReceived: who sees the flag also sees the sequence of the datagram that set it.
+  std::atomic<bool> command_data_received{false};
 };
 
 // The process's one camera link. Any thread.
@@ -48,6 +53,9 @@ std::uint16_t TakePacketNumber();
 
 // Sequence of the camera's latest datagram. Any thread.
 std::uint16_t LastReceivedSequence();
+
+// True once the camera has sent command data. Any thread.
+bool CameraDataReceived();
 
 // Sends the bytes as one datagram to the camera. Returns the bytes sent, or -1; that also before
 // InitCameraLink, for the main application may command the camera as soon as the daemon listens to

@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "base/byte_order.h"
-#include "camera/frame_sender.h"
+#include "camera/command_frame_sender.h"
 #include "camera/packet_format.h"
 #include "state/camera_state.h"
 #include "state/vocabulary.h"

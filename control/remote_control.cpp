@@ -8,12 +8,12 @@
 
 #include "base/counters.h"
 #include "base/thread.h"
-#include "camera/frame_sender.h"
+#include "camera/camera_link.h"
+#include "camera/command_frame_sender.h"
 #include "control/camera_commands.h"
 #include "control/stepping_commands.h"
 #include "state/camera_state.h"
 #include "state/vocabulary.h"
-#include "video/camera_stream.h"
 
 namespace kestrelbridge {
 namespace {

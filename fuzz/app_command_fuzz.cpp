@@ -8,6 +8,7 @@
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   constexpr std::size_t kLongestText = 9'999;
   std::vector<char> text(data, data + std::min(size, kLongestText));
   text.push_back('\0');

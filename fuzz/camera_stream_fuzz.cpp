@@ -13,12 +13,12 @@
 #include "camera/packet_format.h"
 #include "fuzz/fuzz_stage.h"
 #include "kestrelbridge/frame_block.h"
+#include "session/camera_stream.h"
 #include "support/camera_datagrams.h"
-#include "video/camera_stream.h"
+#include "support/mapped_block.h"
 #include "video/frame_buffers.h"
-#include "video/mapped_block.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kLongestDatagram = 10'000;
@@ -116,10 +116,11 @@ void ComeToRest(Ring& ring) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   static Ring ring;
   FuzzInput input(data, size);
   while (!input.empty()) {

@@ -6,13 +6,13 @@
 
 #include <string>
 
-#include "camera/frame_scanner.h"
+#include "camera/command_frame_scanner.h"
 #include "fuzz/fuzz_stage.h"
 #include "state/camera_state.h"
 #include "state/status_decoding.h"
 #include "state/telemetry.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr int kTextItems = 29;
@@ -27,7 +27,7 @@ void RequireSound(const CameraState& state) {
 // The telemetry that the batch leads to.
 std::string TelemetryAfter(std::span<const std::uint8_t> batch) {
   ClearCameraState();
-  ScanCommandFrames(batch);
+  ScanCommandFrames(batch, DecodeSoundFrame);
   const CameraState state = SnapshotCameraState();
   RequireSound(state);
   const TextRecord text = BuildTextRecord(state);
@@ -42,10 +42,11 @@ std::string TelemetryAfter(std::span<const std::uint8_t> batch) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   FuzzInput input(data, size);
   const bool seal = (input.Byte() & 1) != 0;
   std::vector<std::uint8_t> batch = ExactCopy(input.Bytes(size));

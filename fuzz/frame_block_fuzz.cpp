@@ -9,7 +9,7 @@
 #include "fuzz/fuzz_stage.h"
 #include "kestrelbridge/frame_block.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr int kMostUnitsAtRest = 2 * kSlotCount;
@@ -110,10 +110,11 @@ void Act(FuzzInput& input, std::optional<FrameBlockReader>& reader) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   Clear();
   std::optional<FrameBlockReader> reader(std::in_place, block.data());
   FuzzInput input(data, size);

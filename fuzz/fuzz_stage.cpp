@@ -12,9 +12,9 @@
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 #include "support/sandbox.h"
-#include "tools/packet_check.h"
+#include "tools/wire/packet_check.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr std::uint16_t kCameraPort = 9004;
@@ -68,14 +68,15 @@ void RequireSoundPackets(std::size_t at_most) {
     }
     Require(count < at_most, "the camera gets no more packets than were asked for");
     const auto sent = std::span(packet).first(static_cast<std::size_t>(length));
-    Require(CheckPacket(sent).type != PacketType::kBad, "the camera gets sound packets only");
+    Require(tools::CheckPacket(sent).type != tools::PacketType::kBad,
+            "the camera gets sound packets only");
   }
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  if (!kestrelbridge::EnterSandbox() || !kestrelbridge::PlaceCamera()) {
+  if (!kestrelbridge::test::EnterSandbox() || !kestrelbridge::test::PlaceCamera()) {
     _exit(1);
   }
   // The daemon's log would be all that one sees. Findings are written to the descriptor itself.

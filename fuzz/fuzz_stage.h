@@ -21,7 +21,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 int LLVMFuzzerInitialize(int* argc, char*** argv);
 }
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // Ends the run, as a finding, unless the promise holds.
 void Require(bool holds, const char* promise);
@@ -62,4 +62,4 @@ void SealFrames(std::span<std::uint8_t> bytes);
 // an acknowledgement or a whole command frame, rightly wrapped and sealed.
 void RequireSoundPackets(std::size_t at_most);
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

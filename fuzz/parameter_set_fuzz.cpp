@@ -8,7 +8,7 @@
 #include "fuzz/fuzz_stage.h"
 #include "h264parse.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 struct Parsed {
@@ -28,10 +28,11 @@ Parsed Parse(std::span<const std::uint8_t> bytes, std::size_t length) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   const std::vector<std::uint8_t> exact = ExactCopy({data, size});
   const Parsed parsed = Parse(exact, size);
   Require(parsed.whole || parsed == Parsed{}, "a parse that fails stores nothing");

@@ -14,7 +14,7 @@
 #include "state/camera_state.h"
 #include "state/vocabulary.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kMostPackets = 2 * kRcChannelCount;
@@ -68,10 +68,11 @@ void Look(RcMemory& memory) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace kestrelbridge;
+  using namespace kestrelbridge::test;
   shm_unlink(kRcBlockName);
   Require(OpenRcBlock(block), "a block that is not there is created");
   ClearCameraState();

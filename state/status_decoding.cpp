@@ -80,9 +80,12 @@ void StoreHistogram(std::span<const std::uint8_t> payload) {
 }  // namespace
 
 void DecodeStatusFrame(std::span<const std::uint8_t> frame) {
-  if (!FrameIsSound(frame)) {
-    return;
+  if (FrameIsSound(frame)) {
+    DecodeSoundFrame(frame);
   }
+}
+
+void DecodeSoundFrame(std::span<const std::uint8_t> frame) {
   switch (frame.size()) {
     case kStatusPushLength:
       if (IsStatusPush(frame)) {

@@ -11,4 +11,8 @@ namespace kestrelbridge {
 // is reported and dropped, any other frame is ignored. Camera's receive thread.
 void DecodeStatusFrame(std::span<const std::uint8_t> frame);
 
+// The same for a frame whose length and check sums are known to be right, as the scanner's are.
+// Camera's receive thread.
+void DecodeSoundFrame(std::span<const std::uint8_t> frame);
+
 }  // namespace kestrelbridge

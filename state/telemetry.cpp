@@ -7,10 +7,10 @@
 
 #include "base/byte_order.h"
 #include "base/counters.h"
+#include "camera/camera_link.h"
 #include "net/clock.h"
 #include "net/udp_endpoint.h"
 #include "state/main_app_link_record.h"
-#include "video/camera_stream.h"
 
 namespace kestrelbridge {
 namespace {

@@ -10,15 +10,15 @@
 #include <string>
 
 #include "base/standard_descriptors.h"
-#include "tools/camera_command.h"
-#include "tools/command_command.h"
-#include "tools/foreign_text.h"
-#include "tools/phone_command.h"
-#include "tools/rc_command.h"
-#include "tools/stats_command.h"
-#include "tools/telemetry_command.h"
-#include "tools/tool_error.h"
-#include "tools/video_command.h"
+#include "tools/camera/camera_subcommand.h"
+#include "tools/common/foreign_text.h"
+#include "tools/common/tool_error.h"
+#include "tools/main_app/command_subcommand.h"
+#include "tools/main_app/telemetry_subcommand.h"
+#include "tools/main_app/video_subcommand.h"
+#include "tools/phone/phone_subcommand.h"
+#include "tools/rc/rc_subcommand.h"
+#include "tools/stats/stats_subcommand.h"
 
 namespace {
 
@@ -26,10 +26,10 @@ using AddCommand = void (*)(CLI::App& app);
 
 // In the order in which --help lists them.
 constexpr AddCommand kCommands[] = {
-    kestrelbridge::AddCameraCommand,    kestrelbridge::AddVideoCommand,
-    kestrelbridge::AddTelemetryCommand, kestrelbridge::AddCommandCommand,
-    kestrelbridge::AddRcCommand,        kestrelbridge::AddPhoneCommand,
-    kestrelbridge::AddStatsCommand,
+    kestrelbridge::tools::AddCameraSubcommand,    kestrelbridge::tools::AddVideoSubcommand,
+    kestrelbridge::tools::AddTelemetrySubcommand, kestrelbridge::tools::AddCommandSubcommand,
+    kestrelbridge::tools::AddRcSubcommand,        kestrelbridge::tools::AddPhoneSubcommand,
+    kestrelbridge::tools::AddStatsSubcommand,
 };
 
 // CLI11 itself would only say that a subcommand is missing.
@@ -41,8 +41,9 @@ void RefuseUnknownCommand(const CLI::App& app, const std::string& word) {
     }
     known += (known.empty() ? "" : ", ") + command->get_name();
   }
-  throw kestrelbridge::ToolError("there is no subcommand \"" + kestrelbridge::PrintableText(word) +
-                                 "\"; there are " + known);
+  throw kestrelbridge::tools::ToolError("there is no subcommand \"" +
+                                        kestrelbridge::tools::PrintableText(word) +
+                                        "\"; there are " + known);
 }
 
 // A pipe that its reader has closed is an end in order; a full disk is not.
@@ -53,7 +54,7 @@ void CheckStandardOutput() {
   pollfd output = {.fd = STDOUT_FILENO, .events = 0, .revents = 0};
   poll(&output, 1, 0);
   if ((output.revents & POLLERR) == 0) {
-    throw kestrelbridge::ToolError("not everything could be written to standard output");
+    throw kestrelbridge::tools::ToolError("not everything could be written to standard output");
   }
 }
 
@@ -82,7 +83,7 @@ int main(int argc, char** argv) {
   kestrelbridge::OccupyStandardDescriptors();
   try {
     return Run(argc, argv);
-  } catch (const kestrelbridge::ToolError& error) {
+  } catch (const kestrelbridge::tools::ToolError& error) {
     std::fprintf(stderr, "kestrelctl: %s\n", error.what());
     return error.exit_code();
   } catch (const std::exception& error) {

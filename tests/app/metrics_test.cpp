@@ -12,11 +12,11 @@
 #include <thread>
 
 #include "base/text_file.h"
+#include "state/command_data.h"
 #include "support/camera_datagrams.h"
 #include "support/temporary_folder.h"
-#include "video/command_data.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // The first groups of all matches.
@@ -79,4 +79,4 @@ TEST(Counters, CountACommandDataOverflow) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,7 +7,7 @@
 
 #include <string>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // With the longest names that there can be; those of every day are seen at the daemon's start.
@@ -30,4 +30,4 @@ TEST(RedirectRule, PlainNamesHaveLettersDigitsBlanksAndSixMarks) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,13 +7,13 @@
 
 #include "base/byte_order.h"
 #include "camera/camera_link.h"
+#include "camera/command_frame_sender.h"
 #include "camera/crc.h"
-#include "camera/frame_sender.h"
 #include "support/camera_datagrams.h"
 #include "support/udp_socket.h"
-#include "tools/packet_check.h"
+#include "tools/wire/packet_check.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 TEST(Crc, MatchesTheKnownValues) {
@@ -50,8 +50,8 @@ TEST(FrameSender, StampsWrapsAndCountsEveryCommand) {
                  0xAA, 0x40, 0x02, 0x02, 0x01, 0xAA, 0xAA};
   EXPECT_EQ(SendCameraFrame(frame), 48);
   const Bytes first = camera.Receive()->bytes;
-  const CheckedPacket checked = CheckPacket(first);
-  ASSERT_EQ(checked.type, PacketType::kCommand) << checked.fault;
+  const tools::CheckedPacket checked = tools::CheckPacket(first);
+  ASSERT_EQ(checked.type, tools::PacketType::kCommand) << checked.fault;
   EXPECT_EQ(LoadLe16(first, kWrapperSequenceOffset), 3);
   EXPECT_TRUE(std::ranges::equal(checked.frame, frame)) << "sealed in the caller's buffer";
   EXPECT_EQ(LoadLe16(frame, 6), 0xFFFF);
@@ -67,4 +67,4 @@ TEST(FrameSender, StampsWrapsAndCountsEveryCommand) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "control/camera_end.h"
+#include "support/camera_end.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using namespace std::string_literals;
@@ -151,4 +151,4 @@ TEST_F(AppCommands, TextsThatDoNothing) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

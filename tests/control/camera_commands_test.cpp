@@ -6,10 +6,10 @@
 
 #include <string>
 
-#include "control/camera_end.h"
 #include "state/camera_state.h"
+#include "support/camera_end.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // Start, length, format, header check sum, sender, receiver and flags of a frame to the camera.
@@ -144,4 +144,4 @@ TEST_F(CameraCommands, CustomWhiteBalanceRemembersTheTemperatureThatItWasGiven) 
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -10,17 +10,17 @@
 
 #include "base/byte_order.h"
 #include "camera/camera_link.h"
-#include "camera/camera_session.h"
 #include "camera/packet_format.h"
 #include "control/app_commands.h"
-#include "control/camera_end.h"
 #include "control/remote_control.h"
+#include "session/camera_session.h"
+#include "session/camera_stream.h"
 #include "state/camera_state.h"
 #include "support/camera_datagrams.h"
-#include "tools/packet_check.h"
-#include "video/camera_stream.h"
+#include "support/camera_end.h"
+#include "tools/wire/packet_check.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr int kRounds = 2'000;
@@ -69,10 +69,10 @@ TEST_F(Senders, NeverShareASequenceOrDamageAPacket) {
     last_look = at_work == 0;  // before the socket is emptied
     while (const auto packet = camera_.Receive(std::chrono::milliseconds{1})) {
       ++packets;
-      const CheckedPacket checked = CheckPacket(packet->bytes);
+      const tools::CheckedPacket checked = tools::CheckPacket(packet->bytes);
       const bool is_new = checked.frame.empty() ||
                           sequences.insert(LoadLe16(checked.frame, kFrameSequenceOffset)).second;
-      damaged += checked.type == PacketType::kBad || !is_new ? 1 : 0;
+      damaged += checked.type == tools::PacketType::kBad || !is_new ? 1 : 0;
     }
   }
   for (std::thread& thread : threads) {
@@ -84,4 +84,4 @@ TEST_F(Senders, NeverShareASequenceOrDamageAPacket) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -12,9 +12,9 @@
 #include <string>
 #include <thread>
 
-#include "control/camera_end.h"
+#include "support/camera_end.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr char kPath[] = "/dev/shm/shared_rc_raw";
@@ -177,4 +177,4 @@ TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnceHoweverOftenItIsTried) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "control/camera_end.h"
 #include "state/camera_state.h"
+#include "support/camera_end.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 void SetModeCode(std::uint8_t code) {
@@ -155,4 +155,4 @@ TEST_F(RemoteControl, SliderSetsTheExposureCompensation) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <string>
 
-#include "control/camera_end.h"
 #include "state/camera_state.h"
+#include "support/camera_end.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 class SteppingCommands : public CameraEnd {
@@ -87,4 +87,4 @@ TEST_F(SteppingCommands, WhiteBalancePassesTheTemperatureLastAskedForOrElseTheRe
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

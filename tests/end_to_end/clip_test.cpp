@@ -1,6 +1,6 @@
 // A clip goes in at the camera's end and comes out of the ring, through the real programs.
 
-#include "tools/clip.h"
+#include "tools/camera/clip.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // A clip with a constant bit rate: every access unit has nearly the same size.
@@ -37,9 +37,9 @@ void MakeClip(const ClipFormat& format, const std::string& path) {
 }
 
 std::vector<std::string> UnitsOf(const std::string& path) {
-  const Bytes clip = ReadClip(path);
+  const Bytes clip = tools::ReadClip(path);
   std::vector<std::string> units;
-  for (const AccessUnit unit : SplitAccessUnits(clip)) {
+  for (const tools::AccessUnit unit : tools::SplitAccessUnits(clip)) {
     units.emplace_back(unit.begin(), unit.end());
   }
   return units;
@@ -100,4 +100,4 @@ TEST_F(ClipThroughTheRing, ALossyLinkCostsTheUnitsThatItHitsAndNoOthers) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "base/run_paths.h"
-#include "end_to_end/daemon_bench.h"
-#include "tools/metrics_reading.h"
+#include "end_to_end/daemon_stage.h"
+#include "tools/stats/metrics_reading.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // By short name and label's value, as in "units published".
@@ -25,7 +25,7 @@ std::map<std::string, std::uint64_t> ReadCounters() {
   if (!std::filesystem::exists(kMetricsPath)) {
     return counters;
   }
-  for (const Metric& metric : ReadMetrics(kMetricsPath).metrics) {
+  for (const tools::Metric& metric : tools::ReadMetrics(kMetricsPath).metrics) {
     if (metric.is_counter) {
       std::string key = metric.name.substr(14, metric.name.size() - 20);  // kestrelbridge_, _total
       if (const auto quote = metric.label.find('"'); quote != std::string::npos) {
@@ -41,7 +41,7 @@ std::map<std::string, std::uint64_t> ReadCounters() {
 UdpAddress LocalPort(std::uint16_t port) { return {.host = "127.0.0.1", .port = port}; }
 
 // The real daemon, and the test as each of its neighbours.
-struct Bench {
+struct Stage {
   ScriptedCamera camera{kOtherCameraPort};
   UdpSocket main_app{LocalPort(5000)};
   UdpSocket phone;
@@ -51,7 +51,7 @@ struct Bench {
 
 struct Step {
   const char* action;
-  void (*act)(Bench& bench);
+  void (*act)(Stage& stage);
   // "counter=5|counter>0": by exactly 5; by more than 0, because it moves by itself, too.
   const char* movements;
 };
@@ -75,39 +75,39 @@ std::vector<Movement> MovementsOf(const Step& step) {
   return movements;
 }
 
-void SendPushes(Bench& bench) {
+void SendPushes(Stage& stage) {
   Bytes data;
   for (const std::size_t payload : {40, 64, 67, 102, 5}) {  // the last is no push
     const Bytes frame = CommandFrame(0x02, 0x80, Bytes(payload));
     data.insert(data.end(), frame.begin(), frame.end());
   }
   data.resize(501);  // enough to be looked at
-  bench.camera.Send(CommandDataDatagram(1, data));
+  stage.camera.Send(CommandDataDatagram(1, data));
 }
 
-void SendIncompleteUnit(Bench& bench) {
+void SendIncompleteUnit(Stage& stage) {
   const auto datagrams = UnitDatagrams(1, MakeUnit(3000, 2));
-  bench.camera.Send(datagrams[0]);
-  bench.camera.Send(datagrams[2]);
-  bench.camera.SendNextHeader();
+  stage.camera.Send(datagrams[0]);
+  stage.camera.Send(datagrams[2]);
+  stage.camera.SendNextHeader();
 }
 
-void OverflowUnit(Bench& bench) {
-  bench.camera.SendNextHeader();
+void OverflowUnit(Stage& stage) {
+  stage.camera.SendNextHeader();
   for (int i = 0; i < 11; ++i) {
-    bench.camera.Send(ContinuationDatagram(1, Bytes(9'980, 7)));
+    stage.camera.Send(ContinuationDatagram(1, Bytes(9'980, 7)));
   }
-  bench.camera.SendNextHeader();
+  stage.camera.SendNextHeader();
 }
 
 // The port that is neither the phone's, nor the camera's, nor the one that telemetry comes from.
-void SendToSecondEndpoint(Bench& bench) {
-  const auto telemetry = bench.main_app.Receive();
+void SendToSecondEndpoint(Stage& stage) {
+  const auto telemetry = stage.main_app.Receive();
   ASSERT_TRUE(telemetry);
-  for (const BoundPort& bound : UdpPortsOf(bench.daemon.pid())) {
-    if (bound.port != kPhonePort && bound.port != bench.camera.daemon().port &&
+  for (const BoundPort& bound : UdpPortsOf(stage.daemon.pid())) {
+    if (bound.port != kPhonePort && bound.port != stage.camera.daemon().port &&
         bound.port != telemetry->sender.port) {
-      bench.stranger.Send(Bytes(7), LocalPort(bound.port));
+      stage.stranger.Send(Bytes(7), LocalPort(bound.port));
     }
   }
 }
@@ -123,67 +123,67 @@ std::string ShotOfLength(std::size_t size) {
 }
 
 const Step kSteps[] = {
-    {"the camera answers", [](Bench& bench) { ASSERT_TRUE(bench.camera.Connect()); },
+    {"the camera answers", [](Stage& stage) { ASSERT_TRUE(stage.camera.Connect()); },
      "links found camera=1|connection requests sent>0|sent datagrams camera>0|"
      "sent bytes camera>47|received datagrams camera>0|received bytes camera>0|"
      "camera datagrams short>0"},
     {"a whole unit",
-     [](Bench& bench) {
-       bench.camera.SendUnit(MakeUnit(3000, 1));
-       bench.camera.SendNextHeader();
+     [](Stage& stage) {
+       stage.camera.SendUnit(MakeUnit(3000, 1));
+       stage.camera.SendNextHeader();
      },
      // Four wrappers and two unit headers come with the unit.
      "camera datagrams video=4|units published=1|published bytes=3000|acknowledgements sent=1|"
      "received bytes camera>3103"},
     {"a unit with a hole", SendIncompleteUnit, "units corrupted=1"},
     {"a unit that is no H.264",
-     [](Bench& bench) {
-       bench.camera.SendUnit(Bytes(100, 1));
-       bench.camera.SendNextHeader();
+     [](Stage& stage) {
+       stage.camera.SendUnit(Bytes(100, 1));
+       stage.camera.SendNextHeader();
      },
      "units not published=1|acknowledgements sent=1|units published=0"},
     {"a video datagram without its whole wrapper",
-     [](Bench& bench) {
+     [](Stage& stage) {
        Bytes datagram = ContinuationDatagram(1, {});
        datagram.pop_back();
-       bench.camera.Send(datagram);
+       stage.camera.Send(datagram);
      },
      "stray video datagrams=1|camera datagrams video=1"},
     {"a unit without an end", OverflowUnit, "overflows video=1|units corrupted=1"},
     {"a datagram of another kind",
-     [](Bench& bench) { bench.camera.Send(CameraDatagram(9, 1, {})); },
+     [](Stage& stage) { stage.camera.Send(CameraDatagram(9, 1, {})); },
      "camera datagrams ignored=1"},
     {"pushes", SendPushes,
      "camera datagrams command data=1|command frames found=5|pushes decoded status=1|"
      "pushes decoded settings=1|pushes decoded battery=1|pushes decoded histogram=1|"
      "keepalives sent>0|telemetry records sent text>0|telemetry records sent status>0|"
      "telemetry records sent histogram>0|sent datagrams main app>2|sent bytes main app>83"},
-    {"a command", [](Bench& bench) { SendAppText(bench.main_app, R"(!{"cmd":"shot"})"); },
+    {"a command", [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"shot"})"); },
      "command frames sent main app=1|command frames sent remote control=0|"
      "received datagrams main app=1|received bytes main app=15|links found main app=1|"
      "links lost main app=1"},
     // What the text before left in the buffer would make it a command.
-    {"a bare marker", [](Bench& bench) { SendAppText(bench.main_app, "!"); },
+    {"a bare marker", [](Stage& stage) { SendAppText(stage.main_app, "!"); },
      "app messages ignored=1|command frames sent main app=0"},
-    {"the longest command", [](Bench& bench) { SendAppText(bench.main_app, ShotOfLength(9'999)); },
+    {"the longest command", [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(9'999)); },
      "received bytes main app=9999|command frames sent main app=1|app messages ignored=0"},
     {"a command whose last character does not fit",
-     [](Bench& bench) { SendAppText(bench.main_app, ShotOfLength(10'000)); },
+     [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(10'000)); },
      "received bytes main app=9999|app messages ignored=1|command frames sent main app=0"},
-    {"an unknown command", [](Bench& bench) { SendAppText(bench.main_app, R"(!{"cmd":"dance"})"); },
+    {"an unknown command", [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"dance"})"); },
      "app messages ignored=1|command frames sent main app=0"},
-    {"a button of the remote control", [](Bench&) { TurnRemoteControl("157=1"); },
+    {"a button of the remote control", [](Stage&) { TurnRemoteControl("157=1"); },
      "command frames sent remote control=1|command frames sent main app=0"},
     {"its slider",
-     [](Bench& bench) {
+     [](Stage& stage) {
        TurnRemoteControl("--slider=1");
-       EXPECT_TRUE(CameraGetsCommand(bench.camera, 0x2E, 0x19)) << "+3.0";
+       EXPECT_TRUE(CameraGetsCommand(stage.camera, 0x2E, 0x19)) << "+3.0";
      },
      "command frames sent remote control=1"},
     {"a phone",
-     [](Bench& bench) {
+     [](Stage& stage) {
        for (int i = 0; i < 3; ++i) {
-         bench.phone.Send(Bytes(20), LocalPort(kPhonePort));
+         stage.phone.Send(Bytes(20), LocalPort(kPhonePort));
        }
      },
      "received datagrams phone=3|received bytes phone=60|relayed datagrams to camera=3|"
@@ -202,12 +202,12 @@ const std::set<std::string> kMovedElsewhere = {
 
 TEST(Counters, EachMovesByAsMuchAsHappened) {
   ForgetEarlierRuns();
-  Bench bench;
+  Stage stage;
   std::set<std::string> moved = kMovedElsewhere;
   std::map<std::string, std::uint64_t> now;
   for (const Step& step : kSteps) {
     auto before = now;
-    ASSERT_NO_FATAL_FAILURE(step.act(bench)) << step.action;
+    ASSERT_NO_FATAL_FAILURE(step.act(stage)) << step.action;
     const auto movements = MovementsOf(step);
     const auto is_met = [&](const Movement& row) {
       return row.IsMet(now[row.counter] - before[row.counter]);
@@ -306,4 +306,4 @@ TEST(Counters, CountWhatTheKernelDroppedAndAreWrittenAsSoonAsThereIsAFolder) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

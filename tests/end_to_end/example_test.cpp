@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 TEST(MainApplicationExample, ReadsVideoAndTelemetryAndCommandsTheCamera) {
@@ -26,4 +26,4 @@ TEST(MainApplicationExample, ReadsVideoAndTelemetryAndCommandsTheCamera) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 #include "end_to_end/flood.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr int kRuns = 10;            // tests that ctest runs in parallel,
@@ -78,4 +78,4 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
 INSTANTIATE_TEST_SUITE_P(Run, ExitUnderFullTraffic, testing::Range(0, kRuns));
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

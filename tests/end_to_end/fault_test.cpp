@@ -23,12 +23,12 @@
 #include "base/run_paths.h"
 #include "base/text_file.h"
 #include "camera/packet_format.h"
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 #include "end_to_end/flood.h"
 #include "kestrelbridge/rc_block.h"
-#include "video/mapped_block.h"
+#include "support/mapped_block.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -456,4 +456,4 @@ INSTANTIATE_TEST_SUITE_P(Table, Fault, testing::ValuesIn(kFaults),
                          [](const auto& row) { return row.param.name; });
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -10,7 +10,7 @@
 #include "support/camera_datagrams.h"
 #include "support/udp_socket.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // Sends the datagrams to each of the ports, again and again, as fast as the machine can, for as
 // long as it lives.
@@ -42,4 +42,4 @@ class Flood {
   std::thread thread_;
 };
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

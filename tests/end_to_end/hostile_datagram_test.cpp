@@ -8,9 +8,9 @@
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kLongest = 10'000;  // of the daemon's receive buffers
@@ -92,4 +92,4 @@ TEST(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

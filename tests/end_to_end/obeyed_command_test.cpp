@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using Options = std::vector<std::string>;
@@ -51,4 +51,4 @@ TEST_P(ObeyedCommands, AreSeenToTakeEffect) {
 INSTANTIATE_TEST_SUITE_P(Group, ObeyedCommands, testing::ValuesIn(kGroups));
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "base/run_paths.h"
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 #include "kestrelbridge/rc_block.h"
-#include "tools/metrics_reading.h"
-#include "video/mapped_block.h"
+#include "support/mapped_block.h"
+#include "tools/stats/metrics_reading.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // Else it would land in the first thing that the daemon opens: the remote control's block.
@@ -40,7 +40,7 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
   ForgetEarlierRuns();
   ChildProcess daemon(DaemonCommand());
   const auto value = [](const char* name, const char* label) {
-    return ReadMetrics(kMetricsPath).Value(name, label).value_or(0);
+    return tools::ReadMetrics(kMetricsPath).Value(name, label).value_or(0);
   };
   ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
   EXPECT_TRUE(daemon.WaitForLine("there is no camera, see --host and --port"));
@@ -61,4 +61,4 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

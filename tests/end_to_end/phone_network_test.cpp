@@ -26,11 +26,11 @@
 #include "base/byte_order.h"
 #include "base/run_paths.h"
 #include "camera/packet_format.h"
-#include "end_to_end/daemon_bench.h"
-#include "tools/clip.h"
-#include "tools/packet_check.h"
+#include "end_to_end/daemon_stage.h"
+#include "tools/camera/clip.h"
+#include "tools/wire/packet_check.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using std::chrono::milliseconds;
@@ -123,11 +123,11 @@ class PhoneNetwork : public testing::Test {
 
 // The first units of the clip, played again and again.
 std::string EndlessClip(std::uint64_t units) {
-  const Bytes clip = ReadClip(kTestPattern);
-  const auto clip_units = SplitAccessUnits(clip);
+  const Bytes clip = tools::ReadClip(kTestPattern);
+  const auto clip_units = tools::SplitAccessUnits(clip);
   std::string stream;
   for (std::uint64_t i = 0; i < units; ++i) {
-    const AccessUnit unit = clip_units[static_cast<std::size_t>(i % clip_units.size())];
+    const tools::AccessUnit unit = clip_units[static_cast<std::size_t>(i % clip_units.size())];
     stream.append(unit.begin(), unit.end());
   }
   return stream;
@@ -245,7 +245,7 @@ class ScriptedPhoneNetwork : public PhoneNetwork {
   // Takes one datagram of the phone or packet of the daemon; false when none came in time.
   bool Take(milliseconds patience = Patience()) {
     latest_ = camera_.Receive(patience);
-    latest_type_ = PacketType::kBad;
+    latest_type_ = tools::PacketType::kBad;
     if (latest_.empty()) {
       return false;
     }
@@ -253,8 +253,8 @@ class ScriptedPhoneNetwork : public PhoneNetwork {
       ++from_phone_;
       return true;
     }
-    const CheckedPacket packet = CheckPacket(latest_);
-    EXPECT_NE(packet.type, PacketType::kBad) << packet.fault;
+    const tools::CheckedPacket packet = tools::CheckPacket(latest_);
+    EXPECT_NE(packet.type, tools::PacketType::kBad) << packet.fault;
     latest_type_ = packet.type;
     // Every packet of the daemon counts, none of the phone does: its frames carry the count.
     if (!packet.frame.empty()) {
@@ -264,7 +264,7 @@ class ScriptedPhoneNetwork : public PhoneNetwork {
   }
 
   // Takes until a packet of that type has come; "bad": a datagram of the phone.
-  bool TakeUntil(PacketType type) {
+  bool TakeUntil(tools::PacketType type) {
     while (Take()) {
       if (latest_type_ == type) {
         return true;
@@ -272,14 +272,14 @@ class ScriptedPhoneNetwork : public PhoneNetwork {
     }
     return false;
   }
-  bool TakeFromPhone() { return TakeUntil(PacketType::kBad); }
+  bool TakeFromPhone() { return TakeUntil(tools::PacketType::kBad); }
 
   int FromDaemon() const { return camera_.packets_received() - from_phone_; }
 
   ChildProcess daemon_{DaemonOnBox()};
   ScriptedCamera camera_ = MakeOnHost<ScriptedCamera>("camera");
   Bytes latest_;
-  PacketType latest_type_ = PacketType::kBad;
+  tools::PacketType latest_type_ = tools::PacketType::kBad;
   int from_phone_ = 0;
 };
 
@@ -315,8 +315,8 @@ TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsT
   camera_.Send(CommandDataDatagram(1, EmptyCommandData()));
   send_unit();
   send_unit();
-  ASSERT_TRUE(TakeUntil(PacketType::kUnitAcknowledgement));
-  ASSERT_TRUE(TakeUntil(PacketType::kKeepalive));
+  ASSERT_TRUE(TakeUntil(tools::PacketType::kUnitAcknowledgement));
+  ASSERT_TRUE(TakeUntil(tools::PacketType::kKeepalive));
 
   const PhoneSocket phone;
   std::atomic<bool> talking{true};
@@ -336,7 +336,7 @@ TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsT
   EXPECT_EQ(FromDaemon(), from_daemon) << "the daemon talked, too";
   SendAppText(MakeOnHost<UdpSocket>("box", UdpAddress{.host = "127.0.0.1", .port = 5000}),
               R"(!{"cmd":"record","param":"start"})");
-  EXPECT_TRUE(TakeUntil(PacketType::kCommand));
+  EXPECT_TRUE(TakeUntil(tools::PacketType::kCommand));
   EXPECT_EQ(FromDaemon(), from_daemon + 1);
 
   talking = false;
@@ -350,11 +350,11 @@ TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsT
   EXPECT_GE(Clock::now() - left, milliseconds{900});
   EXPECT_LT(Clock::now() - left, milliseconds{2'000} + Patience() / 6);
   EXPECT_TRUE(daemon_.WaitForLine("DJI MIMO connection lost"));
-  EXPECT_TRUE(TakeUntil(PacketType::kKeepalive));
+  EXPECT_TRUE(TakeUntil(tools::PacketType::kKeepalive));
 
   phone.Send(Marked(kFromPhone, 49));
   EXPECT_TRUE(daemon_.WaitForLine("DJI MIMO connection found", Patience(), 2));
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "base/run_paths.h"
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // A program "iptables" that does nothing but write down how it was called: a line a call, the
@@ -83,4 +83,4 @@ TEST(PhoneStart, WithoutIptablesTheVideoFlows) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

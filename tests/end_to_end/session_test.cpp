@@ -6,10 +6,10 @@
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
-#include "end_to_end/daemon_bench.h"
-#include "tools/packet_check.h"
+#include "end_to_end/daemon_stage.h"
+#include "tools/wire/packet_check.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -17,10 +17,10 @@ using Clock = std::chrono::steady_clock;
 TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
   ScriptedCamera camera;
   ChildProcess daemon(DaemonCommand());
-  EXPECT_EQ(CheckPacket(camera.Receive()).type, PacketType::kConnectionRequest);
+  EXPECT_EQ(tools::CheckPacket(camera.Receive()).type, tools::PacketType::kConnectionRequest);
   const auto first = Clock::now();
   for (int request = 0; request < 3; ++request) {
-    EXPECT_EQ(CheckPacket(camera.Receive()).type, PacketType::kConnectionRequest);
+    EXPECT_EQ(tools::CheckPacket(camera.Receive()).type, tools::PacketType::kConnectionRequest);
   }
   // Three seconds, less what the first was late.
   EXPECT_GE(Clock::now() - first, std::chrono::seconds{2});
@@ -45,8 +45,8 @@ TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
   ASSERT_FALSE(ReceiveOfSize(camera, 34).empty());
   camera.Send(CommandDataDatagram(0xBEEF, EmptyCommandData()));
   const Bytes keepalive = ReceiveOfSize(camera, 49);
-  const CheckedPacket checked = CheckPacket(keepalive);
-  ASSERT_EQ(checked.type, PacketType::kKeepalive) << checked.fault;
+  const tools::CheckedPacket checked = tools::CheckPacket(keepalive);
+  ASSERT_EQ(checked.type, tools::PacketType::kKeepalive) << checked.fault;
   EXPECT_EQ(LoadLe16(keepalive, kWrapperSequenceOffset), 0xBEEF);
   const int sent_before = camera.packets_received() - 1;
   EXPECT_GE(sent_before, 2);
@@ -68,4 +68,4 @@ TEST(Session, EndsWithCodeThreeAtAnEmptyDatagramOnAnyPort) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -4,7 +4,7 @@
 
 #include "net/udp_endpoint.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr int kWanted = 10'000'000;
@@ -37,4 +37,4 @@ TEST(SocketBuffers, AreTenMillionBytesForRootAndTheKernelsLimitForOthers) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,9 +7,9 @@
 
 #include "base/run_paths.h"
 #include "base/text_file.h"
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr char kUsage[] =
@@ -119,4 +119,4 @@ TEST(StartUp, EndsWithCodeOneWhenAnEndpointCannotBeOpened) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

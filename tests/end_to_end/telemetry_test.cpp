@@ -8,9 +8,9 @@
 #include <string>
 #include <thread>
 
-#include "end_to_end/daemon_bench.h"
+#include "end_to_end/daemon_stage.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using std::chrono::milliseconds;
@@ -92,4 +92,4 @@ TEST_F(Telemetry, AHistogramFollowsEachStatusUntilThreeSecondsAfterTheLastPush) 
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

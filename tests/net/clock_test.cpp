@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 TEST(Clock, TruncatesToMillisecondsAndWrapsAt32Bits) {
@@ -20,4 +20,4 @@ TEST(Clock, AStampIsNeverZeroAndNeverAheadOfItsTime) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -19,7 +19,7 @@
 #include "support/eventually.h"
 #include "support/udp_socket.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // What the callbacks of the endpoint under test have seen.
@@ -202,4 +202,4 @@ TEST(UdpEndpoint, ForgetsNoDatagramThatArrivesWhileTheLinkIsTakenDown) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

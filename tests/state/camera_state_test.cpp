@@ -8,11 +8,11 @@
 #include <string>
 #include <thread>
 
-#include "state/pushes.h"
 #include "state/status_decoding.h"
 #include "state/telemetry.h"
+#include "support/pushes.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using test::Push;
@@ -65,4 +65,4 @@ TEST(CameraState, AReaderNeverSeesHalfAPush) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "camera/frame_scanner.h"
+#include "camera/command_frame_scanner.h"
 #include "camera/packet_format.h"
 #include "state/camera_state.h"
-#include "state/pushes.h"
 #include "state/telemetry.h"
+#include "support/pushes.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using test::Push;
@@ -210,15 +210,15 @@ TEST_F(StatusDecoding, ADamagedFrameChangesNothingAndOnlyAWrongCheckSumIsReporte
 
 TEST_F(StatusDecoding, APushInsideAnotherIsPayloadUntilTheOuterOneIsDamaged) {
   Bytes outer = PushWith(test::kSettings, {{45, PushWith(test::kBattery, {{0, {77}}})}});
-  ScanCommandFrames(outer);
+  ScanCommandFrames(outer, DecodeSoundFrame);
   EXPECT_EQ(test::Item(test::TelemetryText(), "battery_level"), "0");
   EXPECT_EQ(test::Item(test::TelemetryText(), "wb"), "auto");
   outer.back() ^= 1;
   ClearCameraState();
-  ScanCommandFrames(outer);
+  ScanCommandFrames(outer, DecodeSoundFrame);
   EXPECT_EQ(test::Item(test::TelemetryText(), "battery_level"), "77");
   EXPECT_EQ(test::Item(test::TelemetryText(), "wb"), "");
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -9,11 +9,11 @@
 
 #include "net/clock.h"
 #include "state/main_app_link_record.h"
-#include "state/pushes.h"
 #include "state/status_decoding.h"
+#include "support/pushes.h"
 #include "support/udp_socket.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using test::Push;
@@ -167,4 +167,4 @@ TEST(Telemetry, TheTextGoesOutAsOneDatagramWithoutANulAndOnlyWhereItCan) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

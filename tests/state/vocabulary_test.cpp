@@ -8,10 +8,10 @@
 #include <string>
 
 #include "state/format.h"
-#include "state/pushes.h"
 #include "state/status_decoding.h"
+#include "support/pushes.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // One setting as the wire and the text record show it.
@@ -83,4 +83,4 @@ TEST(Vocabulary, EachOfThe57ShutterWordsIsReadBackFromItsThreeBytes) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -10,7 +10,7 @@
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kUnitHeaderSize = 12;
@@ -93,4 +93,4 @@ Bytes CommandFrame(std::uint8_t command_set, std::uint8_t command_id,
 
 Bytes EmptyCommandData() { return Bytes(501); }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

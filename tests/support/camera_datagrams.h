@@ -8,7 +8,7 @@
 
 #include "support/udp_socket.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -46,4 +46,4 @@ Bytes CommandFrame(std::uint8_t command_set, std::uint8_t command_id,
 // Command data that does nothing, long enough (more than 500 bytes) to be scanned at once.
 Bytes EmptyCommandData();
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

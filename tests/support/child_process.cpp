@@ -12,7 +12,7 @@
 #include <csignal>
 #include <system_error>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // A file without a name. Unlike a pipe it is never full, so the program never waits for us.
@@ -135,4 +135,4 @@ int CountLines(std::string_view text, std::string_view part) {
   return count;
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

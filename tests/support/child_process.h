@@ -12,7 +12,7 @@
 
 #include "support/eventually.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // How a program ended. Compares and prints, for EXPECT_EQ.
 struct ProcessEnd {
@@ -70,4 +70,4 @@ class ChildProcess {
 // Whole lines of the text that contain `part`.
 int CountLines(std::string_view text, std::string_view part);
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <thread>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // How long a test waits for what should happen at once. Generous, because machines are slow and
 // busy and a deadline that is met costs nothing; KESTRELBRIDGE_DEADLINE_FACTOR multiplies it.
@@ -30,4 +30,4 @@ bool Eventually(Condition condition, std::chrono::milliseconds patience = Patien
   return true;
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -16,7 +16,7 @@
 
 #include "base/text_file.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 bool Refused(const char* action) {
@@ -100,4 +100,4 @@ bool EnterSandbox() {
   return true;
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -1,7 +1,7 @@
 // A private world for one test program: real paths, real ports, nothing shared with other tests.
 #pragma once
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // The address on which the camera listens. The sandbox's loopback has it, so a test can be the
 // camera.
@@ -14,4 +14,4 @@ inline constexpr char kCameraAddress[] = "192.168.2.1";
 // tests that cannot run have not passed. Before any thread is started.
 bool EnterSandbox();
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 // A folder that goes with its object.
 class TemporaryFolder {
@@ -38,4 +38,4 @@ inline std::string ReadFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

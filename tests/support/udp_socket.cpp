@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 inline namespace test_support {
 namespace {
 
@@ -83,4 +83,4 @@ std::optional<ReceivedDatagram> UdpSocket::Receive(std::chrono::milliseconds pat
 }
 
 }  // namespace test_support
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

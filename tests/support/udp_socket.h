@@ -10,7 +10,7 @@
 
 #include "support/eventually.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 // kestrelctl has a UdpSocket of its own, and the tests of its pieces link both.
 inline namespace test_support {
 
@@ -48,4 +48,4 @@ class UdpSocket {
 };
 
 }  // namespace test_support
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -14,11 +14,11 @@
 
 #include "base/byte_order.h"
 #include "support/eventually.h"
+#include "support/mapped_block.h"
 #include "video/frame_buffers.h"
-#include "video/mapped_block.h"
 #include "video/numbered_unit.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using Start = FrameBlockReader::Start;
@@ -302,4 +302,4 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

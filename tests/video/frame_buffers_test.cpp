@@ -9,10 +9,10 @@
 
 #include "base/byte_order.h"
 #include "kestrelbridge/frame_block.h"
-#include "video/mapped_block.h"
+#include "support/mapped_block.h"
 #include "video/numbered_unit.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using testing::internal::CaptureStderr;
@@ -154,4 +154,4 @@ TEST(FrameBuffers, WriteIndexThatLeadsOutOfTheRingIsTakenAs0) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 inline constexpr std::size_t kNumberedUnitHead = 8;  // start code and number
 
@@ -37,4 +37,4 @@ inline bool IsIntact(const std::vector<std::uint8_t>& unit) {
   return unit == NumberedUnit(NumberOf(unit), unit.size());
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

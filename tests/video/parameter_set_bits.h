@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 
 class BitWriter {
  public:
@@ -58,4 +58,4 @@ inline BitWriter& ParameterSetTail(BitWriter& bits, std::uint32_t width_in_mbs,
   return bits.U(1, 0);
 }
 
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

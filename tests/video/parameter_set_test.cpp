@@ -11,7 +11,7 @@
 #include "support/child_process.h"
 #include "video/parameter_set_bits.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 // In a heap block of exactly its size, so that AddressSanitizer sees a read beyond.
@@ -119,4 +119,4 @@ TEST(ParameterSet, HasThePictureSizeThatX264WasGiven) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

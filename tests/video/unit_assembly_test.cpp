@@ -12,13 +12,13 @@
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
 #include "kestrelbridge/frame_block.h"
+#include "session/camera_stream.h"
 #include "support/camera_datagrams.h"
 #include "support/udp_socket.h"
-#include "video/camera_stream.h"
 #include "video/frame_buffers.h"
 #include "video/parameter_set_bits.h"
 
-namespace kestrelbridge {
+namespace kestrelbridge::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -219,4 +219,4 @@ TEST_F(UnitAssembly, FollowsThePictureSizeAndWritesItForTheMainApplication) {
 }
 
 }  // namespace
-}  // namespace kestrelbridge
+}  // namespace kestrelbridge::test

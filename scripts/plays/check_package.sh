@@ -1,0 +1,159 @@
+#!/usr/bin/env bash
+# The package at work on the booted box. Part of scripts/check-package.
+#
+#   check_package_play.sh PROCESS_NUMBER_OF_ITS_SYSTEMD
+# shellcheck source=scripts/lib/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../lib/common.sh"
+script_name=check-package
+box="$1"
+
+readonly clip=/usr/share/kestrelbridge/clips/test-pattern-720p30.h264
+readonly camera_port=9104 # the daemon's own port for the phone is the camera's usual one
+
+# Runs a command on the box; so does look, which says nothing.
+on_box() {
+  nsenter --target "$box" --mount --net --pid --uts --ipc --cgroup --root -- \
+    env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
+}
+look() { on_box "$@" >/dev/null 2>&1; }
+
+# wait_for SECONDS COMMAND...
+wait_for() {
+  local deadline=$((SECONDS + $1))
+  until "${@:2}"; do
+    ((SECONDS < deadline)) || return 1
+    sleep 0.2
+  done
+}
+
+give_up() {
+  say 'The journal ends:'
+  on_box journalctl --no-pager --lines 25 --output cat | sed 's/^/        /' || true
+  fail "$*"
+}
+
+daemon_pid() { on_box systemctl show --value --property MainPID kestrelbridge; }
+restarts() { on_box systemctl show --value --property NRestarts kestrelbridge; }
+has_rule() { [[ "$(rules)" -ge 1 ]]; }
+log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -q -- "$1"; }
+has_restarted_since() { [[ "$(restarts)" -gt $1 ]]; }
+switch_has_acted() {
+  on_box kestrelctl stats --json --count 1 | grep -q '"source":"remote_control","value":[1-9]'
+}
+rules() { on_box iptables -t nat -S PREROUTING 2>/dev/null | grep -c -- '--to-ports 9004' || true; }
+
+# camera SECONDS: streams in the background and falls silent then.
+camera() {
+  on_box kestrelctl camera --listen "192.168.2.1:$camera_port" --clip "$clip" --loop \
+    --silence-after "$1" --duration $(($1 + 5)) >/dev/null &
+}
+
+# expect_video USER: three seconds of it, as that user reads it.
+expect_video() {
+  local statistics line
+  statistics="$(on_box setpriv --reuid "$1" --regid "$1" --clear-groups \
+    kestrelctl video --stats --live --duration 3 2>&1)"
+  # The last line sums up.
+  grep -qE '\b(units: [1-9]|[1-9][0-9]+ units)' <<<"$statistics" || give_up "no video: $statistics"
+  while IFS= read -r line; do say "$line"; done <<<"$statistics"
+}
+
+step 'The service, as the package enabled it'
+wait_for 60 look systemctl is-active kestrelbridge || give_up 'the service did not start at boot'
+look systemctl is-enabled kestrelbridge || give_up 'the service is not enabled'
+on_box systemd-analyze verify --man=no /usr/lib/systemd/system/kestrelbridge.service || give_up 'the unit has faults'
+on_box systemd-analyze security --threshold=30 kestrelbridge.service | tail -n 1 ||
+  give_up 'the service may do too much'
+done_with 'It runs since the boot.'
+
+step 'With options, a camera and an access point'
+nsenter --target "$box" --net -- ip address add 192.168.2.1/32 dev lo
+on_box sh -c "echo 'KESTRELBRIDGE_OPTIONS=--verbose --port=$camera_port' >/etc/default/kestrelbridge"
+on_box sh -c 'echo wlan1 >/run/kestrelbridge/ap.iface'
+on_box systemctl restart kestrelbridge
+camera 25
+wait_for 20 log_has 'Camera connection found' || give_up 'the daemon found no camera'
+expect_video root
+size="$(on_box sh -c 'cat /run/kestrelbridge/video_width /run/kestrelbridge/video_height')"
+[[ $size == 1280720 ]] || give_up "the picture-size files say $size"
+done_with 'Video in the ring, picture size in /run/kestrelbridge.'
+
+step 'Under its restrictions'
+status="$(on_box cat "/proc/$(daemon_pid)/status")"
+for line in 'CapEff:.*0000000000003000' 'NoNewPrivs:.*1' 'Seccomp:.*2'; do
+  grep -qE "^$line$" <<<"$status" || give_up "the daemon is not restricted: no $line in its status"
+done
+[[ "$(rules)" == 1 ]] || give_up 'the redirect rule is missing'
+grep -qE 'rb20000000\b' < <(nsenter --target "$box" --net -- ss -uanm) ||
+  give_up "the camera's socket has no large buffer"
+if log_has 'buffer set failed'; then give_up 'a socket buffer was refused'; fi
+done_with 'Two capabilities, a system-call filter; rule and large socket buffers work all the same.'
+# The rest of its job.
+on_box kestrelctl telemetry --json --count 1 --duration 10 >/dev/null || give_up 'no telemetry'
+on_box kestrelctl command iso 400 --wait >/dev/null || give_up 'a command had no effect'
+look kestrelctl rc record=1 || give_up 'no block for the remote control'
+wait_for 5 switch_has_acted || give_up "a switch sent no command: $(on_box kestrelctl stats --count 1)"
+phone="$(on_box kestrelctl phone --to 127.0.0.1:9004 --duration 3)" || give_up "the phone app failed: $phone"
+grep -qE '^units: [1-9]' <<<"$phone" || give_up "nothing was relayed to the phone app: $phone"
+on_box grep -q '^kestrelbridge_kernel_drops_total{' /run/kestrelbridge/metrics.prom ||
+  give_up "the kernel's drops cannot be read"
+done_with 'Telemetry, a command, a switch, the phone app and the counters, too.'
+
+step 'The camera leaves and comes back'
+before="$(restarts)"
+wait_for 40 log_has 'Camera connection lost' || give_up 'the daemon did not notice'
+wait_for 20 has_restarted_since "$before" || give_up 'the service did not start again'
+[[ "$(on_box cat /run/kestrelbridge/ap.iface)" == wlan1 ]] || give_up 'ap.iface did not survive'
+wait
+camera 8
+expect_video root
+wait
+done_with 'systemd started it again, and the video goes on.'
+
+step 'With the other kind of iptables'
+on_box update-alternatives --set iptables /usr/sbin/iptables-legacy >/dev/null 2>&1
+on_box systemctl restart kestrelbridge
+wait_for 10 has_rule || give_up 'no rule with iptables-legacy'
+on_box iptables -t nat -F PREROUTING
+on_box update-alternatives --auto iptables >/dev/null 2>&1
+done_with 'The rule is there.'
+
+step 'As another user'
+on_box useradd --system pilot
+on_box mkdir -p /run/systemd/system/kestrelbridge.service.d
+on_box sh -c 'printf "[Service]\nUser=pilot\n" >/run/systemd/system/kestrelbridge.service.d/user.conf'
+on_box systemctl daemon-reload
+on_box systemctl stop kestrelbridge
+on_box sh -c 'rm -f /dev/shm/kestrelbridge_framebuffer* /dev/shm/shared_rc_raw'
+on_box iptables -t nat -F PREROUTING
+on_box systemctl start kestrelbridge
+camera 8
+wait_for 10 has_rule || give_up 'no rule as another user'
+expect_video pilot
+[[ "$(on_box stat --format=%U /dev/shm/kestrelbridge_framebuffer)" == pilot ]] ||
+  give_up 'the ring belongs to somebody else'
+wait
+on_box rm -r /run/systemd/system/kestrelbridge.service.d
+on_box systemctl daemon-reload
+on_box systemctl stop kestrelbridge
+on_box sh -c 'rm -f /dev/shm/kestrelbridge_framebuffer* /dev/shm/shared_rc_raw; userdel pilot'
+done_with 'Video, rule and status files as user pilot.'
+
+step 'Remove, install again, purge'
+on_box systemctl start kestrelbridge
+wait_for 10 has_rule || give_up 'no rule'
+on_box dpkg --remove kestrelbridge >/dev/null 2>&1
+if look systemctl is-active kestrelbridge; then give_up 'removed, and still running'; fi
+[[ "$(rules)" == 0 ]] || give_up 'removed, and its rules are still there'
+look test -e /etc/default/kestrelbridge || give_up 'removing took the settings away'
+done_with 'Removed: stopped, its rules are gone, the settings stay.'
+on_box dpkg --install /root/kestrelbridge.deb >/dev/null 2>&1
+wait_for 10 look systemctl is-active kestrelbridge || give_up 'installed again, and not running'
+wait_for 10 look test -e /dev/shm/shared_rc_raw || give_up 'installed again, and no block'
+done_with 'Installed again: it runs.'
+on_box dpkg --purge kestrelbridge >/dev/null 2>&1
+for path in /run/kestrelbridge /dev/shm/kestrelbridge_framebuffer \
+  /dev/shm/kestrelbridge_framebuffer_transcoding /dev/shm/shared_rc_raw /etc/default/kestrelbridge; do
+  if look test -e "$path"; then give_up "purged, and $path is still there"; fi
+done
+done_with 'Purged: nothing in /run, /dev/shm and /etc.'

@@ -1,0 +1,79 @@
+#include "support/camera_end.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "base/byte_order.h"
+#include "camera/camera_link.h"
+#include "camera/packet_format.h"
+#include "state/camera_state.h"
+#include "support/camera_datagrams.h"
+#include "tools/wire/packet_check.h"
+
+namespace kestrelbridge::test {
+namespace {
+
+constexpr std::uint16_t kLastReceived = 0x0102;
+
+std::string HexWithoutSeal(std::span<const std::uint8_t> frame) {
+  std::string text;
+  for (std::size_t i = 0; i < frame.size() - kFrameCrc16Size; ++i) {
+    if (i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1) {
+      continue;
+    }
+    char digits[4];
+    std::snprintf(digits, sizeof digits, "%s%02X", i == 0 ? "" : " ", unsigned{frame[i]});
+    text += digits;
+  }
+  return text;
+}
+
+}  // namespace
+
+CameraEnd::CameraEnd() {
+  BeCameraAt(camera_);
+  GetCameraLink().last_received_sequence = kLastReceived;
+  ClearCameraState();
+  testing::internal::CaptureStderr();
+}
+
+void CameraEnd::TearDown() {
+  EXPECT_EQ(SentFrames(), Frames{}) << "a command that no test expected";
+  testing::internal::GetCapturedStderr();
+}
+
+// On the loopback a datagram is there when the call that sent it returns: no need to wait.
+Frames CameraEnd::SentFrames() {
+  Frames frames;
+  while (const auto packet = camera_.Receive(std::chrono::milliseconds{0})) {
+    const tools::CheckedPacket checked = tools::CheckPacket(packet->bytes);
+    if (checked.type != tools::PacketType::kCommand) {
+      ADD_FAILURE() << "packet of " << packet->bytes.size() << " bytes, " << checked.fault;
+      continue;
+    }
+    EXPECT_EQ(LoadLe16(checked.frame, kFrameSequenceOffset), next_sequence_++);
+    EXPECT_EQ(LoadLe16(packet->bytes, kWrapperSequenceOffset), LastReceivedSequence());
+    frames.push_back(HexWithoutSeal(checked.frame));
+  }
+  return frames;
+}
+
+std::string CameraEnd::Log() {
+  std::string log = testing::internal::GetCapturedStderr();
+  testing::internal::CaptureStderr();
+  return log;
+}
+
+std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table) {
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (std::size_t start = 0; start <= table.size();) {
+    const std::size_t end = std::min(table.find('|', start), table.size());
+    const std::string_view pair = table.substr(start, end - start);
+    const std::size_t middle = std::min(pair.find('='), pair.size());
+    pairs.emplace_back(pair.substr(0, middle), pair.substr(std::min(middle + 1, pair.size())));
+    start = end + 1;
+  }
+  return pairs;
+}
+
+}  // namespace kestrelbridge::test

@@ -1,0 +1,48 @@
+// kestrelctl telemetry, run for real: the daemon's own records, and what anybody may send.
+
+#include "state/telemetry.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/udp_socket.h"
+
+namespace kestrelbridge::test {
+namespace {
+
+using Datagram = std::vector<std::uint8_t>;
+
+template <typename Record>
+Datagram ToDatagram(const Record& record) {
+  return {record.begin(), record.end()};
+}
+
+TEST(TelemetryCommand, PrintsALinePerRecordIntoAPipeAndEndsAfterItsCount) {
+  ChildProcess telemetry(Kestrelctl({"telemetry", "--count", "5"}));
+  ASSERT_TRUE(telemetry.WaitForLine("listening on 127.0.0.1:5000"));
+  const UdpSocket daemon;
+  const std::string evil = "\aa\x1b[2J=\r,";
+  const TextRecord text = BuildTextRecord({});
+  const auto length = static_cast<std::ptrdiff_t>(text.length);
+  for (const Datagram& datagram :
+       {Datagram(text.buffer.begin(), text.buffer.begin() + length),
+        ToDatagram(BuildStatusRecord({})), ToDatagram(BuildHistogramRecord({})), Datagram{1, 2, 3},
+        Datagram(evil.begin(), evil.end()), ToDatagram(BuildStatusRecord({}))}) {
+    ASSERT_TRUE(daemon.Send(datagram, {.host = "127.0.0.1", .port = 5000}));
+  }
+  EXPECT_EQ(telemetry.WaitForExit(), ExitedWith(0));
+  const std::string sender = " 127.0.0.1:" + std::to_string(daemon.port()) + " ";
+  EXPECT_EQ(CountLines(telemetry.Output(), sender), 5) << telemetry.Output();
+  EXPECT_EQ(telemetry.Output().find_first_of("\x1b\r"), std::string::npos);
+  for (const std::string line : {"text@camera_detected=0,", "status@", "histogram@0 0 0",
+                                 "unknown@3 bytes: 01 02 03", "text@a"}) {
+    const std::size_t at = line.find('@');
+    EXPECT_EQ(CountLines(telemetry.Output(), line.substr(0, at) + sender + line.substr(at + 1)), 1);
+  }
+}
+
+}  // namespace
+}  // namespace kestrelbridge::test

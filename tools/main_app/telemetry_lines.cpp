@@ -1,0 +1,92 @@
+#include "tools/main_app/telemetry_lines.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "tools/common/foreign_text.h"
+#include "tools/common/host_port.h"
+
+namespace kestrelbridge::tools {
+namespace {
+
+constexpr std::size_t kBytesShown = 32;  // of an unknown datagram, in a line for people
+
+std::string Numbers(std::span<const std::uint8_t> values, const char* separator) {
+  std::string text;
+  for (const std::uint8_t value : values) {
+    text += (text.empty() ? "" : separator) + std::to_string(value);
+  }
+  return text;
+}
+
+std::string PlainItems(const TelemetryRecord& record) {
+  std::string text;
+  for (const TelemetryItem& item : record.items) {
+    text += PrintableText(item.key) + '=' + PrintableText(item.value) + ',';
+  }
+  return text;
+}
+
+std::string PlainUnknown(std::span<const std::uint8_t> bytes) {
+  const auto shown = bytes.first(std::min(bytes.size(), kBytesShown));
+  return std::to_string(bytes.size()) + " bytes" + (bytes.empty() ? "" : ": ") +
+         HexText(shown, " ") + (shown.size() < bytes.size() ? " ..." : "");
+}
+
+std::string PlainContent(const TelemetryRecord& record) {
+  switch (record.type) {
+    case RecordType::kText:
+      return PlainItems(record);
+    case RecordType::kStatus:
+      return "byte 0: " + std::to_string(record.status_byte_0) +
+             ", byte 31: " + std::to_string(record.status_byte_31) +
+             ", byte 2: " + std::to_string(record.status_byte_2);
+    case RecordType::kHistogram:
+      return Numbers(record.histogram, " ");
+    case RecordType::kUnknown:
+      break;
+  }
+  return PlainUnknown(record.bytes);
+}
+
+std::string JsonItems(const TelemetryRecord& record) {
+  std::string json;
+  for (const TelemetryItem& item : record.items) {
+    if (item.key != "type" && item.key != "sender") {
+      json += "," + JsonString(item.key) + ":" + JsonString(item.value);
+    }
+  }
+  return json;
+}
+
+// Each member with a comma before it.
+std::string JsonContent(const TelemetryRecord& record) {
+  switch (record.type) {
+    case RecordType::kText:
+      return JsonItems(record);
+    case RecordType::kStatus:
+      return ",\"status_byte_0\":" + std::to_string(record.status_byte_0) +
+             ",\"status_byte_31\":" + std::to_string(record.status_byte_31) +
+             ",\"status_byte_2\":" + std::to_string(record.status_byte_2);
+    case RecordType::kHistogram:
+      return ",\"histogram\":[" + Numbers(record.histogram, ",") + "]";
+    case RecordType::kUnknown:
+      break;
+  }
+  return ",\"length\":" + std::to_string(record.bytes.size()) + ",\"bytes\":\"" +
+         HexText(record.bytes, "") + "\"";
+}
+
+}  // namespace
+
+std::string PlainLine(const TelemetryRecord& record, UdpPeer sender) {
+  return std::string(RecordTypeName(record.type)) + " " + HostPortText(sender) + " " +
+         PlainContent(record);
+}
+
+std::string JsonLine(const TelemetryRecord& record, UdpPeer sender) {
+  return "{\"type\":" + JsonString(RecordTypeName(record.type)) +
+         ",\"sender\":" + JsonString(HostPortText(sender)) + JsonContent(record) + "}";
+}
+
+}  // namespace kestrelbridge::tools

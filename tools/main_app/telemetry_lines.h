@@ -1,0 +1,22 @@
+// A telemetry record as one line of text. Pure functions; no line ends in a newline.
+#pragma once
+
+#include <string>
+
+#include "net/udp_endpoint.h"
+#include "tools/main_app/telemetry_records.h"
+
+namespace kestrelbridge::tools {
+
+// For people: "text 127.0.0.1:40000 camera_detected=1,...". Printable ASCII only.
+std::string PlainLine(const TelemetryRecord& record, UdpPeer sender);
+
+// For scripts: one JSON object, with "type" and "sender", and beside them
+//   text        every key with its value, a string
+//   status      "status_byte_0", "status_byte_31", "status_byte_2", numbers
+//   histogram   "histogram", 64 numbers
+//   unknown     "length", a number, and "bytes", in hexadecimal
+// Keys that would come twice, with those two names, are left out: valid JSON for any bytes.
+std::string JsonLine(const TelemetryRecord& record, UdpPeer sender);
+
+}  // namespace kestrelbridge::tools

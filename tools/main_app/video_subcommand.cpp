@@ -1,0 +1,242 @@
+#include "tools/main_app/video_subcommand.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kestrelbridge/frame_block.h"
+#include "tools/common/number_option.h"
+#include "tools/common/run_end.h"
+#include "tools/common/tool_error.h"
+#include "tools/common/video_output.h"
+#include "tools/main_app/video_statistics.h"
+
+namespace kestrelbridge::tools {
+namespace {
+
+using Unit = std::vector<std::uint8_t>;
+
+// A unit waits no longer than this for us; less would only cost processor time.
+constexpr std::chrono::microseconds kRingPause{1500};
+constexpr std::chrono::milliseconds kBlockPause{10};
+constexpr std::chrono::seconds kQuiet{1};  // without a unit: is it still the daemon's ring?
+constexpr double kMaxSeconds = 1e7;
+constexpr double kMaxUnits = 1e15;
+
+struct CommandLine {
+  std::string output;
+  bool statistics = false;
+  bool oldest = false;
+  bool live = false;
+  std::uint64_t count = 0;  // 0: no limit
+  double duration_s = 0;
+};
+
+// What one run works with.
+struct Run {
+  const CommandLine& line;
+  VideoOutput output;
+  RunEnd end;
+  VideoStatistics statistics;
+  FrameBlockReader::Counters earlier{};  // of rings that were removed under us
+
+  // Whose closed pipe ends the run.
+  [[nodiscard]] int Watched() const {
+    return output.descriptor() != -1 ? output.descriptor() : STDOUT_FILENO;
+  }
+};
+
+bool OpensWithParameterSet(const Unit& unit) {
+  constexpr std::size_t kNalHeaderOffset = 4;  // after the start code
+  constexpr unsigned kNalTypeMask = 0x1F;
+  constexpr unsigned kNalTypeSps = 7;
+  return unit.size() > kNalHeaderOffset && (unit[kNalHeaderOffset] & kNalTypeMask) == kNalTypeSps;
+}
+
+[[noreturn]] void RefuseBlock(int error) {
+  std::string text =
+      std::string("cannot read /dev/shm/") + kFrameBlockName + ": " + std::strerror(error);
+  if (error == EACCES) {
+    text += "; run this as the user that the daemon runs as";
+  }
+  throw ToolError(text);
+}
+
+// The block, as soon as there is one; `waited` tells whether it was there at once. False when it is
+// time to end first.
+bool OpenBlock(FrameBlockMapping& mapping, Run& run, bool& waited) {
+  for (waited = false; !mapping.Open(); waited = true) {
+    if (errno != ENOENT && errno != EAGAIN) {
+      RefuseBlock(errno);
+    }
+    if (!waited) {
+      std::fprintf(stderr, "waiting for the daemon: there is no frame ring yet (/dev/shm/%s)\n",
+                   kFrameBlockName);
+    }
+    if (run.end.Wait(kBlockPause, run.Watched())) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Takes one unit on its way. False when the run ends with it, or without it.
+bool PassOn(const Unit& unit, Run& run) {
+  if (!run.output.Write(unit, run.end)) {
+    return false;
+  }
+  run.statistics.CountUnit(unit.size());
+  return run.statistics.units() != run.line.count;
+}
+
+// What the ring holds at the start, from the newest unit on that opens with a parameter set: a
+// decoder can begin with that one. Empty when there is none.
+std::deque<Unit> TakeDecodable(FrameBlockReader& reader) {
+  std::deque<Unit> units;
+  Unit unit;
+  // The bound is for a daemon that publishes faster than we copy.
+  for (std::size_t i = 0; i < kSlotCount && reader.Next(unit); ++i) {
+    if (OpensWithParameterSet(unit)) {
+      units.clear();
+    }
+    if (!units.empty() || OpensWithParameterSet(unit)) {
+      units.push_back(unit);
+    }
+  }
+  return units;
+}
+
+// Of this ring and of the earlier ones.
+FrameBlockReader::Counters AllCounters(const FrameBlockReader& reader, const Run& run) {
+  FrameBlockReader::Counters all = reader.counters();
+  all.lost += run.earlier.lost;
+  all.restarts += run.earlier.restarts;
+  return all;
+}
+
+enum class RingEnd { kRunIsOver, kRingIsGone };
+
+RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& run) {
+  Unit unit;
+  auto quiet_from = RunEnd::Clock::now();
+  for (;;) {
+    while (reader.Next(unit)) {
+      quiet_from = RunEnd::Clock::now();
+      if (!PassOn(unit, run) || run.end.Wait({}, -1)) {
+        return RingEnd::kRunIsOver;  // a flood of units must not hide the end
+      }
+    }
+    if (RunEnd::Clock::now() - quiet_from > kQuiet) {
+      if (!mapping.IsCurrent()) {
+        return RingEnd::kRingIsGone;
+      }
+      quiet_from = RunEnd::Clock::now();
+    }
+    if (run.line.statistics && !run.statistics.Report(AllCounters(reader, run))) {
+      return RingEnd::kRunIsOver;
+    }
+    if (run.end.Wait(kRingPause, run.Watched())) {
+      return RingEnd::kRunIsOver;
+    }
+  }
+}
+
+RingEnd FollowRing(Run& run, const FrameBlockMapping& mapping, bool waited) {
+  using Start = FrameBlockReader::Start;
+  const bool all = run.line.oldest || waited;
+  // Statistics are about what comes: old units would show as a burst.
+  const bool live = !all && (run.line.live || run.output.descriptor() == -1);
+  FrameBlockReader reader(mapping.data(), live ? Start::kLive : Start::kOldest);
+  bool goes_on = true;
+  if (!all && !live) {
+    for (const Unit& unit : TakeDecodable(reader)) {
+      goes_on = goes_on && PassOn(unit, run);
+    }
+  }
+  const RingEnd end = goes_on ? Follow(reader, mapping, run) : RingEnd::kRunIsOver;
+  run.earlier = AllCounters(reader, run);
+  return end;
+}
+
+void RunVideo(const CommandLine& line) {
+  std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
+  const std::string output = line.output.empty() && !line.statistics ? "-" : line.output;
+  Run run = {.line = line,
+             .output = VideoOutput(output),
+             .end = RunEnd(line.duration_s),
+             .statistics = VideoStatistics(output == "-" ? stderr : stdout)};
+  for (bool is_first = true;; is_first = false) {
+    FrameBlockMapping mapping;
+    bool waited = false;
+    if (!OpenBlock(mapping, run, waited)) {
+      break;
+    }
+    if (is_first) {
+      run.statistics.Start();
+    }
+    if (FollowRing(run, mapping, waited || !is_first) == RingEnd::kRunIsOver) {
+      break;
+    }
+    std::fprintf(stderr, "the frame ring has been removed, looking for another\n");
+    ++run.earlier.restarts;
+  }
+  run.output.Close();
+  run.statistics.PrintSummary(stderr, run.earlier);
+}
+
+constexpr char kFooter[] =
+    "Where it begins: a player needs a sequence parameter set, so a running ring is read from the "
+    "newest unit on that opens with one, at most 100 units back; without such a unit, from the "
+    "next unit on. Statistics alone begin with the next unit, too. A player that shows units as "
+    "they come has caught up at once: ffplay -f h264 "
+    "-fflags nobuffer -flags low_delay -framedrop. A ring that appears, or begins anew with the "
+    "daemon, is read from its first unit on.\n"
+    "A ring of an earlier run stays until the daemon starts again; what it holds counts as old, "
+    "see --live.\n\n"
+    "Ends with Ctrl-C, SIGTERM or when the pipe is closed, and sums up on standard error. Exit "
+    "code: 0, or 1 when something could not be done.\n\n"
+    "  kestrelctl video | ffplay -f h264 -\n"
+    "  kestrelctl video --output flight.h264 --stats";
+
+}  // namespace
+
+void AddVideoSubcommand(CLI::App& app) {
+  CLI::App* const command = app.add_subcommand(
+      "video", "Follows the frame ring: the live H.264 stream to a pipe or file, or statistics");
+  const auto line = std::make_shared<CommandLine>();
+  command
+      ->add_option("--output", line->output,
+                   "Write the video, Annex B, to this file; - is standard output, which is the "
+                   "default without --stats")
+      ->type_name("FILE");
+  command->add_flag("--stats", line->statistics,
+                    "A line a second on standard output: frames per second, bit rate, units lost, "
+                    "restarts of the daemon, picture size (on standard error with --output -)");
+  auto* const oldest = command->add_flag("--oldest", line->oldest,
+                                         "Begin with all that the ring holds, at most 100 units");
+  command
+      ->add_flag("--live", line->live,
+                 "Begin with the next unit, whatever it is: least delay, but a player shows "
+                 "nothing before the camera's next parameter set")
+      ->excludes(oldest);
+  command->add_option("--count", line->count, "End after so many units")
+      ->check(NumberBetween(1, kMaxUnits))
+      ->type_name("UNITS");
+  command->add_option("--duration", line->duration_s, "End after so many seconds, waiting included")
+      ->check(NumberBetween(0.01, kMaxSeconds))
+      ->type_name("SECONDS");
+  command->footer(kFooter);
+  command->callback([line] { RunVideo(*line); });
+}
+
+}  // namespace kestrelbridge::tools
