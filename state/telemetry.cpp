@@ -21,9 +21,6 @@ constexpr std::uint32_t kTicksPerStatus = 2;
 static_assert(kTicksPerText % kTicksPerStatus == 0);
 constexpr std::uint32_t kHistogramLifeMs = 3000;
 
-constexpr std::uint8_t kTextRecordType = 0x07;
-constexpr std::uint16_t kStatusRecordType = 0x0006;
-constexpr std::uint16_t kHistogramRecordType = 0x0106;
 constexpr std::size_t kRecordTypeSize = 2;
 // Status record: the camera's bytes; all others are positions for which no value is obtained.
 constexpr std::size_t kStatusByte0Offset = 9;

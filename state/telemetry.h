@@ -18,6 +18,11 @@
 
 namespace kestrelbridge {
 
+// How a record opens: the text with one byte, the others with two, little-endian.
+inline constexpr std::uint8_t kTextRecordType = 0x07;
+inline constexpr std::uint16_t kStatusRecordType = 0x0006;
+inline constexpr std::uint16_t kHistogramRecordType = 0x0106;
+
 inline constexpr std::size_t kTextRecordSize = 1300;  // buffer; the longest text has some 600 bytes
 inline constexpr std::size_t kStatusRecordSize = 28;
 inline constexpr std::size_t kHistogramRecordSize = 2 + kHistogramSize;

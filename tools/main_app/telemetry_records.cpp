@@ -10,9 +10,6 @@
 namespace kestrelbridge::tools {
 namespace {
 
-constexpr std::uint8_t kTextType = 0x07;
-constexpr std::uint16_t kStatusType = 0x0006;
-constexpr std::uint16_t kHistogramType = 0x0106;
 constexpr std::size_t kBinaryTypeSize = 2;
 constexpr std::size_t kStatusByte0 = 9;
 constexpr std::size_t kStatusByte31 = 10;
@@ -76,18 +73,18 @@ std::string_view RecordTypeName(RecordType type) {
 }
 
 TelemetryRecord ParseTelemetryRecord(std::span<const std::uint8_t> datagram) {
-  if (!datagram.empty() && datagram[0] == kTextType) {
+  if (!datagram.empty() && datagram[0] == kTextRecordType) {
     return ParseText(datagram);
   }
   TelemetryRecord record;
-  if (IsBinary(datagram, kStatusType, kStatusRecordSize)) {
+  if (IsBinary(datagram, kStatusRecordType, kStatusRecordSize)) {
     record.type = RecordType::kStatus;
     record.status_byte_0 = datagram[kStatusByte0];
     record.status_byte_31 = datagram[kStatusByte31];
     record.status_byte_2 = datagram[kStatusByte2];
     return record;
   }
-  if (IsBinary(datagram, kHistogramType, kHistogramRecordSize)) {
+  if (IsBinary(datagram, kHistogramRecordType, kHistogramRecordSize)) {
     record.type = RecordType::kHistogram;
     std::ranges::copy(datagram.subspan(kBinaryTypeSize), record.histogram.begin());
     return record;
