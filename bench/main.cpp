@@ -27,7 +27,7 @@ constexpr int kPriority = -15;
 constexpr std::array kMeasurements = {
     Measurement{"cpu", MeasureProcessorTime}, Measurement{"peer", MeasurePeer},
     Measurement{"rate", MeasureHighestRate},  Measurement{"visible", MeasureVisibility},
-    Measurement{"relay", MeasureRelay},
+    Measurement{"relay", MeasureRelay},       Measurement{"share", MeasureShare},
 };
 
 void Print(const Findings& findings) {
@@ -57,7 +57,7 @@ int Run(int argc, char** argv) {
       ->required();
   app.add_option("--clip", setting.clip, "H.264 stream, Annex B")->required();
   app.add_option("--repetitions", setting.repetitions, "Of everything")->capture_default_str();
-  app.add_option("--only", only, "cpu, peer, rate, visible, relay; may repeat");
+  app.add_option("--only", only, "cpu, peer, rate, visible, relay, share; may repeat");
   CLI11_PARSE(app, argc, argv);
   // Other work on the machine spoils the figures; where we may, we go first. The programs under
   // test inherit it.

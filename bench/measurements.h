@@ -38,4 +38,7 @@ Findings MeasureVisibility(const Setting& setting);
 // From the camera to the phone through the relay, against a bare echo and socat.
 Findings MeasureRelay(const Setting& setting);
 
+// What the share adds to a telemetry record's way, to the main application and to consumers.
+Findings MeasureShare(const Setting& setting);
+
 }  // namespace kestrelbridge::bench

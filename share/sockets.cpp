@@ -68,7 +68,8 @@ void GiveToGroup(const std::string& path, const std::string& group) {
   if (entry == nullptr) {
     std::fprintf(stderr, "No group \"%s\": %s is for this user and its group alone\n",
                  group.c_str(), path.c_str());
-  } else if (lchown(path.c_str(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
+  } else if (entry->gr_gid != getegid() &&
+             lchown(path.c_str(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
     std::fprintf(stderr, "Cannot give %s to the group \"%s\": %s\n", path.c_str(), group.c_str(),
                  std::strerror(errno));
   }
