@@ -153,8 +153,7 @@ TEST(Share, RefusesWhatIsNoWholeCommandForADaemonThatIsThere) {
   const Bytes longest(9'999, '!');
   const Bytes too_long(10'000, '!');
   ASSERT_TRUE(commander.Send(BytesOf(kCommand)));  // no daemon has been heard
-  ASSERT_TRUE(
-      stage.Counts("kestrelbridge_share_commands_refused_total", 1, R"(source="control")"));
+  ASSERT_TRUE(stage.Counts("kestrelbridge_share_commands_refused_total", 1, R"(source="control")"));
   stage.Publish(Text(1));
   ASSERT_TRUE(commander.Send(too_long));
   ASSERT_TRUE(commander.Send(Bytes(100'000, '!')));
@@ -166,8 +165,7 @@ TEST(Share, RefusesWhatIsNoWholeCommandForADaemonThatIsThere) {
   EXPECT_TRUE(stage.DaemonGets(longest)) << "the first that the daemon gets";
   ASSERT_TRUE(commander.Send(longest));
   EXPECT_TRUE(stage.DaemonGets(longest));
-  EXPECT_TRUE(
-      stage.Counts("kestrelbridge_share_commands_refused_total", 3, R"(source="control")"));
+  EXPECT_TRUE(stage.Counts("kestrelbridge_share_commands_refused_total", 3, R"(source="control")"));
   EXPECT_TRUE(
       stage.Counts("kestrelbridge_share_commands_refused_total", 1, R"(source="main_app")"));
 }
