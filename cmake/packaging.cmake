@@ -51,6 +51,7 @@ endfunction()
 install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
 install(TARGETS kestrelctl RUNTIME DESTINATION bin)
 install_text(kestrelbridge.service.in lib/systemd/system daemon)
+install(PROGRAMS packaging/lib/packet-filter packaging/lib/redirect-rules DESTINATION lib/kestrelbridge)
 install_text(default/kestrelbridge.in @sysconfdir@/default daemon KEEP)
 install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
@@ -132,7 +133,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME kestrelbridge)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS iptables) # the phone app's way to the camera
+# The phone app's way to the camera, and the packet filter.
+set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS "iptables, nftables")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS ffmpeg)     # a player
 set(debian_dir ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA

@@ -15,6 +15,11 @@ on_box() {
   nsenter --target "$box" --mount --net --pid --uts --ipc --cgroup --root -- \
     env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
 }
+# The same, with the network of the phone's host.
+on_phone() {
+  nsenter --target "$box" --mount --pid --uts --ipc --cgroup --root --net="/proc/$phone_host/ns/net" -- \
+    env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
+}
 look() { on_box "$@" >/dev/null 2>&1; }
 
 # wait_for SECONDS COMMAND...
@@ -32,8 +37,32 @@ give_up() {
   fail "$*"
 }
 
+# join_access_point: a phone on the box's wlan1, whose way to everywhere is the box.
+join_access_point() {
+  unshare --net sleep infinity &
+  phone_host=$!
+  # shellcheck disable=SC2064 # the number as it is now
+  trap "kill $phone_host" EXIT
+  wait_for 10 namespaces_differ
+  local at_box=(nsenter --target "$box" --net --) at_phone=(nsenter --target "$phone_host" --net --)
+  "${at_box[@]}" ip link add wlan1 type veth peer name wlan0 netns "$phone_host"
+  "${at_box[@]}" ip address add 10.42.0.1/24 dev wlan1
+  "${at_box[@]}" ip link set wlan1 up
+  "${at_phone[@]}" ip address add 10.42.0.2/24 dev wlan0
+  "${at_phone[@]}" ip link set wlan0 up
+  "${at_phone[@]}" ip route add default via 10.42.0.1
+}
+namespaces_differ() { [[ "$(readlink "/proc/$phone_host/ns/net")" != "$(readlink /proc/self/ns/net)" ]]; }
+
+# units_of WHERE ADDRESS: how many arrive at a phone app there in three seconds.
+units_of() {
+  "$1" kestrelctl phone --to "$2" --duration 3 | sed -n 's/^units: //p'
+}
+
 daemon_pid() { on_box systemctl show --value --property MainPID kestrelbridge; }
 restarts() { on_box systemctl show --value --property NRestarts kestrelbridge; }
+has_two_rules() { [[ "$(rules)" == 2 ]]; }
+has_filter() { on_box nft list tables | grep -q kestrelbridge; }
 has_rule() { [[ "$(rules)" -ge 1 ]]; }
 log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -q -- "$1"; }
 has_restarted_since() { [[ "$(restarts)" -gt $1 ]]; }
@@ -46,6 +75,7 @@ rules() { on_box iptables -t nat -S PREROUTING 2>/dev/null | grep -c -- '--to-po
 camera() {
   on_box kestrelctl camera --listen "192.168.2.1:$camera_port" --clip "$clip" --loop \
     --silence-after "$1" --duration $(($1 + 5)) >/dev/null &
+  camera=$!
 }
 
 # expect_video USER: three seconds of it, as that user reads it.
@@ -62,16 +92,17 @@ step 'The service, as the package enabled it'
 wait_for 60 look systemctl is-active kestrelbridge || give_up 'the service did not start at boot'
 look systemctl is-enabled kestrelbridge || give_up 'the service is not enabled'
 on_box systemd-analyze verify --man=no /usr/lib/systemd/system/kestrelbridge.service || give_up 'the unit has faults'
-on_box systemd-analyze security --threshold=30 kestrelbridge.service | tail -n 1 ||
+on_box systemd-analyze security --threshold=20 kestrelbridge.service | tail -n 1 ||
   give_up 'the service may do too much'
 done_with 'It runs since the boot.'
 
 step 'With options, a camera and an access point'
 nsenter --target "$box" --net -- ip address add 192.168.2.1/32 dev lo
+join_access_point
 on_box sh -c "echo 'KESTRELBRIDGE_OPTIONS=--verbose --port=$camera_port' >/etc/default/kestrelbridge"
 on_box sh -c 'echo wlan1 >/run/kestrelbridge/ap.iface'
 on_box systemctl restart kestrelbridge
-camera 25
+camera 35
 wait_for 20 log_has 'Camera connection found' || give_up 'the daemon found no camera'
 expect_video root
 size="$(on_box sh -c 'cat /run/kestrelbridge/video_width /run/kestrelbridge/video_height')"
@@ -93,22 +124,50 @@ on_box kestrelctl telemetry --json --count 1 --duration 10 >/dev/null || give_up
 on_box kestrelctl command iso 400 --wait >/dev/null || give_up 'a command had no effect'
 look kestrelctl rc record=1 || give_up 'no block for the remote control'
 wait_for 5 switch_has_acted || give_up "a switch sent no command: $(on_box kestrelctl stats --count 1)"
-phone="$(on_box kestrelctl phone --to 127.0.0.1:9004 --duration 3)" || give_up "the phone app failed: $phone"
-grep -qE '^units: [1-9]' <<<"$phone" || give_up "nothing was relayed to the phone app: $phone"
+[[ "$(units_of on_phone "192.168.2.1:$camera_port")" -ge 1 ]] || give_up 'nothing was relayed to the phone app'
 on_box grep -q '^kestrelbridge_kernel_drops_total{' /run/kestrelbridge/metrics.prom ||
   give_up "the kernel's drops cannot be read"
 done_with 'Telemetry, a command, a switch, the phone app and the counters, too.'
+
+step 'The packet filter'
+has_filter && log_has 'Packet filter loaded' || give_up 'the packet filter is not loaded'
+for address in 10.42.0.1:9004 192.168.2.1:9004; do
+  [[ "$(units_of on_phone "$address")" == 0 ]] || give_up "a stranger at $address was taken for the phone app"
+done
+[[ "$(units_of on_box 127.0.0.1:9004)" == 0 ]] || give_up 'a local stranger was taken for the phone app'
+done_with 'Only what comes by way of the redirect rule is the phone app.'
 
 step 'The camera leaves and comes back'
 before="$(restarts)"
 wait_for 40 log_has 'Camera connection lost' || give_up 'the daemon did not notice'
 wait_for 20 has_restarted_since "$before" || give_up 'the service did not start again'
 [[ "$(on_box cat /run/kestrelbridge/ap.iface)" == wlan1 ]] || give_up 'ap.iface did not survive'
-wait
+wait "$camera"
 camera 8
 expect_video root
-wait
+wait "$camera"
 done_with 'systemd started it again, and the video goes on.'
+
+step 'Without the packet filter'
+wait_for_start() { wait_for 10 look systemctl is-active kestrelbridge || give_up "not started: $1"; }
+on_box mv /usr/sbin/nft /usr/sbin/nft.away
+on_box systemctl restart kestrelbridge
+wait_for_start 'without nft'
+wait_for 10 log_has 'No packet filter: nft is not installed' || give_up 'nothing says that there is no filter'
+on_box mv /usr/sbin/nft.away /usr/sbin/nft
+on_box sh -c 'echo KESTRELBRIDGE_PACKET_FILTER=no >>/etc/default/kestrelbridge'
+on_box systemctl restart kestrelbridge
+wait_for_start 'filter off'
+wait_for 10 log_has 'No packet filter: switched off' || give_up 'the filter was not switched off'
+if has_filter; then give_up 'the filter is still there'; fi
+on_box sed -i /PACKET_FILTER/d /etc/default/kestrelbridge
+for _ in 1 2 3; do
+  on_box systemctl restart kestrelbridge
+  wait_for 10 has_two_rules || give_up "redirect rules pile up: $(rules)"
+done
+on_box systemctl stop kestrelbridge
+if has_filter; then give_up 'stopped, and the filter is still there'; fi
+done_with 'It starts all the same, and says so. Redirect rules do not pile up.'
 
 step 'With the other kind of iptables'
 on_box update-alternatives --set iptables /usr/sbin/iptables-legacy >/dev/null 2>&1
@@ -132,7 +191,7 @@ wait_for 10 has_rule || give_up 'no rule as another user'
 expect_video pilot
 [[ "$(on_box stat --format=%U /dev/shm/kestrelbridge_framebuffer)" == pilot ]] ||
   give_up 'the ring belongs to somebody else'
-wait
+wait "$camera"
 on_box rm -r /run/systemd/system/kestrelbridge.service.d
 on_box systemctl daemon-reload
 on_box systemctl stop kestrelbridge
