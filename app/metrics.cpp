@@ -164,7 +164,7 @@ void AppendKernelDrops(std::string& text, const Links& links) {
     sockets[i].socket = links[i].endpoint.socket.load(std::memory_order_relaxed);
   }
   if (!ReadSocketDrops(sockets)) {
-    return;  // absent is true, 0 would not be
+    return;  // no line at all: a 0 would claim that nothing was dropped
   }
   constexpr char kName[] = "kestrelbridge_kernel_drops_total";
   AppendHead(text, kName, "counter", "Datagrams that the kernel dropped before the daemon's turn.");

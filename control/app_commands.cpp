@@ -11,6 +11,7 @@
 #include "base/counters.h"
 #include "control/camera_commands.h"
 #include "control/resolution_words.h"
+#include "state/spelled_numbers.h"
 
 namespace kestrelbridge {
 namespace {
@@ -26,32 +27,22 @@ struct Members {
 
 enum class Needs { kNothing, kParam, kParamAndValue };
 
-struct Resolution {
-  int width;
-  int height;
-  int frames_per_second;
-  bool operator==(const Resolution&) const = default;
+struct ResolutionWord {
+  std::string_view word;
+  SpelledNumbers numbers;  // width, height, frames per second
 };
-
-// Of a word of the table: three numbers with one character between them.
-constexpr Resolution ResolutionOfWord(std::string_view word) {
-  std::array<int, 3> numbers{};
-  auto number = numbers.begin();
-  for (const char character : word) {
-    if (character < '0' || character > '9') {
-      ++number;
-    } else {
-      *number = *number * 10 + (character - '0');
-    }
-  }
-  return {numbers[0], numbers[1], numbers[2]};
-}
-static_assert(ResolutionOfWord("1920x1080@240") == Resolution{1920, 1080, 240});
+constexpr auto kResolutions = [] {
+  std::array<ResolutionWord, kResolutionCommandWords.size()> rows{};
+  std::ranges::transform(kResolutionCommandWords, rows.begin(), [](std::string_view word) {
+    return ResolutionWord{word, NumbersOf(word)};
+  });
+  return rows;
+}();
 
 void SetResolution(std::string_view word) {
-  if (std::ranges::find(kResolutionWords, word) != kResolutionWords.end()) {
-    const Resolution resolution = ResolutionOfWord(word);
-    SetVideoResolution(resolution.width, resolution.height, resolution.frames_per_second);
+  const auto row = std::ranges::find(kResolutions, word, &ResolutionWord::word);
+  if (row != kResolutions.end()) {
+    SetVideoResolution(row->numbers[0], row->numbers[1], row->numbers[2]);
   }
 }
 

@@ -8,7 +8,7 @@ namespace kestrelbridge {
 
 // The words by which a picture size and rate are asked for: width, height, frames per second. The
 // camera has a code for each size and each rate, but does not take every pair of them.
-inline constexpr std::array<std::string_view, 41> kResolutionWords = {
+inline constexpr std::array<std::string_view, 41> kResolutionCommandWords = {
     "4096x2160@25",  "4096x2160@24",  "4000x3000@30", "4000x3000@25",  "4000x3000@24",
     "3840x2160@60",  "3840x2160@50",  "3840x2160@48", "3840x2160@30",  "3840x2160@25",
     "3840x2160@24",  "2720x2040@30",  "2720x2040@25", "2720x2040@24",  "2720x1530@60",

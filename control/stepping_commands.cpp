@@ -26,6 +26,8 @@ void SendShutter(const char* word, const CameraState& /*state*/) {
 }
 
 void SendWhiteBalance(const char* word, const CameraState& state) {
+  // The text ends in a newline, which shows as an empty line in the log; the number that the camera
+  // gets is read up to it.
   char temperature[50];  // the largest float has 39 digits
   std::snprintf(temperature, sizeof temperature, "%1.0f\n",
                 static_cast<double>(state.wb_temp_set == 0 ? state.wb_temp : state.wb_temp_set));
@@ -53,7 +55,7 @@ constexpr Stepping kColorStepping = {
     [](const char* word, const CameraState&) { SetColor(word); }};
 // clang-format on
 
-std::size_t PositionOf(std::string_view word, Steps steps) {
+std::size_t IndexOf(std::string_view word, Steps steps) {
   const auto found = std::ranges::find(steps, word);
   return found == steps.end() ? 0 : static_cast<std::size_t>(std::distance(steps.begin(), found));
 }
@@ -62,7 +64,7 @@ std::size_t PositionOf(std::string_view word, Steps steps) {
 void StepBy(const Stepping& stepping, std::size_t distance, const char* direction) {
   std::fprintf(stderr, "Camera set %s %s\n", direction, stepping.log_name);
   const CameraState state = SnapshotCameraState();
-  const std::size_t position = PositionOf(stepping.current_word(state), stepping.steps);
+  const std::size_t position = IndexOf(stepping.current_word(state), stepping.steps);
   const std::size_t chosen = (position + distance) % stepping.steps.size();
   stepping.send(stepping.steps[chosen].data(), state);
 }

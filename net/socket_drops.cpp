@@ -23,7 +23,8 @@ bool ParseLine(const char* line, unsigned long& socket_number, unsigned long lon
 }  // namespace
 
 bool ReadSocketDrops(std::span<SocketDrops> sockets) {
-  // Not /proc/net: that name is hidden from a service that may see processes only.
+  // The service sees of /proc only the folders of processes (ProcSubset=pid in its unit), so
+  // /proc/net/udp is not there; the same table stands below each process.
   std::FILE* table = std::fopen("/proc/self/net/udp", "re");
   if (table == nullptr) {
     return false;

@@ -20,7 +20,7 @@ namespace {
 constexpr useconds_t kWaitForBufferUs = 10'000;
 
 constexpr unsigned kPeerAddressShift = 32;
-constexpr unsigned kPeerStampShift = 16;
+constexpr unsigned kPeerGenerationShift = 16;
 
 void ConfigureSocket(int socket) {
   const int status_flags = fcntl(socket, F_GETFL, 0);
@@ -56,17 +56,18 @@ struct SenderText {
 // Records the datagram's sender and time, and reports the link as found if it was down.
 //
 // The watchdog may take the link down at any point in between. Then the exchange below finds 0 and
-// this datagram counts as the first of the next link; and the peer is stored with a new stamp each
-// time round, so that the watchdog, which forgets only the peer that it saw before it took the link
-// down, leaves it alone.
+// this datagram counts as the first of the next link; and the peer is stored with a new generation
+// each time round, so that the watchdog, which forgets only the peer that it saw before it took the
+// link down, leaves it alone.
 void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char* sender_text,
-                   std::uint16_t& stamp) {
+                   std::uint16_t& generation) {
   const std::uint32_t now = StampOf(NowMs());  // 0 would mean "down"
   std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
   do {
-    ++stamp;
+    ++generation;
     endpoint.peer.store(std::uint64_t{sender.sin_addr.s_addr} << kPeerAddressShift |
-                            std::uint64_t{stamp} << kPeerStampShift | ntohs(sender.sin_port),
+                            std::uint64_t{generation} << kPeerGenerationShift |
+                            ntohs(sender.sin_port),
                         std::memory_order_release);
     if (last == 0) {
       endpoint.counters->found.Add();
@@ -189,7 +190,7 @@ void CheckLink(UdpEndpoint& endpoint) {
 void ReceiveLoop(UdpEndpoint& endpoint) {
   const int socket = endpoint.socket.load(std::memory_order_relaxed);  // Open started this thread
   SenderText sender_text;
-  std::uint16_t stamp = 0;
+  std::uint16_t generation = 0;
   for (;;) {
     std::uint8_t* buffer = endpoint.buffer.load(std::memory_order_acquire);  // see AttachBuffer
     if (buffer == nullptr) {
@@ -211,7 +212,7 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
     endpoint.counters->received_datagrams.Add();
     endpoint.counters->received_bytes.Add(static_cast<std::uint64_t>(length));
     sender_text.Update(sender.sin_addr);
-    RecordReceive(endpoint, sender, sender_text.text, stamp);
+    RecordReceive(endpoint, sender, sender_text.text, generation);
     if (endpoint.on_datagram != nullptr) {
       endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
                            ntohs(sender.sin_port));

@@ -48,9 +48,9 @@ struct UdpEndpoint {
   bool clear_before_receive =
       false;  // zero the buffer first; the datagram is then a text with a NUL
 
-  // Latest sender: address << 32 | stamp << 16 | port, in one word so that no reader sees half of
-  // it; 0 while there is none. The stamp counts datagrams, and tells the watchdog whether a peer
-  // that it is about to forget has been heard again. Written by the receive thread and the
+  // Latest sender: address << 32 | generation << 16 | port, in one word so that no reader sees half
+  // of it; 0 while there is none. The generation counts datagrams, and tells the watchdog whether a
+  // peer that it is about to forget has been heard again. Written by the receive thread and the
   // watchdog, read by any thread through Peer().
   std::atomic<std::uint64_t> peer{0};
 

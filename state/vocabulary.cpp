@@ -1,8 +1,10 @@
 #include "state/vocabulary.h"
 
 #include <algorithm>
-#include <charconv>
+#include <array>
 #include <iterator>
+
+#include "state/spelled_numbers.h"
 
 namespace kestrelbridge {
 namespace {
@@ -163,20 +165,29 @@ constexpr auto kShutterValues = [] {
   return values;
 }();
 
-std::uint8_t CodeOfReportedOr0(const Setting& setting, std::string_view word) {
-  return CodeOfReportedWord(setting, word).value_or(0);
+// A code for the numbers that its word spells; a word without digits spells 0.
+struct NumberedCode {
+  SpelledNumbers numbers;
+  std::uint8_t code;
+};
+
+template <std::size_t kCount>
+constexpr std::array<NumberedCode, kCount> NumberedCodes(
+    const std::array<SettingWord, kCount>& words) {
+  std::array<NumberedCode, kCount> rows{};
+  std::ranges::transform(words, rows.begin(), [](const SettingWord& word) {
+    return NumberedCode{NumbersOf(word.reported), word.code};
+  });
+  return rows;
 }
 
-constexpr std::size_t kDecimalSize = 11;  // of any int
+constexpr auto kResolutionCodes = NumberedCodes(kResolutionWords);
+constexpr auto kFramerateCodes = NumberedCodes(kFramerateWords);
+constexpr auto kIsoCodes = NumberedCodes(kIsoWords);
 
-// Appends the decimal text; the caller has room for kDecimalSize more.
-char* AppendDecimal(char* text, int number) {
-  return std::to_chars(text, text + kDecimalSize, number).ptr;
-}
-
-std::uint8_t EncodeNumber(const Setting& setting, int number) {
-  char text[kDecimalSize];
-  return CodeOfReportedOr0(setting, {text, AppendDecimal(text, number)});
+std::uint8_t CodeOr0(std::span<const NumberedCode> codes, const SpelledNumbers& numbers) {
+  const auto row = std::ranges::find(codes, numbers, &NumberedCode::numbers);
+  return row == codes.end() ? std::uint8_t{0} : row->code;
 }
 
 }  // namespace
@@ -216,17 +227,14 @@ std::optional<std::uint8_t> EncodeWord(const Setting& setting, std::string_view 
 }
 
 std::uint8_t EncodeResolution(int width, int height) {
-  char text[2 * kDecimalSize + 1];
-  char* end = AppendDecimal(text, width);
-  *end++ = 'x';
-  return CodeOfReportedOr0(kResolution, {text, AppendDecimal(end, height)});
+  return CodeOr0(kResolutionCodes, {width, height});
 }
 
 std::uint8_t EncodeFramerate(int frames_per_second) {
-  return EncodeNumber(kFramerate, frames_per_second);
+  return CodeOr0(kFramerateCodes, {frames_per_second});
 }
 
-std::uint8_t EncodeIso(int iso) { return EncodeNumber(kIso, iso); }
+std::uint8_t EncodeIso(int iso) { return CodeOr0(kIsoCodes, {iso}); }
 
 std::optional<std::uint8_t> EncodeEv(double ev) {
   const auto value = std::ranges::find(kEvValues, ev);

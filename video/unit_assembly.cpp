@@ -38,6 +38,8 @@ constexpr std::size_t kLastFixedByte = kUnitHeaderBytes.back().offset;
 constexpr std::array<std::uint8_t, 4> kStartCode = {0x00, 0x00, 0x00, 0x01};
 constexpr std::size_t kNalHeaderOffset = kStartCode.size();
 constexpr std::size_t kMinUnitLength = kNalHeaderOffset + 1;
+// A NAL unit's type has five bits. The camera's stream is told apart by the lower four on purpose:
+// what counts as a parameter set (type 7) there counts as one here.
 constexpr std::uint8_t kNalTypeMask = 0x0F;
 constexpr std::uint8_t kNalTypeSps = 7;
 

@@ -75,7 +75,7 @@ constexpr std::array kForms = {
     Form{"ev",               "",     SameWords<kEvStepWords>,      "ev"},
     Form{"wb",               "",     SettingWords<kWhiteBalance>,  "wb"},
     Form{"color",            "",     SettingWords<kColorMode>,     "color_mode"},
-    Form{"video_resolution", "",     SameWords<kResolutionWords>,  "format"},
+    Form{"video_resolution", "",     SameWords<kResolutionCommandWords>,  "format"},
     Form{"video_aspect",     "",     SettingWords<kAspectRatio>,   "ratio"},
     Form{"shotmode",         "",     SettingWords<kShotMode>,      "shot_mode"},
     Form{"antiflicker",      "",     SettingWords<kAntiFlicker>,   "antiflicker"},
