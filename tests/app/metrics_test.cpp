@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "base/text_file.h"
+#include "share/share_metrics.h"
 #include "state/command_data.h"
 #include "support/camera_datagrams.h"
 #include "support/temporary_folder.h"
@@ -58,7 +59,7 @@ TEST(MetricsFile, StaysAsItWasWhenTheDiskIsFull) {
 }
 
 TEST(MetricsFile, HoldsTheMetricsThatTheDocumentationLists) {
-  const std::string text = MetricsText(0);
+  const std::string text = MetricsText(0) + share::ShareMetricsText({}, 0);
   const std::string documentation = ReadFile(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
   const auto names = Matches(text, R"(^# TYPE (\w+) )");
   EXPECT_FALSE(names.empty());
