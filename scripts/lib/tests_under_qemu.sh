@@ -4,7 +4,7 @@
 
 # The tests start the real programs, so the kernel must know how to.
 if ! "$(build_dir "$preset")/bin/kestrelctl" --help >/dev/null 2>&1; then
-  launcher=(bash scripts/lib/run_foreign.sh "$(qemu_name "$arch")")
+  launcher=(bash scripts/plays/run_foreign.sh "$(qemu_name "$arch")")
   "${launcher[@]}" "$(build_dir "$preset")/bin/kestrelctl" --help >/dev/null ||
     fail "this kernel does not start programs for $arch. Either it is Linux 6.7 or later and allows
 user namespaces, or: apt-get install binfmt-support qemu-user-static"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The package at work on the booted box. Part of scripts/check-package.
 #
-#   check_package_play.sh PROCESS_NUMBER_OF_ITS_SYSTEMD
+#   check_package.sh PROCESS_NUMBER_OF_ITS_SYSTEMD
 # shellcheck source=scripts/lib/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../lib/common.sh"
 script_name=check-package

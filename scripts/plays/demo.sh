@@ -3,7 +3,7 @@
 # and telemetry flow, the camera obeys a few commands, it falls silent, and what arrived is compared
 # with what was sent.
 #
-#   demo_play.sh CAMERA_ADDRESS SECONDS [CAMERA_OPTION...]
+#   demo.sh CAMERA_ADDRESS SECONDS [CAMERA_OPTION...]
 # shellcheck source=scripts/lib/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/../lib/common.sh"
 script_name=demo

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The soak itself, run by scripts/soak once the stage is set.
 #
-#   soak_play.sh SECONDS
+#   soak.sh SECONDS
 #
 #   |<------------------------- the camera sends ------------------------->| silent
 #   |<- all loads ----------------------------------------------->| rest   | the daemon ends

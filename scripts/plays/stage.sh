@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Furnishes fresh namespaces (net, mount, pid) for the demo and runs the given command in them: a
+# Furnishes fresh namespaces (net, mount, pid) and runs the given command in them: a
 # /run and a /dev/shm of its own, and the camera's address on its own loopback.
 set -euo pipefail
 
