@@ -71,6 +71,7 @@ std::uint8_t* MapRing() {
   return static_cast<std::uint8_t*>(ring);
 }
 
+// Written down again: this program has nothing of ours but the ring's layout.
 bool IsUnitHeader(const std::uint8_t* datagram) {
   return datagram[20] == 0 && datagram[21] == 0 && datagram[22] == 1 && datagram[23] == 0xFF &&
          datagram[26] == 0xFF && datagram[27] == 0 && datagram[28] == 0x4C;

@@ -16,20 +16,19 @@
 #include "session/camera_stream.h"
 #include "support/camera_datagrams.h"
 #include "support/mapped_block.h"
+#include "tools/wire/unit_header.h"
 #include "video/frame_buffers.h"
 
 namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kLongestDatagram = 10'000;
-constexpr std::size_t kUnitHeaderOffset = 20;
-constexpr std::size_t kUnitLengthOffset = 24;
-constexpr std::size_t kUnitHeaderEnd = 32;
+using tools::kUnitHeaderEnd;
+using tools::kUnitLengthOffset;
 
 bool OpensUnit(std::span<const std::uint8_t> datagram) {
   return datagram.size() >= kUnitHeaderEnd && datagram[kWrapperKindOffset] == kKindVideo &&
-         LoadLe32(datagram, kUnitHeaderOffset) == 0xFF010000 &&
-         LoadLe24(datagram, kUnitLengthOffset + 2) == 0x4C00FF;
+         tools::HasUnitHeader(datagram);
 }
 
 // The ring as another process maps it.

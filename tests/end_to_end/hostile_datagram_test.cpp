@@ -9,6 +9,7 @@
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
 #include "end_to_end/daemon_stage.h"
+#include "tools/wire/unit_header.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -30,8 +31,9 @@ void BeCommandData(Bytes& datagram) { Put(datagram, kWrapperKindOffset, {kKindCo
 // Its unit's length is a random one.
 void BeUnitHeader(Bytes& datagram) {
   BeVideo(datagram);
-  Put(datagram, 20, {0x00, 0x00, 0x01, '\xFF'});
-  Put(datagram, 26, {'\xFF', 0x00, 0x4C});
+  const std::string header(tools::kUnitHeader.begin(), tools::kUnitHeader.end());
+  Put(datagram, tools::kUnitHeaderOffset, header.substr(0, 4));
+  Put(datagram, tools::kUnitMarkOffset, header.substr(6, 3));
 }
 
 // Each makes something of random bytes.
@@ -48,10 +50,11 @@ void (*const kShapes[])(Bytes& datagram) = {
     BeUnitHeader,
     [](Bytes& datagram) {  // a whole unit, which opens with a damaged parameter set
       BeUnitHeader(datagram);
-      if (datagram.size() > 32) {
-        StoreLe16(datagram, 24, static_cast<std::uint16_t>(datagram.size() - 32));
+      if (datagram.size() > tools::kUnitHeaderEnd) {
+        StoreLe16(datagram, tools::kUnitLengthOffset,
+                  static_cast<std::uint16_t>(datagram.size() - tools::kUnitHeaderEnd));
       }
-      Put(datagram, 32, {0x00, 0x00, 0x00, 0x01, 0x67});
+      Put(datagram, tools::kUnitHeaderEnd, {0x00, 0x00, 0x00, 0x01, 0x67});
     },
     [](Bytes& datagram) { Put(datagram, 0, R"(!{"cmd":"{[\u0000)"); },
 };

@@ -9,11 +9,11 @@
 #include "camera/camera_link.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
+#include "tools/wire/unit_header.h"
 
 namespace kestrelbridge::test {
 namespace {
 
-constexpr std::size_t kUnitHeaderSize = 12;
 constexpr std::uint8_t kNonIdrPicture = 0x41;
 
 }  // namespace
@@ -45,8 +45,8 @@ Bytes CommandDataDatagram(std::uint16_t sequence, std::span<const std::uint8_t> 
 
 Bytes UnitHeaderDatagram(std::uint16_t sequence, std::uint16_t unit_length,
                          std::span<const std::uint8_t> first_bytes) {
-  Bytes payload = {0x00, 0x00, 0x01, 0xFF, 0, 0, 0xFF, 0x00, 0x4C, 0, 0, 0};
-  StoreLe16(payload, 4, unit_length);
+  Bytes payload(tools::kUnitHeader.begin(), tools::kUnitHeader.end());
+  StoreLe16(payload, tools::kUnitLengthOffset - tools::kUnitHeaderOffset, unit_length);
   payload.insert(payload.end(), first_bytes.begin(), first_bytes.end());
   return CameraDatagram(kKindVideo, sequence, payload);
 }
@@ -58,7 +58,7 @@ Bytes ContinuationDatagram(std::uint16_t sequence, std::span<const std::uint8_t>
 std::vector<Bytes> UnitDatagrams(std::uint16_t first_sequence, std::span<const std::uint8_t> unit,
                                  std::size_t datagram_size) {
   const std::size_t room = datagram_size - kReceivedWrapperSize;
-  const std::size_t first = std::min(unit.size(), room - kUnitHeaderSize);
+  const std::size_t first = std::min(unit.size(), room - tools::kUnitHeader.size());
   std::uint16_t sequence = first_sequence;
   std::vector<Bytes> datagrams = {
       UnitHeaderDatagram(sequence, static_cast<std::uint16_t>(unit.size()), unit.first(first))};

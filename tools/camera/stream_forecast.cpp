@@ -4,6 +4,7 @@
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
+#include "tools/wire/unit_header.h"
 
 // The rules are written down here once more, instead of being taken from the daemon: a check
 // against the code that is checked would find nothing.
@@ -12,18 +13,7 @@ namespace kestrelbridge::tools {
 namespace {
 
 constexpr std::size_t kShortestDatagram = 12;
-constexpr std::size_t kWrapper = 20;
-constexpr std::size_t kHeaderEnd = 32;
-constexpr std::size_t kLastHeaderByte = 28;
-constexpr std::size_t kAnnouncedOffset = 24;
 constexpr std::size_t kLongestUnit = 99'999;
-
-bool OpensUnit(std::span<const std::uint8_t> datagram) {
-  constexpr std::array<int, 9> kAny = {0x00, 0x00, 0x01, 0xFF, -1, -1, 0xFF, 0x00, 0x4C};
-  return datagram.size() > kLastHeaderByte &&
-         std::ranges::equal(datagram.subspan(kWrapper, kAny.size()), kAny,
-                            [](int byte, int wanted) { return wanted == -1 || byte == wanted; });
-}
 
 }  // namespace
 
@@ -46,18 +36,18 @@ void StreamForecast::Take(std::span<const std::uint8_t> datagram) {
 }
 
 void StreamForecast::TakeVideo(std::span<const std::uint8_t> datagram) {
-  const bool opens_unit = OpensUnit(datagram);
-  if (datagram.size() < (opens_unit ? kHeaderEnd : kWrapper) ||
+  const bool opens_unit = HasUnitHeader(datagram);
+  if (datagram.size() < (opens_unit ? kUnitHeaderEnd : kReceivedWrapperSize) ||
       (!opens_unit && announced_length_ == 0)) {
     ++counters_.stray_datagrams;
     return;
   }
   if (opens_unit) {
     FinishUnit();
-    announced_length_ = LoadLe16(datagram, kAnnouncedOffset);
+    announced_length_ = LoadLe16(datagram, kUnitLengthOffset);
     length_ = 0;
   }
-  Append(datagram.subspan(opens_unit ? kHeaderEnd : kWrapper));
+  Append(datagram.subspan(opens_unit ? kUnitHeaderEnd : kReceivedWrapperSize));
 }
 
 void StreamForecast::Append(std::span<const std::uint8_t> unit_bytes) {

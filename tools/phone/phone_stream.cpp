@@ -1,13 +1,8 @@
 #include "tools/phone/phone_stream.h"
 
-#include <algorithm>
-#include <array>
-
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
-
-// The layout of the unit header is written down here once more, instead of being taken from the
-// daemon: a check against the code that is checked would find nothing.
+#include "tools/wire/unit_header.h"
 
 namespace kestrelbridge::tools {
 namespace {
@@ -15,27 +10,10 @@ namespace {
 constexpr std::uint16_t kLengthFlag = 0x8000;
 constexpr std::uint16_t kHalfOfAllSequences = 0x8000;
 
-constexpr std::size_t kUnitLengthOffset = 24;
-constexpr std::size_t kUnitHeaderEnd = 32;
-
-struct FixedByte {
-  std::size_t offset;
-  std::uint8_t value;
-};
-constexpr std::array<FixedByte, 7> kUnitHeaderBytes = {
-    {{20, 0x00}, {21, 0x00}, {22, 0x01}, {23, 0xFF}, {26, 0xFF}, {27, 0x00}, {28, 0x4C}}};
-
 bool IsWellFormed(std::span<const std::uint8_t> datagram) {
   return datagram.size() >= kReceivedWrapperSize &&
          LoadLe16(datagram, 0) == (datagram.size() | kLengthFlag) &&
          datagram[kWrapperCheckOffset] == WrapperCheck(datagram);
-}
-
-bool IsUnitHeader(std::span<const std::uint8_t> datagram) {
-  return datagram.size() >= kUnitHeaderEnd &&
-         std::ranges::all_of(kUnitHeaderBytes, [&](const FixedByte& fixed) {
-           return datagram[fixed.offset] == fixed.value;
-         });
 }
 
 }  // namespace
@@ -76,7 +54,7 @@ void PhoneStream::NoteSequence(std::uint16_t sequence) {
 // A unit is whole as soon as it has the length that its header announced. What comes between that
 // and the next header belongs to a unit whose header was lost; the gap tells of it.
 std::span<const std::uint8_t> PhoneStream::TakeVideo(std::span<const std::uint8_t> datagram) {
-  const bool opens_unit = IsUnitHeader(datagram);
+  const bool opens_unit = datagram.size() >= kUnitHeaderEnd && HasUnitHeader(datagram);
   if (opens_unit) {
     counters_.broken_units += announced_length_ != 0 ? 1 : 0;
     announced_length_ = LoadLe16(datagram, kUnitLengthOffset);

@@ -5,6 +5,7 @@
 
 #include "base/byte_order.h"
 #include "camera/packet_format.h"
+#include "tools/wire/unit_header.h"
 
 namespace kestrelbridge::tools {
 namespace {
@@ -12,11 +13,6 @@ namespace {
 constexpr std::uint16_t kLengthFlag = 0x8000;
 constexpr std::array<std::uint8_t, 4> kWrapperFixed = {0x30, 0x32, 0x00, 0x00};
 constexpr std::size_t kWrapperFixedOffset = 2;
-
-constexpr std::array<std::uint8_t, 12> kUnitHeader = {0x00, 0x00, 0x01, 0xFF, 0x00, 0x00,
-                                                      0xFF, 0x00, 0x4C, 0x00, 0x00, 0x00};
-constexpr std::size_t kUnitLengthOffset = kReceivedWrapperSize + 4;
-constexpr std::size_t kUnitHeaderEnd = kReceivedWrapperSize + kUnitHeader.size();
 
 void FillWrapper(std::span<std::uint8_t> datagram, std::uint8_t kind, std::uint16_t sequence) {
   std::ranges::fill(datagram.first(kReceivedWrapperSize), std::uint8_t{0});

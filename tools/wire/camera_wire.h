@@ -1,15 +1,14 @@
 // The camera's side of the wire: the datagrams that a camera sends. Pure functions.
 //
-//   transport wrapper                        unit header, in a unit's first datagram
-//   bytes   field                            bytes   content
-//   0-1     datagram length, bit 15 set      20-23   00 00 01 FF
-//   2-5     30 32 00 00                      24-25   unit length
-//   6       kind                             26-28   FF 00 4C
-//   7       XOR of bytes 0-6                 29-31   0
-//   8-9     0                                32-     the unit's first bytes
+//   bytes   field of the transport wrapper
+//   0-1     datagram length, bit 15 set
+//   2-5     30 32 00 00
+//   6       kind
+//   7       XOR of bytes 0-6
+//   8-9     0
 //   10-11   sequence, one up a datagram
-//   12-19   0                                Further datagrams of the unit carry unit bytes from
-//   20-     payload                          byte 20.
+//   12-19   0
+//   20-     payload: command data or bytes of a unit (tools/wire/unit_header.h)
 #pragma once
 
 #include <cstddef>
