@@ -59,7 +59,7 @@ void CheckStandardOutput() {
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app("The bench of kestrelbridge: a stand-in for each of its neighbours.", "kestrelctl");
+  CLI::App app("Stand-ins for the neighbours of kestrelbridge.", "kestrelctl");
   app.require_subcommand(1);
   for (const AddCommand add_command : kCommands) {
     add_command(app);

@@ -100,7 +100,7 @@ void StopRecording(CameraModel& model) {
   Set(model, "rec_time", 0);
 }
 
-bool TakeShot(CameraModel& model) {
+bool PutShotOnCard(CameraModel& model) {
   if (Get(model, "shots_left") == 0) {
     return false;
   }

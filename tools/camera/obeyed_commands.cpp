@@ -89,7 +89,7 @@ Words Shot(const Order& order) {
   if (order.payload[0] != 1) {
     return std::nullopt;
   }
-  return TakeShot(order.model) ? "" : "but the card is full";
+  return PutShotOnCard(order.model) ? "" : "but the card is full";
 }
 
 Words ImageMode(const Order& order) {

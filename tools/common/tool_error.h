@@ -1,4 +1,4 @@
-// The one error style of the bench.
+// The one error style of the subcommands.
 #pragma once
 
 #include <stdexcept>
