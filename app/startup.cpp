@@ -11,6 +11,7 @@
 #include "app/main_app_link.h"
 #include "app/metrics.h"
 #include "app/options.h"
+#include "app/service_watchdog.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
 #include "base/standard_descriptors.h"
@@ -148,6 +149,7 @@ void RunDaemon(int argc, char** argv) {
   for (;;) {
     PhoneAppBridgeTick();
     WriteMetrics(start);
+    FeedServiceWatchdog();
     usleep(kMainLoopPeriodUs);
   }
 }

@@ -38,6 +38,7 @@ struct LinkCounters {
   // Its receive thread's.
   OwnedCounter received_datagrams;  // by us, from whoever: the kernel's drops are not among them
   OwnedCounter received_bytes;      // of those datagrams
+  OwnedCounter handled_datagrams;   // of those, that are done with; no metric, see HasHung
   OwnedCounter found;               // times that the first datagram of a peer came
   // Its watchdog's.
   OwnedCounter lost;  // times that the peer was silent for too long

@@ -217,6 +217,7 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
       endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
                            ntohs(sender.sin_port));
     }
+    endpoint.counters->handled_datagrams.Add();
   }
 }
 
