@@ -12,6 +12,7 @@
 #include "app/metrics.h"
 #include "app/options.h"
 #include "app/service_watchdog.h"
+#include "base/capabilities.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
 #include "base/standard_descriptors.h"
@@ -146,6 +147,7 @@ void RunDaemon(int argc, char** argv) {
   SetUpFrameMemory();
   ConnectCamera(config);
   BridgePhoneApp(config);
+  DropNetworkCapabilities();
   for (;;) {
     PhoneAppBridgeTick();
     WriteMetrics(start);

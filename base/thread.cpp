@@ -1,9 +1,33 @@
 #include "base/thread.h"
 
+#include <memory>
+#include <new>
+
+#include "base/capabilities.h"
+
 namespace kestrelbridge {
+namespace {
+
+struct Start {
+  void* (*body)(void*);
+  void* argument;
+};
+
+void* RunThread(void* argument) {
+  const Start start = *std::unique_ptr<Start>(static_cast<Start*>(argument));
+  DropNetworkCapabilities();
+  return start.body(start.argument);
+}
+
+}  // namespace
 
 int StartThread(pthread_t* thread, const char* name, void* (*body)(void*), void* argument) {
-  if (pthread_create(thread, nullptr, body, argument) != 0) {
+  auto* start = new (std::nothrow) Start{.body = body, .argument = argument};
+  if (start == nullptr) {
+    return -1;
+  }
+  if (pthread_create(thread, nullptr, RunThread, start) != 0) {
+    delete start;
     return -1;
   }
   pthread_setname_np(*thread, name);

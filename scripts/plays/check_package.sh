@@ -111,14 +111,17 @@ done_with 'Video in the ring, picture size in /run/kestrelbridge.'
 
 step 'Under its restrictions'
 status="$(on_box cat "/proc/$(daemon_pid)/status")"
-for line in 'CapEff:.*0000000000003000' 'NoNewPrivs:.*1' 'Seccomp:.*2'; do
+for line in 'CapPrm:.*0000000000000000' 'NoNewPrivs:.*1' 'Seccomp:.*2'; do
   grep -qE "^$line$" <<<"$status" || give_up "the daemon is not restricted: no $line in its status"
 done
+if on_box sh -c "cat /proc/$(daemon_pid)/task/*/status" | grep '^Cap[PEIA][a-z]*:' | grep -qv '[[:space:]]0*$'; then
+  give_up 'a thread of the daemon has kept capabilities'
+fi
 [[ "$(rules)" == 1 ]] || give_up 'the redirect rule is missing'
 grep -qE 'rb20000000\b' < <(nsenter --target "$box" --net -- ss -uanm) ||
   give_up "the camera's socket has no large buffer"
 if log_has 'buffer set failed'; then give_up 'a socket buffer was refused'; fi
-done_with 'Two capabilities, a system-call filter; rule and large socket buffers work all the same.'
+done_with 'No capabilities after its start, a system-call filter; rule and large socket buffers work all the same.'
 # The rest of its job.
 on_box kestrelctl telemetry --json --count 1 --duration 10 >/dev/null || give_up 'no telemetry'
 on_box kestrelctl command iso 400 --wait >/dev/null || give_up 'a command had no effect'

@@ -1,7 +1,12 @@
 // The daemon's start as its user sees it: options, log lines, exit codes.
 
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <unistd.h>
 
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -55,6 +60,29 @@ TEST(StartUp, RefusesAWrongCommandLineWithCodeOneAndSaysWhy) {
                     : rest.find(row.message) != std::string::npos && rest.ends_with(kUsage))
         << error;
   }
+}
+
+// What all threads of the process may do, put together, as the kernel tells it.
+std::uint64_t CapabilitiesOf(pid_t process) {
+  std::uint64_t all = 0;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+    std::ifstream status(task.path() / "status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("CapPrm:") || line.starts_with("CapInh:")) {
+        all |= std::stoull(line.substr(line.find('\t')), nullptr, 16);
+      }
+    }
+  }
+  return all;
+}
+
+TEST(StartUp, LeavesNoThreadWithPowersOverTheNetwork) {
+  constexpr std::uint64_t kNetwork = 1U << CAP_NET_ADMIN | 1U << CAP_NET_RAW;
+  ASSERT_EQ(CapabilitiesOf(getpid()) & kNetwork, kNetwork) << "the test itself has them";
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
+  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
+  EXPECT_TRUE(Eventually([&] { return (CapabilitiesOf(daemon.pid()) & kNetwork) == 0; }));
 }
 
 // True when the lines stand in the text in this order, whatever else stands between them.
