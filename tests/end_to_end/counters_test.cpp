@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -49,31 +48,19 @@ struct Stage {
   ChildProcess daemon{DaemonCommandFor(kOtherCameraPort)};
 };
 
+enum Comparison { kBy, kByMoreThan };  // more than: it moves by itself, too
+struct Movement {
+  const char* counter;
+  Comparison comparison;
+  std::uint64_t by;
+  bool IsMet(std::uint64_t moved) const { return comparison == kBy ? moved == by : moved > by; }
+};
+
 struct Step {
   const char* action;
   void (*act)(Stage& stage);
-  // "counter=5|counter>0": by exactly 5; by more than 0, because it moves by itself, too.
-  const char* movements;
-};
-
-struct Movement {
-  std::string counter;
-  bool or_more;
-  std::uint64_t by;
-  bool IsMet(std::uint64_t moved) const { return or_more ? moved > by : moved == by; }
-};
-
-std::vector<Movement> MovementsOf(const Step& step) {
   std::vector<Movement> movements;
-  std::istringstream texts(step.movements);
-  for (std::string text; std::getline(texts, text, '|');) {
-    const std::size_t sign = text.find_first_of("=>");
-    movements.push_back({.counter = text.substr(0, sign),
-                         .or_more = text[sign] == '>',
-                         .by = std::stoull(text.substr(sign + 1))});
-  }
-  return movements;
-}
+};
 
 void SendPushes(Stage& stage) {
   Bytes data;
@@ -123,75 +110,116 @@ std::string ShotOfLength(std::size_t size) {
 }
 
 const Step kSteps[] = {
-    {"the camera answers", [](Stage& stage) { ASSERT_TRUE(stage.camera.Connect()); },
-     "links found camera=1|connection requests sent>0|sent datagrams camera>0|"
-     "sent bytes camera>47|received datagrams camera>0|received bytes camera>0|"
-     "camera datagrams short>0"},
+    {"the camera answers",
+     [](Stage& stage) { ASSERT_TRUE(stage.camera.Connect()); },
+     {{"links found camera", kBy, 1},
+      {"connection requests sent", kByMoreThan, 0},
+      {"sent datagrams camera", kByMoreThan, 0},
+      {"sent bytes camera", kByMoreThan, 47},
+      {"received datagrams camera", kByMoreThan, 0},
+      {"received bytes camera", kByMoreThan, 0},
+      {"camera datagrams short", kByMoreThan, 0}}},
     {"a whole unit",
      [](Stage& stage) {
        stage.camera.SendUnit(MakeUnit(3000, 1));
        stage.camera.SendNextHeader();
      },
      // Four wrappers and two unit headers come with the unit.
-     "camera datagrams video=4|units published=1|published bytes=3000|acknowledgements sent=1|"
-     "received bytes camera>3103"},
-    {"a unit with a hole", SendIncompleteUnit, "units corrupted=1"},
+     {{"camera datagrams video", kBy, 4},
+      {"units published", kBy, 1},
+      {"published bytes", kBy, 3'000},
+      {"acknowledgements sent", kBy, 1},
+      {"received bytes camera", kByMoreThan, 3'103}}},
+    {"a unit with a hole", SendIncompleteUnit, {{"units corrupted", kBy, 1}}},
     {"a unit that is no H.264",
      [](Stage& stage) {
        stage.camera.SendUnit(Bytes(100, 1));
        stage.camera.SendNextHeader();
      },
-     "units not published=1|acknowledgements sent=1|units published=0"},
+     {{"units not published", kBy, 1},
+      {"acknowledgements sent", kBy, 1},
+      {"units published", kBy, 0}}},
     {"a video datagram without its whole wrapper",
      [](Stage& stage) {
        Bytes datagram = ContinuationDatagram(1, {});
        datagram.pop_back();
        stage.camera.Send(datagram);
      },
-     "stray video datagrams=1|camera datagrams video=1"},
-    {"a unit without an end", OverflowUnit, "overflows video=1|units corrupted=1"},
+     {{"stray video datagrams", kBy, 1}, {"camera datagrams video", kBy, 1}}},
+    {"a unit without an end",
+     OverflowUnit,
+     {{"overflows video", kBy, 1}, {"units corrupted", kBy, 1}}},
     {"a datagram of another kind",
      [](Stage& stage) { stage.camera.Send(CameraDatagram(9, 1, {})); },
-     "camera datagrams ignored=1"},
-    {"pushes", SendPushes,
-     "camera datagrams command data=1|command frames found=5|pushes decoded status=1|"
-     "pushes decoded settings=1|pushes decoded battery=1|pushes decoded histogram=1|"
-     "keepalives sent>0|telemetry records sent text>0|telemetry records sent status>0|"
-     "telemetry records sent histogram>0|sent datagrams main app>2|sent bytes main app>83"},
-    {"a command", [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"shot"})"); },
-     "command frames sent main app=1|command frames sent remote control=0|"
-     "received datagrams main app=1|received bytes main app=15|links found main app=1|"
-     "links lost main app=1"},
+     {{"camera datagrams ignored", kBy, 1}}},
+    {"pushes",
+     SendPushes,
+     {{"camera datagrams command data", kBy, 1},
+      {"command frames found", kBy, 5},
+      {"pushes decoded status", kBy, 1},
+      {"pushes decoded settings", kBy, 1},
+      {"pushes decoded battery", kBy, 1},
+      {"pushes decoded histogram", kBy, 1},
+      {"keepalives sent", kByMoreThan, 0},
+      {"telemetry records sent text", kByMoreThan, 0},
+      {"telemetry records sent status", kByMoreThan, 0},
+      {"telemetry records sent histogram", kByMoreThan, 0},
+      {"sent datagrams main app", kByMoreThan, 2},
+      {"sent bytes main app", kByMoreThan, 83}}},
+    {"a command",
+     [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"shot"})"); },
+     {{"command frames sent main app", kBy, 1},
+      {"command frames sent remote control", kBy, 0},
+      {"received datagrams main app", kBy, 1},
+      {"received bytes main app", kBy, 15},
+      {"links found main app", kBy, 1},
+      {"links lost main app", kBy, 1}}},
     // What the text before left in the buffer would make it a command.
-    {"a bare marker", [](Stage& stage) { SendAppText(stage.main_app, "!"); },
-     "app messages ignored=1|command frames sent main app=0"},
-    {"the longest command", [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(9'999)); },
-     "received bytes main app=9999|command frames sent main app=1|app messages ignored=0"},
+    {"a bare marker",
+     [](Stage& stage) { SendAppText(stage.main_app, "!"); },
+     {{"app messages ignored", kBy, 1}, {"command frames sent main app", kBy, 0}}},
+    {"the longest command",
+     [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(9'999)); },
+     {{"received bytes main app", kBy, 9'999},
+      {"command frames sent main app", kBy, 1},
+      {"app messages ignored", kBy, 0}}},
     {"a command whose last character does not fit",
      [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(10'000)); },
-     "received bytes main app=9999|app messages ignored=1|command frames sent main app=0"},
-    {"an unknown command", [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"dance"})"); },
-     "app messages ignored=1|command frames sent main app=0"},
-    {"a button of the remote control", [](Stage&) { TurnRemoteControl("157=1"); },
-     "command frames sent remote control=1|command frames sent main app=0"},
+     {{"received bytes main app", kBy, 9'999},
+      {"app messages ignored", kBy, 1},
+      {"command frames sent main app", kBy, 0}}},
+    {"an unknown command",
+     [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"dance"})"); },
+     {{"app messages ignored", kBy, 1}, {"command frames sent main app", kBy, 0}}},
+    {"a button of the remote control",
+     [](Stage&) { TurnRemoteControl("157=1"); },
+     {{"command frames sent remote control", kBy, 1}, {"command frames sent main app", kBy, 0}}},
     {"its slider",
      [](Stage& stage) {
        TurnRemoteControl("--slider=1");
        EXPECT_TRUE(CameraGetsCommand(stage.camera, 0x2E, 0x19)) << "+3.0";
      },
-     "command frames sent remote control=1"},
+     {{"command frames sent remote control", kBy, 1}}},
     {"a phone",
      [](Stage& stage) {
        for (int i = 0; i < 3; ++i) {
          stage.phone.Send(Bytes(20), LocalPort(kPhonePort));
        }
      },
-     "received datagrams phone=3|received bytes phone=60|relayed datagrams to camera=3|"
-     "links found phone=1|links lost phone=1|relayed datagrams to phone>0|"
-     "sent datagrams phone>0|sent bytes phone>0"},
-    {"a datagram to the second endpoint", SendToSecondEndpoint,
-     "received datagrams main app second=1|received bytes main app second=7|"
-     "links found main app second=1|links lost main app second=1"},
+     {{"received datagrams phone", kBy, 3},
+      {"received bytes phone", kBy, 60},
+      {"relayed datagrams to camera", kBy, 3},
+      {"links found phone", kBy, 1},
+      {"links lost phone", kBy, 1},
+      {"relayed datagrams to phone", kByMoreThan, 0},
+      {"sent datagrams phone", kByMoreThan, 0},
+      {"sent bytes phone", kByMoreThan, 0}}},
+    {"a datagram to the second endpoint",
+     SendToSecondEndpoint,
+     {{"received datagrams main app second", kBy, 1},
+      {"received bytes main app second", kBy, 7},
+      {"links found main app second", kBy, 1},
+      {"links lost main app second", kBy, 1}}},
 };
 
 // Moved by the tests below; the overflow of command data by tests/app/metrics_test.cpp.
@@ -208,15 +236,14 @@ TEST(Counters, EachMovesByAsMuchAsHappened) {
   for (const Step& step : kSteps) {
     auto before = now;
     ASSERT_NO_FATAL_FAILURE(step.act(stage)) << step.action;
-    const auto movements = MovementsOf(step);
     const auto is_met = [&](const Movement& row) {
       return row.IsMet(now[row.counter] - before[row.counter]);
     };
     Eventually([&] {
       now = ReadCounters();
-      return std::ranges::all_of(movements, is_met);
+      return std::ranges::all_of(step.movements, is_met);
     });
-    for (const Movement& row : movements) {
+    for (const Movement& row : step.movements) {
       EXPECT_TRUE(is_met(row)) << step.action << ": " << row.counter << " went from "
                                << before[row.counter] << " to " << now[row.counter];
       moved.insert(row.counter);

@@ -1,13 +1,13 @@
 #include "support/camera_end.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "base/byte_order.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
 #include "state/camera_state.h"
 #include "support/camera_datagrams.h"
+#include "tools/common/foreign_text.h"
 #include "tools/wire/packet_check.h"
 
 namespace kestrelbridge::test {
@@ -16,16 +16,9 @@ namespace {
 constexpr std::uint16_t kLastReceived = 0x0102;
 
 std::string HexWithoutSeal(std::span<const std::uint8_t> frame) {
-  std::string text;
-  for (std::size_t i = 0; i < frame.size() - kFrameCrc16Size; ++i) {
-    if (i == kFrameSequenceOffset || i == kFrameSequenceOffset + 1) {
-      continue;
-    }
-    char digits[4];
-    std::snprintf(digits, sizeof digits, "%s%02X", i == 0 ? "" : " ", unsigned{frame[i]});
-    text += digits;
-  }
-  return text;
+  const auto sealed = frame.first(frame.size() - kFrameCrc16Size);
+  return tools::HexText(sealed.first(kFrameSequenceOffset), " ", tools::kUpperHex).substr(1) +
+         tools::HexText(sealed.subspan(kFrameSequenceOffset + 2), " ", tools::kUpperHex);
 }
 
 }  // namespace

@@ -4,27 +4,21 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "tools/common/foreign_text.h"
+
 namespace kestrelbridge::tools {
 namespace {
 
 constexpr std::size_t kMaxPrinted = 100;
 constexpr std::size_t kMaxBytesPrinted = 300;  // the longest packet of the daemon has 289
 
-std::string HexText(std::span<const std::uint8_t> bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes.first(std::min(bytes.size(), kMaxBytesPrinted))) {
-    char digits[4];
-    std::snprintf(digits, sizeof digits, " %02X", byte);
-    text += digits;
-  }
-  return text + (bytes.size() > kMaxBytesPrinted ? " ..." : "");
-}
-
 }  // namespace
 
 void BadPacketLog::Note(const char* fault, std::span<const std::uint8_t> packet) {
-  const std::string line =
-      std::string(fault) + " (" + std::to_string(packet.size()) + " bytes):" + HexText(packet);
+  const auto printed = packet.first(std::min(packet.size(), kMaxBytesPrinted));
+  const std::string line = std::string(fault) + " (" + std::to_string(packet.size()) +
+                           " bytes):" + HexText(printed, " ", kUpperHex) +
+                           (printed.size() < packet.size() ? " ..." : "");
   if (const auto known = times_.find(line); known != times_.end()) {
     ++known->second;
   } else if (times_.size() < kMaxPrinted) {

@@ -40,7 +40,7 @@ void SetImageModeCode(CameraModel& model, std::uint8_t code);
 // The card. A recording goes on when it is started again; a shot needs room for one.
 void StartRecording(CameraModel& model, SteadyTime now);
 void StopRecording(CameraModel& model);
-bool PutShotOnCard(CameraModel& model);
+[[nodiscard]] bool PutShotOnCard(CameraModel& model);
 
 // Erases the card. `start` tells how large it is: the usual size, or whatever was free then when
 // that is more.

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 #include <optional>
 #include <string_view>
 
 #include "base/byte_order.h"
 #include "state/format.h"
 #include "state/vocabulary.h"
+#include "tools/common/foreign_text.h"
 
 // The expected bytes are written down here once more, instead of being taken from the daemon's
 // commands: what the daemon gets wrong must be wrong here.
@@ -213,16 +213,6 @@ bool IsFor(std::span<const std::uint8_t> frame, const CommandRow& row) {
          PayloadOf(frame).size() == row.payload_length;
 }
 
-std::string Hex(std::span<const std::uint8_t> bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    char digits[4];
-    std::snprintf(digits, sizeof digits, " %02X", byte);
-    text += digits;
-  }
-  return text;
-}
-
 }  // namespace
 
 std::string ObeyCommand(std::span<const std::uint8_t> frame, const CameraModel& start,
@@ -230,13 +220,14 @@ std::string ObeyCommand(std::span<const std::uint8_t> frame, const CameraModel& 
   const auto row =
       std::ranges::find_if(kCommands, [frame](auto& known) { return IsFor(frame, known); });
   if (row == std::end(kCommands)) {
-    return "unknown, ignored:" + Hex(frame);
+    return "unknown, ignored:" + HexText(frame, " ", kUpperHex);
   }
   std::string line(row->name);
   const Payload payload = PayloadOf(frame);
   const Words words = row->apply({payload, start, now, model});
   if (!words) {
-    return line + ", a code that the camera does not have, ignored:" + Hex(payload);
+    return line +
+           ", a code that the camera does not have, ignored:" + HexText(payload, " ", kUpperHex);
   }
   return words->empty() ? line : line + " " + *words;
 }

@@ -90,15 +90,13 @@ std::string JsonString(std::string_view text) {
   return json + '"';
 }
 
-std::string HexText(std::span<const std::uint8_t> bytes, std::string_view separator) {
+std::string HexText(std::span<const std::uint8_t> bytes, std::string_view prefix,
+                    const char (&digits)[17]) {
   std::string text;
   for (const std::uint8_t byte : bytes) {
-    char digits[4];
-    std::snprintf(digits, sizeof digits, "%02x", unsigned{byte});
-    if (!text.empty()) {
-      text += separator;
-    }
-    text += digits;
+    text += prefix;
+    text += digits[byte >> 4];
+    text += digits[byte & 0x0F];
   }
   return text;
 }

@@ -16,7 +16,7 @@ namespace kestrelbridge::tools {
 
 // A dotted-decimal address and a decimal port of 0 to 65535; nothing when the text is anything
 // else. Port 0 is a free one to those that listen; those that send refuse it.
-std::optional<UdpPeer> ParseHostPort(std::string_view text);
+[[nodiscard]] std::optional<UdpPeer> ParseHostPort(std::string_view text);
 
 std::string HostPortText(UdpPeer peer);
 

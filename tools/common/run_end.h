@@ -18,11 +18,11 @@ class RunEnd {
   bool Wait(std::chrono::nanoseconds pause, int output);
 
   // The same, but waits no longer than until `input` has something to read.
-  bool WaitForInput(int input, std::chrono::nanoseconds pause, int output);
+  [[nodiscard]] bool WaitForInput(int input, std::chrono::nanoseconds pause, int output);
 
   // Waits until `output` takes bytes or has failed. False when it does neither and it is time to
   // end; a reader gets a short grace then, so that it does not lose half a unit.
-  bool WaitForRoom(int output);
+  [[nodiscard]] bool WaitForRoom(int output);
 
  private:
   int stop_signal_;

@@ -6,6 +6,6 @@ namespace kestrelbridge::tools {
 // From now on SIGINT, SIGTERM and SIGHUP don't end the process; the returned descriptor becomes
 // readable instead, so that a subcommand can finish with its summary. Once, before any other thread
 // exists. Throws ToolError when the system has no descriptor left.
-int OpenStopSignal();
+[[nodiscard]] int OpenStopSignal();
 
 }  // namespace kestrelbridge::tools

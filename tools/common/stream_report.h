@@ -18,7 +18,7 @@ class ReportClock {
 
   // True when a second is over, or more; the figures below are those of this line then. `bytes`:
   // since the start.
-  bool IsDue(std::uint64_t bytes, SteadyTime now);
+  [[nodiscard]] bool IsDue(std::uint64_t bytes, SteadyTime now);
 
   [[nodiscard]] double seconds() const;  // since the start
   [[nodiscard]] double megabits_per_second() const { return megabits_per_second_; }

@@ -31,8 +31,8 @@ class UdpSocket {
 
   // Takes one datagram that has arrived, without waiting. False when there is none. `datagram` is
   // the part of the buffer that it fills.
-  bool Receive(std::span<std::uint8_t> buffer, std::span<const std::uint8_t>& datagram,
-               UdpPeer& from) const;
+  [[nodiscard]] bool Receive(std::span<std::uint8_t> buffer,
+                             std::span<const std::uint8_t>& datagram, UdpPeer& from) const;
 
  private:
   int socket_ = -1;

@@ -21,7 +21,7 @@ class VideoOutput {
 
   // Writes all of it. False when it is time to end, or the reader has closed the pipe. Throws
   // ToolError when it cannot be written, as on a full disk.
-  bool Write(std::span<const std::uint8_t> unit, RunEnd& end);
+  [[nodiscard]] bool Write(std::span<const std::uint8_t> unit, RunEnd& end);
 
   // The last moment at which a file may report that it was not written. Throws ToolError.
   void Close();

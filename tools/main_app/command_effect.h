@@ -33,7 +33,7 @@ class EffectWatch {
   EffectWatch(CommandEffect effect, TelemetryRecord before);
 
   // Looks at the next record; true when the effect has been seen.
-  bool Take(const TelemetryRecord& record);
+  [[nodiscard]] bool Take(const TelemetryRecord& record);
 
   // What telemetry shows of it by now: "iso_set=200".
   [[nodiscard]] std::string Latest() const;

@@ -29,8 +29,8 @@ std::string PlainItems(const TelemetryRecord& record) {
 
 std::string PlainUnknown(std::span<const std::uint8_t> bytes) {
   const auto shown = bytes.first(std::min(bytes.size(), kBytesShown));
-  return std::to_string(bytes.size()) + " bytes" + (bytes.empty() ? "" : ": ") +
-         HexText(shown, " ") + (shown.size() < bytes.size() ? " ..." : "");
+  return std::to_string(bytes.size()) + " bytes" + (bytes.empty() ? "" : ":") +
+         HexText(shown, " ", kLowerHex) + (shown.size() < bytes.size() ? " ..." : "");
 }
 
 std::string PlainContent(const TelemetryRecord& record) {
@@ -74,7 +74,7 @@ std::string JsonContent(const TelemetryRecord& record) {
       break;
   }
   return ",\"length\":" + std::to_string(record.bytes.size()) + ",\"bytes\":\"" +
-         HexText(record.bytes, "") + "\"";
+         HexText(record.bytes, "", kLowerHex) + "\"";
 }
 
 }  // namespace

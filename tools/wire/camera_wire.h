@@ -22,16 +22,19 @@ inline constexpr std::size_t kMaxDatagramSize = 9000;
 inline constexpr std::size_t kUsualDatagramSize = 1472;
 
 // Number of datagrams of at most datagram_size bytes that carry a unit.
-std::size_t UnitDatagramCount(std::size_t unit_length, std::size_t datagram_size);
+[[nodiscard]] std::size_t UnitDatagramCount(std::size_t unit_length, std::size_t datagram_size);
 
 // Builds the unit's datagram of this position in the buffer, whose size is the datagram size.
 // Returns the part of the buffer that it fills. Precondition: position < UnitDatagramCount.
-std::span<std::uint8_t> BuildUnitDatagram(std::span<const std::uint8_t> unit, std::size_t position,
-                                          std::uint16_t sequence, std::span<std::uint8_t> buffer);
+[[nodiscard]] std::span<std::uint8_t> BuildUnitDatagram(std::span<const std::uint8_t> unit,
+                                                        std::size_t position,
+                                                        std::uint16_t sequence,
+                                                        std::span<std::uint8_t> buffer);
 
 // Builds a datagram of command data. Returns the part of the buffer that it fills. Precondition:
 // wrapper and payload fit in.
-std::span<std::uint8_t> BuildCommandData(std::span<const std::uint8_t> payload,
-                                         std::uint16_t sequence, std::span<std::uint8_t> buffer);
+[[nodiscard]] std::span<std::uint8_t> BuildCommandData(std::span<const std::uint8_t> payload,
+                                                       std::uint16_t sequence,
+                                                       std::span<std::uint8_t> buffer);
 
 }  // namespace kestrelbridge::tools

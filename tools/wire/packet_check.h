@@ -15,6 +15,6 @@ struct CheckedPacket {
   std::span<const std::uint8_t> frame{};  // of a keepalive or a command, inside the packet
 };
 
-CheckedPacket CheckPacket(std::span<const std::uint8_t> packet);
+[[nodiscard]] CheckedPacket CheckPacket(std::span<const std::uint8_t> packet);
 
 }  // namespace kestrelbridge::tools
