@@ -92,7 +92,7 @@ step 'The service, as the package enabled it'
 wait_for 60 look systemctl is-active kestrelbridge || give_up 'the service did not start at boot'
 look systemctl is-enabled kestrelbridge || give_up 'the service is not enabled'
 on_box systemd-analyze verify --man=no /usr/lib/systemd/system/kestrelbridge.service || give_up 'the unit has faults'
-on_box systemd-analyze security --threshold=20 kestrelbridge.service | tail -n 1 ||
+on_box systemd-analyze security --threshold=22 kestrelbridge.service | tail -n 1 ||
   give_up 'the service may do too much'
 done_with 'It runs since the boot.'
 
