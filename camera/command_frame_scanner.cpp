@@ -1,6 +1,7 @@
 #include "camera/command_frame_scanner.h"
 
 #include <cstddef>
+#include <cstring>
 
 #include "base/byte_order.h"
 #include "base/counters.h"
@@ -12,6 +13,17 @@ namespace {
 
 constexpr std::size_t kFrameHeaderSize = kFrameCrc8Offset + 1;
 constexpr std::size_t kMinFrameLength = kFrameCrc16Size;
+
+// What is left of the batch from its next start byte on.
+std::span<const std::uint8_t> FromStartByte(std::span<const std::uint8_t> batch) {
+  if (batch.empty() || batch[0] == kFrameStart) {
+    return batch;
+  }
+  const void* const start = std::memchr(batch.data(), kFrameStart, batch.size());
+  const auto* const skipped_to = static_cast<const std::uint8_t*>(start);
+  return skipped_to == nullptr ? batch.last(0)
+                               : batch.subspan(static_cast<std::size_t>(skipped_to - batch.data()));
+}
 
 }  // namespace
 
@@ -33,7 +45,7 @@ std::span<const std::uint8_t> CommandFrameAt(std::span<const std::uint8_t> bytes
 }
 
 void ScanCommandFrames(std::span<const std::uint8_t> batch, CommandFrameCallback on_frame) {
-  while (!batch.empty()) {
+  for (batch = FromStartByte(batch); !batch.empty(); batch = FromStartByte(batch)) {
     const auto frame = CommandFrameAt(batch);
     if (frame.empty()) {
       batch = batch.subspan(1);

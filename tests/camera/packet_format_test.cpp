@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
+#include <span>
 #include <string_view>
 
 #include "base/byte_order.h"
@@ -23,6 +25,31 @@ TEST(Crc, MatchesTheKnownValues) {
   EXPECT_EQ(FrameCrc8(Bytes{0x55}), 0x9F);
   EXPECT_EQ(FrameCrc16(text), 0x7109);
   EXPECT_EQ(FrameCrc16({}), 0x3692);
+}
+
+// As the polynomials have it, bit by bit.
+unsigned PlainCrc(unsigned crc, unsigned reflected_polynomial,
+                  std::span<const std::uint8_t> bytes) {
+  for (const std::uint8_t byte : bytes) {
+    crc ^= byte;
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = (crc & 1) != 0 ? (crc >> 1) ^ reflected_polynomial : crc >> 1;
+    }
+  }
+  return crc;
+}
+
+TEST(Crc, IsThatOfThePlainPolynomialAtEveryLengthAndPlace) {
+  std::mt19937 random(7);
+  Bytes bytes(300);
+  std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
+  for (std::size_t first = 0; first < 9; ++first) {
+    for (std::size_t length = 0; length <= bytes.size() - first; ++length) {
+      const auto part = std::span<const std::uint8_t>(bytes).subspan(first, length);
+      ASSERT_EQ(FrameCrc8(part), PlainCrc(0x77, 0x8C, part)) << length << " from " << first;
+      ASSERT_EQ(FrameCrc16(part), PlainCrc(0x3692, 0x8408, part)) << length << " from " << first;
+    }
+  }
 }
 
 // Byte for byte, for the check sum's sake: whoever else judges packets takes the daemon's word for
