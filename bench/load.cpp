@@ -55,9 +55,9 @@ void Connect(int socket, const sockaddr_in& peer) {
 std::vector<std::uint8_t> BuildPushDatagram() {
   std::uint16_t frame_sequence = 0;
   const auto pushes = tools::BuildPushes(tools::StartModel({}), tools::Histogram{}, frame_sequence);
-  std::vector<std::uint8_t> datagram(kReceivedWrapperSize + pushes.size());
-  tools::BuildCommandData(pushes, 0, datagram);
-  return datagram;
+  std::vector<std::uint8_t> buffer(kReceivedWrapperSize + pushes.size());
+  const auto datagram = tools::BuildCommandData(pushes, 0, buffer);
+  return {datagram.begin(), datagram.end()};
 }
 
 }  // namespace
