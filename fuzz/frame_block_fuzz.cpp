@@ -54,6 +54,7 @@ void ReadOne(FrameBlockReader& reader) {
   Require(after.units == before.units + (found ? 1 : 0) &&
               after.bytes == before.bytes + (found ? unit.size() : 0),
           "what is handed out is counted");
+  Require(found || !reader.Wait({}), "who found nothing does not spin");
 }
 
 void ReadAll(FrameBlockReader& reader) {

@@ -54,6 +54,7 @@ void ClearFrameBlock() {
   std::atomic_thread_fence(std::memory_order_release);
   // memset, in every build: 60 MB byte by byte would keep the camera waiting for too long.
   std::memset(frame_block.data(), 0, frame_block.size());
+  WakeReaders(frame_block.data());
 }
 
 void HonourClearRequest() {
@@ -126,6 +127,7 @@ void PublishVideoUnit(std::span<const std::uint8_t> unit) {
     ++chunk_index;
   }
   StoreShared16(&frame_block[kLastSequenceOffset], unit_sequence, __ATOMIC_RELEASE);
+  WakeReaders(frame_block.data());
   ++unit_sequence;
   GetCounters().units_published.Add();
 }

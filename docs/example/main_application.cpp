@@ -131,7 +131,7 @@ int main(int argc, char** argv) {
       SendCommand(telemetry, daemon, R"({"cmd":"record","param":"start"})");
       record_is_due = false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    reader.Wait(std::chrono::milliseconds(20));  // for a unit; telemetry may wait that long
   }
   const auto& counters = reader.counters();
   std::printf("%llu units, %llu bytes, %llu lost\n",

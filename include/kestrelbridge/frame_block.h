@@ -32,25 +32,35 @@
 //   kestrelbridge::FrameBlockReader reader(mapping.data());
 //   std::vector<std::uint8_t> unit;
 //   for (;;) {
-//     if (reader.Next(unit)) { use the unit; } else { wait a millisecond or two; }
+//     if (reader.Next(unit)) { use the unit; continue; }
+//     if (!reader.Wait(std::chrono::seconds(1)) && !mapping.IsCurrent()) { begin anew; }
 //   }
+//
+// Wait sleeps on the 32-bit word at bytes 4 to 7 (a shared futex, for which a read-only mapping is
+// enough). The daemon wakes all who sleep there after it has stored last_sequence, and after it has
+// zeroed the block. A wake-up is a hint, no more.
 //
 // The objects have mode 0600: run as the same user as the daemon. The mapping stays good when the
 // daemon restarts; only when somebody removes the block by hand a new one takes its place, and
-// FrameBlockMapping::IsCurrent tells. Nothing here blocks or throws, but for std::bad_alloc of the
-// unit's vector.
+// FrameBlockMapping::IsCurrent tells. Nothing here blocks but Wait, or throws but for
+// std::bad_alloc of the unit's vector.
 #pragma once
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 namespace kestrelbridge {
@@ -61,6 +71,7 @@ inline constexpr std::size_t kFrameBlockHeaderSize = 24;
 inline constexpr std::size_t kClearRequestOffset = 0;
 inline constexpr std::size_t kLastSequenceOffset = 2;
 inline constexpr std::size_t kWriteIndexOffset = 4;
+inline constexpr std::size_t kWaitWordOffset = kWriteIndexOffset;  // of 32 bits
 
 inline constexpr std::size_t kSlotCount = 200;
 inline constexpr std::size_t kSlotHeaderSize = 18;
@@ -99,6 +110,32 @@ inline void StoreShared16(std::uint8_t* field, std::uint16_t value, int order) {
 // thread, any process; readers go on by themselves.
 inline void RequestClear(std::uint8_t* block) {
   StoreShared16(block + kClearRequestOffset, 1, __ATOMIC_RELAXED);
+}
+
+// The futex call. Its times are two words of the machine, whatever the C library's timespec is; the
+// newest 32-bit systems have the call for 64-bit times alone. The kernel's numbers are written out
+// because not every system has its headers.
+#if defined(SYS_futex)
+inline constexpr long kFutexCall = SYS_futex;
+using FutexTime = long;
+#else
+inline constexpr long kFutexCall = SYS_futex_time64;
+using FutexTime = long long;
+#endif
+inline constexpr int kFutexWait = 0;
+inline constexpr int kFutexWake = 1;
+
+// Sleeps while the word holds `expected`, for less than a second. 0 when woken, else an errno
+// value: ETIMEDOUT, EAGAIN for another word, EINTR for a signal.
+inline int FutexWait(const std::uint8_t* word, std::uint32_t expected,
+                     std::chrono::nanoseconds limit) {
+  const FutexTime timeout[2] = {0, static_cast<FutexTime>(limit.count())};
+  return syscall(kFutexCall, word, kFutexWait, expected, timeout, nullptr, 0) == 0 ? 0 : errno;
+}
+
+// For the daemon: wakes all readers that wait. One system call.
+inline void WakeReaders(std::uint8_t* block) {
+  syscall(kFutexCall, block + kWaitWordOffset, kFutexWake, INT_MAX, nullptr, nullptr, 0);
 }
 
 // The block's mapping, read-only. Not thread-safe.
@@ -194,31 +231,55 @@ class FrameBlockReader {
   // Copies the next whole unit into `unit`, replacing what it held, and returns true; false when
   // there is none yet. Whatever the block contains, nothing outside of it is read.
   bool Next(std::vector<std::uint8_t>& unit) {
-    // A unit that was overwritten under our hands makes us resume further on; the writer needs the
-    // time of many units to do that again, so a few tries are enough.
-    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-      const std::uint16_t write_index = WriteIndex();
-      if (RingIsFresh(write_index)) {
-        ExpectFirstUnit();
-        return false;
-      }
-      if (attached_ && write_index == slot_ && Unread(NewestUnit()) == 0) {
-        return false;
-      }
-      if (attached_ && TakeSlot(unit)) {
+    const std::int64_t indices = Indices();
+    const bool taken = TakeNext(unit);
+    nothing_at_ = taken ? kNowhere : indices;
+    return taken;
+  }
+
+  // Sleeps until Next may find a unit, and returns true then, at once when there is one already.
+  // False when the time is over, a signal came, or a second has passed: whoever waits for longer
+  // asks the mapping's IsCurrent in between. A daemon of a version that wakes nobody is noticed,
+  // and the ring looked at every 2 ms then. However the block is damaged, a loop of Next and Wait
+  // does not spin.
+  bool Wait(std::chrono::nanoseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::nanoseconds kNone{0};
+    const auto end = Clock::now() + std::clamp(timeout, kNone, kLongestWait);
+    for (;;) {
+      // Before all else: what comes after this look changes the word, and the kernel does not let
+      // us sleep.
+      const std::uint32_t word = WaitWord();
+      const std::chrono::nanoseconds left = end - Clock::now();
+      if (HasNews()) {
         return true;
       }
-      if (!Resume()) {
+      if (left <= kNone) {
         return false;
       }
+      const int outcome = Sleep(word, left);
+      if (HasNews()) {
+        NoteHowNewsCame(outcome);
+        return true;
+      }
+      if (outcome == EINTR) {
+        return false;
+      }
+      if (outcome != 0 && outcome != ETIMEDOUT) {
+        Nap();  // somebody else scribbles on the word, or the system has no futex for us
+      }
     }
-    return false;
   }
 
   const Counters& counters() const { return counters_; }
 
  private:
   static constexpr int kMaxAttempts = 4;
+  static constexpr std::chrono::nanoseconds kPollPeriod{2'000'000};
+  // After that, a look: a unit that is there without a wake-up tells that the writer wakes nobody.
+  static constexpr std::chrono::nanoseconds kLongestSleep{100'000'000};
+  static constexpr std::chrono::nanoseconds kLongestWait{1'000'000'000};
+  static constexpr std::int64_t kNowhere = -1;
   // While the daemon writes the unit after the newest one, it overwrites the unit that is 199 older
   // than the newest. Everything up to 198 is safe.
   static constexpr std::uint16_t kMaxAge = kSlotCount - 2;
@@ -276,6 +337,75 @@ class FrameBlockReader {
   // Units from the expected one to the newest one.
   std::uint16_t Unread(std::uint16_t newest) const {
     return static_cast<std::uint16_t>(Difference(newest, sequence_) + 1);
+  }
+
+  bool TakeNext(std::vector<std::uint8_t>& unit) {
+    // A unit that was overwritten under our hands makes us resume further on; the writer needs the
+    // time of many units to do that again, so a few tries are enough.
+    for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+      const std::uint16_t write_index = WriteIndex();
+      if (RingIsFresh(write_index)) {
+        ExpectFirstUnit();
+        return false;
+      }
+      if (attached_ && write_index == slot_ && Unread(NewestUnit()) == 0) {
+        return false;
+      }
+      if (attached_ && TakeSlot(unit)) {
+        return true;
+      }
+      if (!Resume()) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  // write_index and last_sequence as one number, to tell whether anything has happened.
+  std::int64_t Indices() const {
+    const std::int64_t index = WriteIndex();
+    return index << 16 | NewestUnit();
+  }
+
+  // Whether Next is worth a try: something that it has not yet looked at in vain.
+  bool HasNews() const {
+    if (Indices() == nothing_at_) {
+      return false;
+    }
+    const std::uint16_t write_index = WriteIndex();
+    if (RingIsFresh(write_index)) {
+      return attached_;  // Next is to see that the ring began anew
+    }
+    return !attached_ || write_index != slot_ || Unread(NewestUnit()) != 0;
+  }
+
+  // As a whole: bytes 6 and 7 mean nothing, but the kernel compares them, too.
+  std::uint32_t WaitWord() const {
+    return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(block_ + kWaitWordOffset),
+                           __ATOMIC_ACQUIRE);
+  }
+
+  int Sleep(std::uint32_t word, std::chrono::nanoseconds left) const {
+    const auto write_index = static_cast<std::uint16_t>(word);
+    // The next unit changes the word, unless the writer is just between its last two stores, or
+    // somebody has spoiled the index: then nothing but last_sequence may tell of it.
+    const bool word_will_tell = attached_ ? write_index == slot_ : RingIsFresh(write_index);
+    const bool polls = writer_wakes_nobody_ || !word_will_tell;
+    return FutexWait(block_ + kWaitWordOffset, word,
+                     std::min(left, polls ? kPollPeriod : kLongestSleep));
+  }
+
+  void NoteHowNewsCame(int outcome) {
+    if (outcome == 0) {
+      writer_wakes_nobody_ = false;
+    } else if (outcome == ETIMEDOUT) {
+      writer_wakes_nobody_ = true;
+    }
+  }
+
+  static void Nap() {
+    const timespec pause = {0, static_cast<long>(kPollPeriod.count())};
+    nanosleep(&pause, nullptr);
   }
 
   // After a clear the numbers carry on, after a start of the daemon they begin with 0: the first
@@ -361,6 +491,8 @@ class FrameBlockReader {
   std::uint16_t sequence_ = 0;  // and its number,
   bool attached_ = false;       // once there has been a unit
   bool was_reset_ = false;      // the ring began anew under this reader
+  std::int64_t nothing_at_ = kNowhere;  // Indices() where Next last found nothing
+  bool writer_wakes_nobody_ = false;
   Counters counters_;
 };
 

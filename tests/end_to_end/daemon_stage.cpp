@@ -157,7 +157,10 @@ RingWatcher::RingWatcher() {
 
 Bytes RingWatcher::Next(std::chrono::milliseconds patience) {
   Bytes unit;
-  return Eventually([&] { return reader_->Next(unit); }, patience) ? unit : Bytes{};
+  const auto take = [&] { return reader_->Next(unit); };
+  return Eventually([&] { return take() || (reader_->Wait(patience) && take()); }, patience)
+             ? unit
+             : Bytes{};
 }
 
 bool RingWatcher::WaitFor(const Bytes& unit) {

@@ -5,12 +5,16 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <random>
+#include <span>
 #include <string>
+#include <thread>
 
 #include "base/byte_order.h"
 #include "support/eventually.h"
@@ -210,6 +214,7 @@ TEST_F(FrameRing, DamageHidesUnitsUntilTheDaemonsNextOne) {
     const std::string taken = Drain(attached);
     EXPECT_TRUE(taken == "none" || taken == "49-49") << taken;
     EXPECT_EQ(Drain(late), "none");
+    EXPECT_FALSE(attached.Wait({}) || late.Wait({})) << "would spin";
     Publish(1);
     Drain(attached);
     Drain(late);
@@ -235,9 +240,23 @@ TEST(FrameBlockMapping, OpensOnceTheDaemonHasMadeTheBlock) {
   EXPECT_EQ(mapping.data()[0], 1);
 }
 
+// As a daemon of a version that wakes nobody.
+void PublishSilently(std::uint8_t* block, std::span<const std::uint8_t> unit,
+                     std::uint16_t sequence) {
+  const std::uint16_t index = LoadShared16(block + kWriteIndexOffset, __ATOMIC_RELAXED);
+  const std::span slot(block + SlotOffset(index), kSlotSize);
+  std::atomic_thread_fence(std::memory_order_release);
+  std::ranges::copy(unit, slot.begin() + kSlotHeaderSize);
+  StoreLe32(slot, kChunkLengthOffset, static_cast<std::uint32_t>(unit.size()));
+  StoreLe16(slot, kUnitSequenceOffset, sequence);
+  StoreShared16(block + kWriteIndexOffset, static_cast<std::uint16_t>((index + 1) % kSlotCount),
+                __ATOMIC_RELEASE);
+  StoreShared16(block + kLastSequenceOffset, sequence, __ATOMIC_RELEASE);
+}
+
 // A process of its own that publishes without a pause, until it is killed. Its units count on
 // through clears (asked for by the test) and starts of the daemon.
-pid_t StartRestlessWriter(std::uint32_t units_between_starts) {
+pid_t StartRestlessWriter(std::uint32_t units_between_starts, std::uint8_t* silent_block) {
   const pid_t writer = fork();
   if (writer != 0) {
     return writer;
@@ -249,7 +268,13 @@ pid_t StartRestlessWriter(std::uint32_t units_between_starts) {
     if (number % units_between_starts == 0) {
       InitFrameBuffers();
     }
-    PublishVideoUnit(NumberedUnit(number, 50'000 + random() % 49'999));
+    const auto unit = NumberedUnit(number, 50'000 + random() % 49'999);
+    if (silent_block == nullptr) {
+      PublishVideoUnit(unit);
+    } else {
+      PublishSilently(silent_block, unit,
+                      static_cast<std::uint16_t>(number % units_between_starts));
+    }
   }
 }
 
@@ -272,11 +297,14 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
   const struct {
     std::uint32_t units_between_starts;
     bool clears;
-  } races[] = {{kNever, false}, {kNever, true}, {900, false}};
+    bool wakes;
+  } races[] = {
+      {kNever, false, true}, {kNever, true, true}, {900, false, true}, {900, false, false}};
   for (const auto& race : races) {
     StartDaemon();
     FrameBlockReader reader = Attach();
-    const pid_t writer = StartRestlessWriter(race.units_between_starts);
+    const pid_t writer =
+        StartRestlessWriter(race.units_between_starts, race.wakes ? nullptr : block_->data());
     std::vector<std::uint8_t> unit;
     std::int64_t last = -1;
     std::mt19937 random(3);
@@ -285,7 +313,11 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
       ASSERT_TRUE(AwaitUnits(block_->data(),
                              round % 3 == 0 ? static_cast<std::uint32_t>(random() % 300) : 200));
       // A reader that is slower than the writer, as under emulation, never comes to the end.
-      for (int read = 0; read < kMostUnitsInARound && reader.Next(unit); ++read) {
+      for (int read = 0; read < kMostUnitsInARound; ++read) {
+        if (!reader.Next(unit)) {
+          reader.Wait(std::chrono::milliseconds{20});
+          continue;
+        }
         ASSERT_TRUE(IsIntact(unit)) << "after unit " << last;
         ASSERT_GT(NumberOf(unit), last);
         last = NumberOf(unit);
@@ -299,6 +331,107 @@ TEST_F(FrameRing, NoUnitIsTornOrRepeatedWhileTheWriterRacesAhead) {
     EXPECT_GT(reader.counters().laps, 0U);
     EXPECT_EQ(reader.counters().restarts > 0, race.units_between_starts != kNever);
   }
+}
+
+// Does something again and again until whoever sleeps on the ring's word has been woken by it.
+template <typename Action>
+bool WakesASleeper(const std::uint8_t* block, Action action) {
+  std::atomic<bool> woken = false;
+  std::thread sleeper([&] {
+    const std::uint8_t* const word = block + kWaitWordOffset;
+    const auto deadline = std::chrono::steady_clock::now() + Patience();
+    while (!woken && std::chrono::steady_clock::now() < deadline) {
+      woken = FutexWait(word, LoadLe32({word, sizeof(std::uint32_t)}, 0),
+                        std::chrono::milliseconds{50}) == 0;
+    }
+  });
+  const bool done = Eventually([&] {
+    action();
+    return woken.load();
+  });
+  sleeper.join();
+  return done;
+}
+
+TEST_F(FrameRing, UnitAClearAndAStartWakeWhoSleeps) {
+  FrameBlockMapping read_only;
+  ASSERT_TRUE(read_only.Open());
+  EXPECT_TRUE(WakesASleeper(read_only.data(), [this] { Publish(1); }));
+  EXPECT_TRUE(WakesASleeper(read_only.data(), [this] { StartDaemon(); }));
+}
+
+TEST_F(FrameRing, WaitEndsWithAUnitOrWithTheTime) {
+  using std::chrono::milliseconds;
+  std::vector<std::uint8_t> unit;
+  FrameBlockReader reader = Attach();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(reader.Wait(milliseconds{30}));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds{30});
+  EXPECT_FALSE(reader.Wait(milliseconds{-1}));
+  for (int i = 0; i < 3; ++i) {
+    Publish(2);
+    EXPECT_TRUE(reader.Wait({}));
+    EXPECT_EQ(Drain(reader), std::to_string(2 * i) + "-" + std::to_string(2 * i + 1));
+    EXPECT_FALSE(reader.Wait({}));
+  }
+  StartDaemon();
+  EXPECT_TRUE(reader.Wait({})) << "the ring began anew";
+  EXPECT_EQ(Drain(reader), "none");
+  EXPECT_FALSE(reader.Wait({}));
+  shm_unlink(kFrameBlockName);
+  EXPECT_FALSE(reader.Wait(std::chrono::hours{1})) << "lets its caller ask IsCurrent";
+}
+
+TEST_F(FrameRing, UnitIsTakenSoonAlsoFromADaemonThatWakesNobody) {
+  using Clock = std::chrono::steady_clock;
+  Publish(1);
+  FrameBlockReader reader = Attach();
+  std::vector<std::uint8_t> unit;
+  // On a busy machine the longest ways tell nothing, the shortest one does.
+  auto shortest = Clock::duration::max();
+  for (std::uint16_t number = 1; number <= 10; ++number) {
+    Clock::time_point published;
+    std::thread writer([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds{5});
+      published = Clock::now();
+      PublishSilently(block_->data(), NumberedUnit(number), number);
+    });
+    while (!reader.Next(unit)) {
+      reader.Wait(std::chrono::seconds{1});
+    }
+    const auto taken = Clock::now();
+    writer.join();
+    EXPECT_EQ(NumberOf(unit), number);
+    shortest = std::min(shortest, taken - published);
+  }
+  EXPECT_LT(shortest, std::chrono::milliseconds{50});
+}
+
+TEST_F(FrameRing, GarbageBesideTheIndexNeitherHidesUnitsNorCostsTime) {
+  Publish(1);
+  FrameBlockReader reader = Attach();
+  std::uint8_t* const garbage = block_->data() + kWaitWordOffset + 2;
+  StoreShared16(garbage, 0xABCD, __ATOMIC_RELAXED);
+  EXPECT_TRUE(WakesASleeper(block_->data(), [this] { Publish(1); }));
+  Drain(reader);
+  std::atomic<bool> ends = false;
+  std::thread scribbler([&] {
+    for (std::uint16_t value = 0; !ends; ++value) {
+      StoreShared16(garbage, value, __ATOMIC_RELAXED);
+    }
+  });
+  const auto processor_time = [] {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
+  };
+  const auto before = processor_time();
+  EXPECT_FALSE(reader.Wait(std::chrono::milliseconds{500}));
+  EXPECT_LT(processor_time() - before, std::chrono::milliseconds{100});
+  Publish(1);
+  EXPECT_TRUE(reader.Wait(std::chrono::seconds{1}));
+  ends = true;
+  scribbler.join();
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ namespace {
 
 using Unit = std::vector<std::uint8_t>;
 
-// A unit waits no longer than this for us; less would only cost processor time.
-constexpr std::chrono::microseconds kRingPause{1500};
+// The daemon wakes us for a unit; so long at most it takes until we see Ctrl-C or a closed pipe.
+constexpr std::chrono::milliseconds kRingWait{50};
 constexpr std::chrono::milliseconds kBlockPause{10};
 constexpr std::chrono::seconds kQuiet{1};  // without a unit: is it still the daemon's ring?
 constexpr double kMaxSeconds = 1e7;
@@ -145,9 +145,10 @@ RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& 
     if (run.line.statistics && !run.statistics.Report(AllCounters(reader, run))) {
       return RingEnd::kRunIsOver;
     }
-    if (run.end.Wait(kRingPause, run.Watched())) {
+    if (run.end.Wait({}, run.Watched())) {
       return RingEnd::kRunIsOver;
     }
+    reader.Wait(kRingWait);
   }
 }
 
