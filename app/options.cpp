@@ -14,7 +14,8 @@ namespace kestrelbridge {
 namespace {
 
 constexpr char kShortOptions[] = "i:h:p:d:s:v?";
-constexpr std::array<option, 8> kLongOptions = {{
+constexpr int kLowLatency = 'Z' + 1;  // no letter: it has a long form only
+constexpr std::array<option, 9> kLongOptions = {{
     {"iface", required_argument, nullptr, 'i'},
     {"port", required_argument, nullptr, 'p'},
     {"host", required_argument, nullptr, 'h'},
@@ -22,6 +23,7 @@ constexpr std::array<option, 8> kLongOptions = {{
     {"dst-port", required_argument, nullptr, 's'},
     {"help", no_argument, nullptr, '?'},
     {"verbose", no_argument, nullptr, 'v'},
+    {"low-latency", no_argument, nullptr, kLowLatency},
     {nullptr, 0, nullptr, 0},
 }};
 
@@ -62,6 +64,9 @@ bool ApplyOption(int option_letter, Config& config) {
       return true;
     case 'v':
       config.verbose = 1;
+      return true;
+    case kLowLatency:
+      config.low_latency = true;
       return true;
     case '?':
       return false;

@@ -14,6 +14,7 @@ struct Config {
   char destination_host[20] = "127.0.0.1";  // the main application
   std::int32_t destination_port = 5000;
   std::uint8_t verbose = 0;
+  bool low_latency = false;  // a unit is published as soon as it is whole
 };
 
 // The process's one configuration, with its defaults until ParseOptions has run.

@@ -22,6 +22,7 @@
 #include "session/camera_session.h"
 #include "state/camera_state.h"
 #include "video/frame_buffers.h"
+#include "video/unit_assembly.h"
 
 namespace kestrelbridge {
 namespace {
@@ -145,6 +146,7 @@ void RunDaemon(int argc, char** argv) {
   ConnectMainApplication(config);
   ClearCameraState();
   SetUpFrameMemory();
+  PublishUnitsWhenWhole(config.low_latency);
   ConnectCamera(config);
   BridgePhoneApp(config);
   DropNetworkCapabilities();

@@ -65,6 +65,7 @@ struct Counters {
   OwnedCounter units_published;         // in the ring
   OwnedCounter published_bytes;         // of those units
   OwnedCounter units_corrupted;         // their length is not what their header announced
+  OwnedCounter units_spoiled;           // in the ring when further bytes came: --low-latency
   OwnedCounter units_not_published;     // whole, but no H.264
   OwnedCounter video_overflows;         // of the buffer that gathers a unit
   OwnedCounter command_data_overflows;  // of the buffer that gathers command data

@@ -52,6 +52,13 @@ constinit std::size_t fill = 0;  // bytes gathered so far
 constinit std::size_t expected_length =
     0;  // from the unit's header; 0 while no unit is in progress
 
+// Set by start-up before the camera's receive thread exists.
+constinit bool publishes_when_whole = false;
+// Of the unit in progress; moves only with publishes_when_whole. A unit is published once: bytes
+// that come after an overflow may reach its length a second time.
+enum class Early { kNotPublished, kPublished, kSpoiled };
+constinit Early early = Early::kNotPublished;
+
 bool IsUnitHeader(std::span<const std::uint8_t> datagram) {
   return datagram.size() > kLastFixedByte &&
          std::ranges::all_of(kUnitHeaderBytes, [&](const FixedByte& fixed) {
@@ -70,16 +77,27 @@ void Append(std::span<const std::uint8_t> unit_bytes) {
   fill += unit_bytes.size();
 }
 
-void PublishIfH264(std::span<const std::uint8_t> unit) {
-  if (unit.size() < kMinUnitLength ||
-      !std::ranges::equal(unit.first(kStartCode.size()), kStartCode)) {
-    GetCounters().units_not_published.Add();
-    return;
-  }
+bool IsH264(std::span<const std::uint8_t> unit) {
+  return unit.size() >= kMinUnitLength &&
+         std::ranges::equal(unit.first(kStartCode.size()), kStartCode);
+}
+
+void Publish(std::span<const std::uint8_t> unit) {
   if ((unit[kNalHeaderOffset] & kNalTypeMask) == kNalTypeSps) {
     FollowPictureSize(unit.subspan(kNalHeaderOffset + 1));
   }
   PublishVideoUnit(unit);
+}
+
+void PublishEarly() {
+  const auto unit = std::span(staging).first(fill);
+  if (early == Early::kNotPublished && fill == expected_length && IsH264(unit)) {
+    Publish(unit);
+    early = Early::kPublished;
+  } else if (early == Early::kPublished && fill != expected_length) {
+    GetCounters().units_spoiled.Add();
+    early = Early::kSpoiled;
+  }
 }
 
 void AcknowledgeUnit() {
@@ -98,7 +116,11 @@ void FinishUnit() {
     std::fprintf(stderr, "corrupted unit\n");
     return;
   }
-  PublishIfH264(std::span(staging).first(fill));
+  if (const auto unit = std::span(staging).first(fill); !IsH264(unit)) {
+    GetCounters().units_not_published.Add();
+  } else if (early == Early::kNotPublished) {
+    Publish(unit);
+  }
   if (!PhoneAppConnected()) {  // else the phone app acknowledges
     AcknowledgeUnit();
   }
@@ -107,23 +129,37 @@ void FinishUnit() {
 void StartUnit(std::span<const std::uint8_t> header_datagram) {
   expected_length = LoadLe16(header_datagram, kUnitLengthOffset);
   fill = 0;
+  early = Early::kNotPublished;
   Append(header_datagram.subspan(kUnitHeaderEnd));
+}
+
+// False when the datagram belongs to no unit.
+bool TakeUnitBytes(std::span<const std::uint8_t> datagram) {
+  if (IsUnitHeader(datagram)) {
+    if (datagram.size() < kUnitHeaderEnd) {
+      return false;
+    }
+    FinishUnit();
+    StartUnit(datagram);
+    return true;
+  }
+  if (expected_length == 0 || datagram.size() < kReceivedWrapperSize) {
+    return false;
+  }
+  Append(datagram.subspan(kReceivedWrapperSize));
+  return true;
 }
 
 }  // namespace
 
+void PublishUnitsWhenWhole(bool when_whole) { publishes_when_whole = when_whole; }
+
 void TakeVideoDatagram(std::span<const std::uint8_t> datagram) {
-  if (IsUnitHeader(datagram)) {
-    if (datagram.size() >= kUnitHeaderEnd) {
-      FinishUnit();
-      StartUnit(datagram);
-      return;
-    }
-  } else if (expected_length != 0 && datagram.size() >= kReceivedWrapperSize) {
-    Append(datagram.subspan(kReceivedWrapperSize));
-    return;
+  if (!TakeUnitBytes(datagram)) {
+    GetCounters().stray_video_datagrams.Add();
+  } else if (publishes_when_whole) {
+    PublishEarly();
   }
-  GetCounters().stray_video_datagrams.Add();
 }
 
 }  // namespace kestrelbridge

@@ -131,6 +131,20 @@ TEST(StartUp, TellsItsStepsInOrderWhenVerboseAndSendsToTheLowBitsOfALargePort) {
        "Init connection to camera 192.168.2.1:74640 via iface ninechars"}));
 }
 
+TEST(StartUp, UnitWaitsForTheNextOneUnlessLatencyIsToBeLow) {
+  for (const bool low : {false, true}) {
+    ScriptedCamera camera;
+    ChildProcess daemon(DaemonCommand(low ? std::vector<std::string>{"--low-latency"}
+                                          : std::vector<std::string>{}));
+    ASSERT_TRUE(camera.Connect());
+    RingWatcher ring;
+    const Bytes unit = MakeUnit(5'000, 1);
+    camera.SendUnit(unit);
+    ASSERT_TRUE(WaitUntilRead(daemon.pid()));
+    EXPECT_EQ(ring.Next(low ? Patience() : std::chrono::milliseconds{200}), low ? unit : Bytes{});
+  }
+}
+
 TEST(StartUp, EndsWithCodeOneWhenAnEndpointCannotBeOpened) {
   const struct {
     const char* open_files;  // beside the standard three: remote control, sockets, blocks

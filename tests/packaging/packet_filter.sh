@@ -34,7 +34,7 @@ expect 'ip saddr 192.168.2.1 udp sport 9004 ct direction reply accept'
 # As the daemon's parser reads them: shortened, together, in two words.
 expect 'ip saddr 10.0.0.1 udp sport 9104' --ho 10.0.0.1 -vp9104 --iface wlan0
 expect 'ip saddr 10.0.0.1 udp sport 10' -h 10.0.0.1 --port=010
-expect 'udp sport 65535 ' --port 131071
+expect 'udp sport 65535 ' --port 131071 --low-latency
 expect 'ip saddr 10.9.8.7 counter accept' --dst-host=10.9.8.7 -s 5000
 for loopback in 127.0.0.1 127.9.9.9 0.0.0.0; do
   if sh "$filter" print -d "$loopback" | grep 'main application'; then failures=1; fi
