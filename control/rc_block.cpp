@@ -1,5 +1,6 @@
 #include "control/rc_block.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,14 +39,37 @@ bool Refuse(RcBlock& block, const char* action, int error) {
   return false;
 }
 
+struct OpenedBlock {
+  int descriptor = -1;   // errno is set when it is -1
+  bool created = false;  // by us, just now
+};
+
 // Takes the block of the remote-control process, or creates it for that process to find.
-int OpenOrCreate(bool quiet) {
-  const int descriptor = OpenSharedBlock(kRcBlockName);
-  if (!quiet) {
-    std::fprintf(stderr,
-                 descriptor == -1 ? "Creating new shared raw RC\n" : "Shared raw RC mem opened\n");
+OpenedBlock OpenOrCreate() {
+  const int found = OpenSharedBlock(kRcBlockName);
+  if (found != -1 || errno != ENOENT) {
+    return {.descriptor = found};
   }
-  return descriptor != -1 ? descriptor : OpenOrCreateSharedBlock(kRcBlockName);
+  constexpr mode_t kOwnersOnly = 0600;
+  const int created = shm_open(kRcBlockName, O_RDWR | O_CREAT | O_EXCL, kOwnersOnly);
+  if (created == -1 && errno == EEXIST) {
+    return {.descriptor = OpenSharedBlock(kRcBlockName)};  // that process was quicker
+  }
+  return {.descriptor = created, .created = created != -1};
+}
+
+void SayHowItWasOpened(const OpenedBlock& opened) {
+  const bool found = opened.descriptor != -1 && !opened.created;
+  std::fprintf(stderr, found ? "Shared raw RC mem opened\n" : "Creating new shared raw RC\n");
+}
+
+void SayWhenOthersMayWrite(mode_t mode) {
+  if ((mode & S_IWOTH) != 0) {
+    std::fprintf(stderr,
+                 "Every user may write shared memory /dev/shm%s (mode %04o) and so work the "
+                 "camera's switches\n",
+                 kRcBlockName, static_cast<unsigned>(mode & ALLPERMS));
+  }
 }
 
 struct BlockCopy {
@@ -79,16 +103,21 @@ bool CopyBlockAtRest(int descriptor, BlockCopy& copy) {
   return true;
 }
 
-// A block that has lost its name will never be written again by a process that starts anew.
-bool HasItsName(int descriptor) {
+struct stat StatusOf(int descriptor) {
   struct stat status {};
-  return fstat(descriptor, &status) == 0 && status.st_nlink != 0;
+  fstat(descriptor, &status);
+  return status;
+}
+
+// As far as the kernel knows: what goes through a mapping shows in the content alone.
+bool IsUnwritten(const struct stat& status, const RcBlock& block) {
+  return status.st_mtim.tv_sec == block.made_at.tv_sec &&
+         status.st_mtim.tv_nsec == block.made_at.tv_nsec;
 }
 
 void CountGoodRead(RcBlock& block) {
   if (block.in_trouble && ++block.good_reads == kRcBlockWellAfterReads) {
     block.in_trouble = false;
-    std::fprintf(stderr, "Shared raw RC mem opened\n");
   }
 }
 
@@ -96,16 +125,29 @@ void CountGoodRead(RcBlock& block) {
 
 bool OpenRcBlock(RcBlock& block) {
   CloseRcBlock(block);
-  const int descriptor = OpenOrCreate(block.in_trouble);
-  if (descriptor == -1) {
-    return Refuse(block, "open", errno);
+  const OpenedBlock opened = OpenOrCreate();
+  const int error = errno;
+  if (!block.in_trouble) {
+    SayHowItWasOpened(opened);
   }
-  const SharedBlock mapped = MapSharedBlock(descriptor, kRcBlockSize);
+  if (opened.descriptor == -1) {
+    return Refuse(block, "open", error);
+  }
+  const struct stat found = StatusOf(opened.descriptor);
+  const SharedBlock mapped = MapSharedBlock(opened.descriptor, kRcBlockSize);
   if (mapped.bytes == nullptr) {
     return Refuse(block, mapped.failed_step, mapped.error);
   }
+  if (block.in_trouble) {
+    SayHowItWasOpened(opened);  // now that it is certain: it is tried for once a second
+  }
+  SayWhenOthersMayWrite(found.st_mode);
   block.descriptor = mapped.descriptor;
   block.bytes = mapped.bytes;
+  const bool still_cut =
+      block.loss == RcBlock::Loss::kCutShort && found.st_size < static_cast<off_t>(kRcBlockSize);
+  block.zeroes_are_ours = block.loss != RcBlock::Loss::kNone && (opened.created || still_cut);
+  block.made_at = StatusOf(block.descriptor).st_mtim;
   return true;
 }
 
@@ -114,20 +156,23 @@ bool ReadRcBlock(RcBlock& block, RcValues& values) {
     return false;
   }
   BlockCopy copy;
-  if (!HasItsName(block.descriptor) || !CopyBlockAtRest(block.descriptor, copy)) {
+  const struct stat status = StatusOf(block.descriptor);
+  // One that has lost its name will never be written again by a process that starts anew.
+  const bool has_its_name = status.st_nlink != 0;
+  if (!has_its_name || !CopyBlockAtRest(block.descriptor, copy)) {
     CloseRcBlock(block);
     if (!block.in_trouble) {
       std::fprintf(stderr, "Shared raw RC mem was cut short or removed, opening it again\n");
     }
     block.in_trouble = true;
-    block.was_lost = true;
+    block.loss = has_its_name ? RcBlock::Loss::kCutShort : RcBlock::Loss::kRemoved;
     return false;
   }
   CountGoodRead(block);
-  if (block.was_lost && copy == BlockCopy{}) {
+  if (block.zeroes_are_ours && IsUnwritten(status, block) && copy == BlockCopy{}) {
     return true;
   }
-  block.was_lost = false;
+  block.zeroes_are_ours = false;
   for (std::size_t channel = 0; channel < kRcChannelCount; ++channel) {
     values.channels[channel] = LoadRcChannel(copy.bytes.data(), channel);
   }

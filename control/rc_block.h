@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <ctime>
 
 #include "kestrelbridge/rc_block.h"
 
@@ -14,11 +15,16 @@ struct RcBlock {
   std::uint8_t* bytes = nullptr;  // kRcBlockSize bytes, null while not mapped; ReadRcBlock reads
                                   // through the descriptor all the same (see CopyBlock)
 
-  // Cut short or removed, and nobody has written it since.
-  bool was_lost = false;
+  // How it was last lost. Its zeroes, once it has been opened again, are switches that somebody let
+  // go, unless they are ours: we created the block, or filled up what was still cut short, and
+  // nobody has written it since.
+  enum class Loss { kNone, kCutShort, kRemoved };
+  Loss loss = Loss::kNone;
+  bool zeroes_are_ours = false;
+  std::timespec made_at{};  // the file's time of modification then
 
-  // Something went wrong and has been said. Nothing more is said about the block until it has been
-  // read so many times without trouble that it can be called well again.
+  // Something went wrong and has been said. No further trouble is said until the block has been
+  // read so many times that it can be called well again; that it was opened is said each time.
   bool in_trouble = false;
   std::uint32_t good_reads = 0;  // since it was last opened
 };
@@ -30,14 +36,15 @@ struct RcValues {
   bool slider_enabled = false;
 };
 
-// Opens the block, or creates it, gives it its size, reserves its memory and maps it. Returns false
-// when that fails, after it said why. Also opens a block anew.
+// Opens the block, or creates it, gives it its size, reserves its memory and maps it, and says
+// which of the two it was and whether every user may write it. Returns false when that fails, after
+// it said why. Also opens a block anew.
 bool OpenRcBlock(RcBlock& block);
 
 // Reads the block, whatever its owner does to it meanwhile. Returns false when it is not mapped, or
-// no longer whole or no longer the one with that name; it is then unmapped. After such a loss
-// `values` stay as they are until the new block has been written: its zeroes are no switches that
-// somebody let go, and a recording goes on.
+// no longer whole or no longer the one with that name; it is then unmapped. Of a block that was
+// lost and that we then made ourselves, `values` stay as they are until somebody writes it, and a
+// recording goes on; the zeroes of one that somebody else has made are positions like any other.
 bool ReadRcBlock(RcBlock& block, RcValues& values);
 
 }  // namespace kestrelbridge

@@ -9,10 +9,14 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 
+#include "control/remote_control.h"
+#include "state/camera_state.h"
 #include "support/camera_end.h"
+#include "support/child_process.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -76,30 +80,83 @@ TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
   EXPECT_FALSE(values_.slider_enabled);
 }
 
-TEST_F(RcBlockTest, LostAndMadeAnewLetsNoSwitchGoUntilItIsWritten) {
+// By who made it, not by what it holds.
+TEST_F(RcBlockTest, LostAndAllZeroLetsTheSwitchesGoUnlessTheDaemonMadeItAnew) {
   constexpr std::size_t kSwitch = 139;
-  ASSERT_TRUE(OpenRcBlock(block_));
-  StoreRcChannel(block_.bytes, kSwitch, 1);
-  ASSERT_TRUE(Read());
-  for (const bool removed : {true, false}) {
-    if (removed) {
-      RemoveBlock();
-    } else {
-      ASSERT_EQ(truncate(kPath, 0), 0);
-    }
-    EXPECT_FALSE(Read());
+  const auto make_anew = [](std::size_t size) {
+    std::ofstream(kPath, std::ios::binary) << std::string(size, '\0');
+  };
+  const struct {
+    const char* what_happens;
+    std::function<void()> before_the_loss_is_seen;
+    std::function<void()> before_it_is_opened;
+    const char* said;
+    double position;
+  } rows[] = {
+      {"removed", RemoveBlock, [] {}, kCreating, 1},
+      {"cut to nothing", [&] { make_anew(0); }, [] {}, kOpened, 1},
+      {"cut", [] { EXPECT_EQ(truncate(kPath, 1000), 0); }, [] {}, kOpened, 1},
+      {"removed and made by another", RemoveBlock, [&] { make_anew(1504); }, kOpened, 0},
+      {"being made by another", RemoveBlock, [&] { make_anew(0); }, kOpened, 0},
+      {"made anew in its place", [&] { make_anew(0); }, [&] { make_anew(1504); }, kOpened, 0},
+  };
+  for (const auto& row : rows) {
+    RemoveBlock();
+    make_anew(1504);
+    RcBlock block;
+    ASSERT_TRUE(OpenRcBlock(block));
+    StoreRcChannel(block.bytes, kSwitch, 1);
+    RcValues values;
+    RcMemory memory;
+    UpdateCameraState([](CameraState& state) { state.camera_mode_code = 1; });
+    ASSERT_TRUE(ReadRcBlock(block, values));
+    HandleRcValues(values, memory);
+    row.before_the_loss_is_seen();
+    EXPECT_FALSE(ReadRcBlock(block, values));
+    row.before_it_is_opened();
+    Log();
+    ASSERT_TRUE(OpenRcBlock(block));
+    EXPECT_EQ(Log(), row.said) << row.what_happens;
     for (int look = 0; look < 3; ++look) {
-      ASSERT_TRUE(OpenRcBlock(block_));
-      ASSERT_TRUE(Read());
-      EXPECT_EQ(values_.channels[kSwitch], 1) << removed;
+      ASSERT_TRUE(ReadRcBlock(block, values));
+      EXPECT_EQ(values.channels[kSwitch], row.position) << row.what_happens;
+      HandleRcValues(values, memory);
     }
+    EXPECT_EQ(Log(), row.position == 1 ? "" : "Record stop\n") << row.what_happens;
+    StoreRcChannel(block.bytes, 0, 0.5);
+    ASSERT_TRUE(ReadRcBlock(block, values));
+    EXPECT_EQ(values.channels[kSwitch], 0) << row.what_happens;
+    StoreRcChannel(block.bytes, 0, 0);
+    ASSERT_TRUE(ReadRcBlock(block, values));
+    EXPECT_EQ(values.channels[0], 0) << "written, and all zero again: " << row.what_happens;
   }
-  StoreRcChannel(block_.bytes, 0, 0.5);
+  SentFrames();
+}
+
+TEST_F(RcBlockTest, MadeAnewByTheDaemonLetsGoOfItsSwitchesWhenSomebodyWritesZeroes) {
+  ASSERT_TRUE(OpenRcBlock(block_));
+  StoreRcChannel(block_.bytes, 139, 1);
   ASSERT_TRUE(Read());
-  EXPECT_EQ(values_.channels[kSwitch], 0);
-  StoreRcChannel(block_.bytes, 0, 0);
+  RemoveBlock();
+  EXPECT_FALSE(Read());
+  ASSERT_TRUE(OpenRcBlock(block_));
   ASSERT_TRUE(Read());
-  EXPECT_EQ(values_.channels[0], 0) << "written, and all zero again";
+  EXPECT_EQ(values_.channels[139], 1);
+  EXPECT_TRUE(Eventually([&] {  // the time of a file has ticks
+    std::ofstream(kPath, std::ios::binary | std::ios::in) << std::string(1504, '\0');
+    return Read() && values_.channels[139] == 0;
+  }));
+}
+
+TEST_F(RcBlockTest, ThatEveryUserMayWriteIsSaidAtEachOpening) {
+  std::ofstream(kPath, std::ios::binary) << std::string(1504, '\0');
+  for (const mode_t mode : {0600U, 0664U, 0602U, 0666U}) {
+    ASSERT_EQ(chmod(kPath, mode), 0);
+    ASSERT_TRUE(OpenRcBlock(block_));
+    const std::string log = Log();
+    EXPECT_EQ(CountLines(log, "Every user may write"), (mode & 2U) != 0 ? 1 : 0) << log;
+    EXPECT_TRUE(log.starts_with(kOpened)) << log;
+  }
 }
 
 TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
@@ -122,23 +179,20 @@ TEST_F(RcBlockTest, CutAtAnyMomentIsNoSignal) {
   EXPECT_GT(good_reads, 0);
 }
 
-TEST_F(RcBlockTest, IsReportedAgainOnceItHasBeenWellForAWhile) {
-  ASSERT_TRUE(OpenRcBlock(block_));
-  RemoveBlock();
-  EXPECT_FALSE(Read());
+TEST_F(RcBlockTest, ItsLossIsReportedAgainOnceItHasBeenWellForAWhile) {
   ASSERT_TRUE(OpenRcBlock(block_));
   Log();
-  for (std::uint32_t i = 1; i < kRcBlockWellAfterReads; ++i) {
-    Read();
+  for (const std::uint32_t reads : {0U, kRcBlockWellAfterReads - 1, kRcBlockWellAfterReads}) {
+    for (std::uint32_t i = 0; i < reads; ++i) {
+      Read();
+    }
+    EXPECT_EQ(Log(), "");
+    RemoveBlock();
+    EXPECT_FALSE(Read());
+    EXPECT_EQ(Log(), reads == kRcBlockWellAfterReads - 1 ? "" : kLost) << reads;
+    ASSERT_TRUE(OpenRcBlock(block_));
+    EXPECT_EQ(Log(), kCreating);
   }
-  EXPECT_EQ(Log(), "");
-  Read();
-  EXPECT_EQ(Log(), kOpened);
-  Read();
-  EXPECT_EQ(Log(), "");
-  RemoveBlock();
-  EXPECT_FALSE(Read());
-  EXPECT_EQ(Log(), kLost);
 }
 
 TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnceHoweverOftenItIsTried) {
@@ -170,6 +224,7 @@ TEST_F(RcBlockTest, ThatCannotBeHadIsReportedOnceHoweverOftenItIsTried) {
     EXPECT_EQ(Log(), kCreating + ("Cannot " + message + ", trying again\n"));
     EXPECT_EQ(umount2("/dev/shm", MNT_DETACH), 0);
     EXPECT_TRUE(OpenRcBlock(block)) << "once it can be had";
+    EXPECT_EQ(Log(), kCreating);
     EXPECT_TRUE(ReadRcBlock(block, values_));
     RemoveBlock();
     Log();
