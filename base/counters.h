@@ -39,9 +39,10 @@ struct LinkCounters {
   OwnedCounter received_datagrams;  // by us, from whoever: the kernel's drops are not among them
   OwnedCounter received_bytes;      // of those datagrams
   OwnedCounter handled_datagrams;   // of those, that are done with; no metric, see HasHung
-  OwnedCounter found;               // times that the first datagram of a peer came
   // Its watchdog's.
   OwnedCounter lost;  // times that the peer was silent for too long
+  // Either's.
+  SharedCounter found;  // times that the first datagram of a peer came
   // Any sender's.
   SharedCounter sent_datagrams;  // that the kernel took
   SharedCounter sent_bytes;      // of those datagrams

@@ -19,8 +19,7 @@ namespace {
 
 constexpr useconds_t kWaitForBufferUs = 10'000;
 
-constexpr unsigned kPeerAddressShift = 32;
-constexpr unsigned kPeerGenerationShift = 16;
+constexpr unsigned kPeerAddressShift = 16;
 
 void ConfigureSocket(int socket) {
   const int status_flags = fcntl(socket, F_GETFL, 0);
@@ -53,31 +52,64 @@ struct SenderText {
   }
 };
 
-// Records the datagram's sender and time, and reports the link as found if it was down.
+void ReportFound(const UdpEndpoint& endpoint, const char* sender_text) {
+  endpoint.counters->found.Add();
+  if (endpoint.on_found != nullptr) {
+    endpoint.on_found(sender_text);
+  }
+}
+
+// Records the datagram's sender and time, and reports the link as found if it was down. The time is
+// read when that has been reported, which may take long: the link is not to be stale at once.
+//
+// What is reported alternates, and the last report is the true state, because each thread reports
+// only while the other has nothing to report: this one while the time is 0, which the watchdog
+// stores after it has reported the loss; the watchdog while it is not 0, which is stored here after
+// the link has been reported as found.
 //
 // The watchdog may take the link down at any point in between. Then the exchange below finds 0 and
-// this datagram counts as the first of the next link; and the peer is stored with a new generation
-// each time round, so that the watchdog, which forgets only the peer that it saw before it took the
-// link down, leaves it alone.
-void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char* sender_text,
-                   std::uint16_t& generation) {
-  const std::uint32_t now = StampOf(NowMs());  // 0 would mean "down"
+// this datagram counts as the first of the next link.
+void RecordReceive(UdpEndpoint& endpoint, const sockaddr_in& sender, const char* sender_text) {
+  const std::uint64_t peer =
+      std::uint64_t{sender.sin_addr.s_addr} << kPeerAddressShift | ntohs(sender.sin_port);
   std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
+  std::uint32_t now = 0;
   do {
-    ++generation;
-    endpoint.peer.store(std::uint64_t{sender.sin_addr.s_addr} << kPeerAddressShift |
-                            std::uint64_t{generation} << kPeerGenerationShift |
-                            ntohs(sender.sin_port),
-                        std::memory_order_release);
+    endpoint.peer.store(peer, std::memory_order_release);
     if (last == 0) {
-      endpoint.counters->found.Add();
-      if (endpoint.on_found != nullptr) {
-        endpoint.on_found(sender_text);
-      }
+      ReportFound(endpoint, sender_text);
     }
-    // Pairs with the watchdog's exchange in CheckLink.
+    now = StampOf(endpoint.now_ms());  // 0 would mean "down"
+    // Pairs with the watchdog's exchange in TakeLinkDown.
   } while (!endpoint.last_receive_ms.compare_exchange_strong(last, now, std::memory_order_acq_rel,
                                                              std::memory_order_acquire));
+}
+
+// `last` is what the watchdog found too old.
+//
+// A datagram may come at any point in between. Then the last exchange fails: the link is up after
+// all, and has been reported as lost. Its sender is either the peer that was just forgotten, or has
+// been stored since.
+void TakeLinkDown(UdpEndpoint& endpoint, std::uint32_t last) {
+  const std::uint64_t peer = endpoint.peer.load(std::memory_order_acquire);
+  endpoint.counters->lost.Add();
+  if (endpoint.on_lost != nullptr) {
+    endpoint.on_lost();
+    std::uint64_t forgotten = peer;
+    endpoint.peer.compare_exchange_strong(forgotten, 0, std::memory_order_acq_rel,
+                                          std::memory_order_relaxed);
+  }
+  // Pairs with RecordReceive.
+  if (endpoint.last_receive_ms.compare_exchange_strong(last, 0, std::memory_order_acq_rel,
+                                                       std::memory_order_acquire)) {
+    return;
+  }
+  std::uint64_t none = 0;
+  endpoint.peer.compare_exchange_strong(none, peer, std::memory_order_acq_rel,
+                                        std::memory_order_relaxed);
+  SenderText sender;
+  sender.Update({.s_addr = Peer(endpoint).address});
+  ReportFound(endpoint, sender.text);
 }
 
 // `sent` is what sendto returned.
@@ -164,33 +196,21 @@ bool LinkIsUp(const UdpEndpoint& endpoint) {
 }
 
 void CheckLink(UdpEndpoint& endpoint) {
-  std::uint64_t peer = endpoint.peer.load(std::memory_order_acquire);
   // Before the clock is read: a datagram that arrives between the two must not look 49 days old.
-  std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
+  const std::uint32_t last = endpoint.last_receive_ms.load(std::memory_order_acquire);
   if (last == 0) {
     return;
   }
-  const std::uint32_t elapsed_ms = NowMs() - last;
-  if (elapsed_ms <= endpoint.timeout_ms) {
-    return;
-  }
-  // Fails when a datagram has just arrived: the link is up after all. Pairs with RecordReceive.
-  if (!endpoint.last_receive_ms.compare_exchange_strong(last, 0, std::memory_order_acq_rel,
-                                                        std::memory_order_relaxed)) {
-    return;
-  }
-  endpoint.counters->lost.Add();
-  if (endpoint.on_lost != nullptr) {
-    endpoint.on_lost();
-    endpoint.peer.compare_exchange_strong(peer, 0, std::memory_order_acq_rel,
-                                          std::memory_order_relaxed);
+  const std::uint32_t elapsed_ms = endpoint.now_ms() - last;
+  const bool heard_meanwhile = endpoint.last_receive_ms.load(std::memory_order_acquire) != last;
+  if (elapsed_ms > endpoint.timeout_ms && !heard_meanwhile) {
+    TakeLinkDown(endpoint, last);
   }
 }
 
 void ReceiveLoop(UdpEndpoint& endpoint) {
   const int socket = endpoint.socket.load(std::memory_order_relaxed);  // Open started this thread
   SenderText sender_text;
-  std::uint16_t generation = 0;
   for (;;) {
     std::uint8_t* buffer = endpoint.buffer.load(std::memory_order_acquire);  // see AttachBuffer
     if (buffer == nullptr) {
@@ -212,7 +232,7 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
     endpoint.counters->received_datagrams.Add();
     endpoint.counters->received_bytes.Add(static_cast<std::uint64_t>(length));
     sender_text.Update(sender.sin_addr);
-    RecordReceive(endpoint, sender, sender_text.text, generation);
+    RecordReceive(endpoint, sender, sender_text.text);
     if (endpoint.on_datagram != nullptr) {
       endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
                            ntohs(sender.sin_port));

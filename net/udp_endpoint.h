@@ -20,6 +20,7 @@
 #include <span>
 
 #include "base/counters.h"
+#include "net/clock.h"
 #include "net/socket_address.h"
 
 namespace kestrelbridge {
@@ -31,7 +32,8 @@ inline constexpr std::size_t kAddressTextSize = 16;
 // dotted-decimal text, the port in host byte order.
 using DatagramCallback = void (*)(std::span<const std::uint8_t> datagram,
                                   const char* sender_address, std::uint16_t sender_port);
-// Receive thread: the first datagram while the link was down.
+// The first datagram while the link was down. Receive thread; of a datagram that came while the
+// link was being taken down, the thread that runs CheckLink.
 using FoundCallback = void (*)(const char* sender_address);
 // The thread that runs CheckLink: the link has been silent for more than timeout_ms.
 using LostCallback = void (*)();
@@ -48,14 +50,15 @@ struct UdpEndpoint {
   bool clear_before_receive =
       false;  // zero the buffer first; the datagram is then a text with a NUL
 
-  // Latest sender: address << 32 | generation << 16 | port, in one word so that no reader sees half
-  // of it; 0 while there is none. The generation counts datagrams, and tells the watchdog whether a
-  // peer that it is about to forget has been heard again. Written by the receive thread and the
-  // watchdog, read by any thread through Peer().
+  std::uint32_t (*now_ms)() = NowMs;  // tests have clocks of their own
+
+  // Latest sender: address << 16 | port, in one word so that no reader sees half of it; 0 while
+  // there is none. Written by the receive thread and, by compare-and-exchange, the watchdog; read
+  // by any thread through Peer().
   std::atomic<std::uint64_t> peer{0};
 
-  // StampOf(NowMs()) at the latest datagram; 0 while the link is down. Written by the receive
-  // thread and, by compare-and-exchange, the watchdog.
+  // StampOf(now_ms()) at the latest datagram; 0 while the link is down. Written by the receive
+  // thread and the watchdog, both by compare-and-exchange.
   std::atomic<std::uint32_t> last_receive_ms{0};
 
   // Receive buffer of the owner. Stored with release by AttachBuffer, loaded with acquire by the

@@ -3,19 +3,16 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
+#include <functional>
 #include <mutex>
 #include <span>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "net/clock.h"
 #include "support/eventually.h"
 #include "support/udp_socket.h"
 
@@ -23,12 +20,49 @@ namespace kestrelbridge::test {
 namespace {
 
 // What the callbacks of the endpoint under test have seen.
-std::atomic<int> found{0};
-std::atomic<int> lost{0};
 std::atomic<int> datagrams{0};
-std::atomic<int> found_at_last_datagram{0};
 std::atomic<std::size_t> last_length{0};
 std::atomic<std::uint16_t> last_port{0};
+
+// The endpoint's clock: stands still until it is set.
+std::atomic<std::uint32_t> clock_ms{0};
+
+std::mutex events_mutex;
+// "found" and "lost" in the order in which they were reported; "datagram" when it is the first.
+std::string events;
+
+// What happens next at a point of the code, once: interleavings are made on purpose.
+class Interlude {
+ public:
+  void Set(std::function<void()> play) { Swap(play); }
+  void Play() {
+    std::function<void()> play;
+    Swap(play);
+    if (play) {
+      play();
+    }
+  }
+
+ private:
+  void Swap(std::function<void()>& play) {
+    const std::lock_guard lock(events_mutex);
+    play_.swap(play);
+  }
+  std::function<void()> play_;
+};
+Interlude at_clock;
+Interlude at_found;
+Interlude at_lost;
+
+void Note(const char* event) {
+  const std::lock_guard lock(events_mutex);
+  events += std::string(events.empty() ? "" : " ") + event;
+}
+
+std::string Events() {
+  const std::lock_guard lock(events_mutex);
+  return events;
+}
 
 constexpr std::size_t kBufferSize = 10'000;
 constexpr std::size_t kGuardSize = 64;
@@ -53,11 +87,28 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   auto& endpoint = *new UdpEndpoint;
   buffer = {new std::uint8_t[kBufferSize + kGuardSize], kBufferSize + kGuardSize};
   std::ranges::fill(buffer, kGuardByte);
-  found = lost = datagrams = 0;
+  datagrams = 0;
+  clock_ms = 1'000'000;
+  at_clock.Set({});
+  at_found.Set({});
+  at_lost.Set({});
+  events.clear();
   EXPECT_EQ(Open(endpoint, 0), 0);
   endpoint.clear_before_receive = clear_before_receive;
-  endpoint.on_found = [](const char* /*sender*/) { ++found; };
-  endpoint.on_lost = [] { ++lost; };
+  endpoint.now_ms = [] {
+    const std::uint32_t now = clock_ms;
+    at_clock.Play();
+    return now;
+  };
+  endpoint.on_found = [](const char* sender) {
+    EXPECT_STREQ(sender, "127.0.0.1");
+    Note("found");
+    at_found.Play();
+  };
+  endpoint.on_lost = [] {
+    Note("lost");
+    at_lost.Play();
+  };
   endpoint.on_datagram = [](std::span<const std::uint8_t> datagram, const char* sender,
                             std::uint16_t port) {
     {
@@ -67,43 +118,26 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
     }
     last_port = port;
     last_length = datagram.size();
-    found_at_last_datagram = found.load();
-    ++datagrams;
+    if (datagrams++ == 0) {
+      Note("datagram");
+    }
   };
   AttachBuffer(endpoint, buffer.first(kBufferSize));
   return endpoint;
 }
 
-UdpAddress AddressOf(const UdpEndpoint& endpoint) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(endpoint.socket, reinterpret_cast<sockaddr*>(&address), &size);
-  return {.host = "127.0.0.1", .port = ntohs(address.sin_port)};
-}
-
-void SendAndWait(UdpSocket& sender, const UdpEndpoint& endpoint, std::size_t length) {
+void SendAndWait(const UdpSocket& sender, const UdpEndpoint& endpoint, std::size_t length = 1) {
   const int before = datagrams;
-  sender.Send(std::vector<std::uint8_t>(length, 0x42), AddressOf(endpoint));
+  sender.Send(std::vector<std::uint8_t>(length, 0x42),
+              {.host = "127.0.0.1", .port = LocalPort(endpoint)});
   ASSERT_TRUE(Eventually([&] { return datagrams > before; }));
-}
-
-// Lets the watchdog see exactly this age: tries again when the clock ticked meanwhile.
-void CheckLinkAtAge(UdpEndpoint& endpoint, std::uint32_t age_ms) {
-  std::uint32_t now = 0;
-  const int lost_before = lost;
-  do {
-    now = NowMs();
-    lost = lost_before;
-    endpoint.last_receive_ms = now - age_ms;
-    CheckLink(endpoint);
-  } while (NowMs() != now);
 }
 
 TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   UdpEndpoint& endpoint = StartEndpoint();
+  at_found.Set([&] { EXPECT_FALSE(LinkIsUp(endpoint)) << "first it is reported"; });
   UdpSocket sender;
   SendAndWait(sender, endpoint, 5);
-  EXPECT_EQ(found_at_last_datagram, 1);
   EXPECT_EQ(last_length, 5U);
   EXPECT_EQ(LastSeen().sender, "127.0.0.1");
   EXPECT_EQ(last_port, sender.port());
@@ -112,34 +146,40 @@ TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   UdpSocket second;
   SendAndWait(second, endpoint, 5);
   EXPECT_EQ(Peer(endpoint).port, second.port()) << "the peer is followed to another port";
-  EXPECT_EQ(found, 1);
+  EXPECT_EQ(Events(), "found datagram");
 }
 
 TEST(UdpEndpoint, LosesTheLinkAfterMoreThanItsTimeoutAndFindsItAgain) {
   UdpEndpoint& endpoint = StartEndpoint();
   CheckLink(endpoint);
-  EXPECT_EQ(lost, 0) << "never up, so never lost";
+  EXPECT_EQ(Events(), "") << "never up, so never lost";
   UdpSocket sender;
-  SendAndWait(sender, endpoint, 1);
-  CheckLinkAtAge(endpoint, 1000);
-  EXPECT_EQ(lost, 0);
+  SendAndWait(sender, endpoint);
+  at_lost.Set([&] {
+    EXPECT_TRUE(LinkIsUp(endpoint)) << "first it is reported";
+    EXPECT_EQ(Peer(endpoint).port, sender.port());
+  });
+  clock_ms += 1000;
+  CheckLink(endpoint);
+  EXPECT_EQ(Events(), "found datagram");
   EXPECT_TRUE(LinkIsUp(endpoint));
-  CheckLinkAtAge(endpoint, 1001);
-  EXPECT_EQ(lost, 1);
+  clock_ms += 1;
+  CheckLink(endpoint);
+  EXPECT_EQ(Events(), "found datagram lost");
   EXPECT_FALSE(LinkIsUp(endpoint));
   EXPECT_EQ(Peer(endpoint).port, 0);
   EXPECT_EQ(Peer(endpoint).address, 0U);
-  SendAndWait(sender, endpoint, 1);
-  EXPECT_EQ(found_at_last_datagram, 2);
+  SendAndWait(sender, endpoint);
+  EXPECT_EQ(Events(), "found datagram lost found");
   EXPECT_EQ(Peer(endpoint).port, sender.port());
 }
 
 TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
   UdpEndpoint& endpoint = StartEndpoint();
   UdpSocket sender;
-  SendAndWait(sender, endpoint, 1);
+  SendAndWait(sender, endpoint);
   endpoint.on_lost = nullptr;
-  endpoint.last_receive_ms = NowMs() - 5000;
+  clock_ms += 5000;
   CheckLink(endpoint);
   EXPECT_FALSE(LinkIsUp(endpoint));
   EXPECT_EQ(Peer(endpoint).port, sender.port());
@@ -174,31 +214,59 @@ TEST(UdpEndpoint, SendsOnlyToDottedDecimalAddresses) {
   EXPECT_EQ(Open(other, receiver.port()), -1) << "the port is taken";
 }
 
-// The watchdog runs as fast as it can against a stream of datagrams, with a time-out that they only
-// just meet: found and lost must alternate, and the last datagram must leave the link up and its
-// sender known.
-TEST(UdpEndpoint, ForgetsNoDatagramThatArrivesWhileTheLinkIsTakenDown) {
-  UdpEndpoint& endpoint = StartEndpoint();
-  endpoint.timeout_ms = 1;
-  UdpSocket sender;
-  std::atomic<bool> done{false};
-  std::thread watchdog([&] {
-    while (!done) {
+// --- what happens between two steps of the watchdog or of the receive thread
+
+TEST(UdpEndpoint, ADatagramThatComesWhileTheLossIsReportedIsTheFirstOfTheNextLink) {
+  for (const bool from_another : {false, true}) {
+    UdpEndpoint& endpoint = StartEndpoint();
+    const UdpSocket first;
+    const UdpSocket second;
+    const UdpSocket& in_between = from_another ? second : first;
+    SendAndWait(first, endpoint);
+    clock_ms += 5000;
+    at_lost.Set([&] { SendAndWait(in_between, endpoint); });
+    for (int tick = 0; tick < 2; ++tick) {
       CheckLink(endpoint);
+      EXPECT_EQ(Events(), "found datagram lost found");
+      EXPECT_TRUE(LinkIsUp(endpoint));
+      EXPECT_EQ(Peer(endpoint).port, in_between.port());
     }
-  });
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
-    sender.Send(std::vector<std::uint8_t>{1}, AddressOf(endpoint));
-    std::this_thread::sleep_for(std::chrono::microseconds(1500 + i % 1000));
   }
-  done = true;
-  watchdog.join();
-  EXPECT_GT(lost, 10);
-  SendAndWait(sender, endpoint, 1);
+}
+
+TEST(UdpEndpoint, ALinkThatIsTakenDownWhileADatagramIsBeingRecordedIsFoundByIt) {
+  UdpEndpoint& endpoint = StartEndpoint();
+  const UdpSocket sender;
+  SendAndWait(sender, endpoint);
+  clock_ms += 5000;
+  at_clock.Set([&] { CheckLink(endpoint); });  // the receive thread's look at the clock
+  SendAndWait(sender, endpoint);
+  EXPECT_EQ(Events(), "found datagram lost found");
   EXPECT_TRUE(LinkIsUp(endpoint));
   EXPECT_EQ(Peer(endpoint).port, sender.port());
-  EXPECT_EQ(found, lost + 1);
+}
+
+TEST(UdpEndpoint, ADatagramThatComesWhileTheWatchdogReadsTheClockKeepsTheLink) {
+  for (const std::uint32_t age_ms : {10U, 5000U}) {
+    UdpEndpoint& endpoint = StartEndpoint();
+    const UdpSocket sender;
+    SendAndWait(sender, endpoint);
+    clock_ms += age_ms;
+    at_clock.Set([&] {  // the clock has been read already: the datagram is younger
+      clock_ms += 1;
+      SendAndWait(sender, endpoint);
+    });
+    CheckLink(endpoint);
+    EXPECT_EQ(Events(), "found datagram") << age_ms;
+  }
+}
+
+TEST(UdpEndpoint, ALinkIsNotStaleAtOnceWhenItTookLongToReportItAsFound) {
+  UdpEndpoint& endpoint = StartEndpoint();
+  at_found.Set([] { clock_ms += 5000; });
+  SendAndWait(UdpSocket(), endpoint);
+  CheckLink(endpoint);
+  EXPECT_EQ(Events(), "found datagram");
 }
 
 }  // namespace
