@@ -137,6 +137,9 @@ constexpr Family kFamilies[] = {
      "Datagrams relayed between the phone app and the camera.",
      {{{R"({direction="to_camera"})", &kCounters.relayed_to_camera},
        {R"({direction="to_phone"})", &kCounters.relayed_to_phone}}}},
+    {"kestrelbridge_log_lines_dropped_total",
+     "Lines of the log that standard error had no room for.",
+     {{{"", &kCounters.log_lines_dropped}}}},
 };
 
 void AppendHead(std::string& text, const char* name, const char* type, const char* help) {

@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
+
+#include "base/log.h"
 
 namespace kestrelbridge {
 namespace {
@@ -33,8 +34,8 @@ bool CopyText(const char* option_name, const char* text, std::span<char> field) 
   const std::size_t longest = field.size() - 1;
   const std::size_t length = std::strlen(text);
   if (length > longest) {
-    std::fprintf(stderr, "Option --%s takes at most %zu characters, \"%s\" has %zu\n", option_name,
-                 longest, text, length);
+    Log("Option --%s takes at most %zu characters, \"%s\" has %zu\n", option_name, longest, text,
+        length);
     return false;
   }
   std::ranges::fill(field, '\0');
@@ -95,8 +96,7 @@ int ParseOptions(int argc, char** argv) {
 }
 
 void PrintUsage() {
-  std::fputs(
-      "DJI Pocket Osmo Wi-Fi receiver\n"
+  Log("DJI Pocket Osmo Wi-Fi receiver\n"
       "Usage:\n"
       "-i | --iface=<interface> default wifi0\n"
       "-h | --host=<pocketosmo_host> default 192.168.2.1\n"
@@ -104,8 +104,7 @@ void PrintUsage() {
       "-d | --dst-host=<destination_host>\n"
       "-s | --dst-port=<destination_port>\n"
       "-v | --verbose\n"
-      "-? | --help - show this help\n",
-      stderr);
+      "-? | --help - show this help\n");
 }
 
 }  // namespace kestrelbridge

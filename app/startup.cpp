@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <ctime>
 #include <span>
 
@@ -13,6 +12,7 @@
 #include "app/options.h"
 #include "app/service_watchdog.h"
 #include "base/capabilities.h"
+#include "base/log.h"
 #include "base/process_end.h"
 #include "base/run_paths.h"
 #include "base/standard_descriptors.h"
@@ -33,11 +33,11 @@ constexpr std::size_t kBoardModelSize = 100;    // 99 characters and a NUL
 constexpr std::size_t kInterfaceNameSize = 10;  // 9 characters and a NUL
 
 void AnnounceBoard() {
-  std::fprintf(stderr, "\nOsmo Action Wi-Fi client\n");
+  Log("\nOsmo Action Wi-Fi client\n");
   char model[kBoardModelSize];
   ReadTextFile(kBoardModelPath, model);
-  std::fprintf(stderr, "Board model: %s\n", model);
-  std::fprintf(stderr, "Board supported\n");
+  Log("Board model: %s\n", model);
+  Log("Board supported\n");
   WriteTextFile(kBoardSupportedPath, "1");
 }
 
@@ -45,19 +45,18 @@ void AnnounceBoard() {
 void ReportPort(const char* option_name, std::int32_t port) {
   const auto used = static_cast<std::uint16_t>(port);
   if (used == 0) {
-    std::fprintf(stderr, "Option --%s=%d is no UDP port, nothing can be sent there\n", option_name,
-                 port);
+    Log("Option --%s=%d is no UDP port, nothing can be sent there\n", option_name, port);
   } else if (used != port) {
-    std::fprintf(stderr, "Option --%s=%d is no UDP port, packets go to port %u\n", option_name,
-                 port, static_cast<unsigned>(used));
+    Log("Option --%s=%d is no UDP port, packets go to port %u\n", option_name, port,
+        static_cast<unsigned>(used));
   }
 }
 
 void ReportHost(const char* option_name, const char* host) {
   in_addr address{};
   if (inet_aton(host, &address) == 0) {
-    std::fprintf(stderr, "Option --%s=%s is no dotted-decimal address, nothing can be sent there\n",
-                 option_name, host);
+    Log("Option --%s=%s is no dotted-decimal address, nothing can be sent there\n", option_name,
+        host);
   }
 }
 
@@ -76,13 +75,13 @@ void ReadOptions(int argc, char** argv) {
 
 void ConnectMainApplication(const Config& config) {
   if (config.verbose != 0) {
-    std::fprintf(stderr, "Using interface %s\n", config.iface);
-    std::fprintf(stderr, "Init connection to main application %s:%d\n", config.destination_host,
-                 config.destination_port);
+    Log("Using interface %s\n", config.iface);
+    Log("Init connection to main application %s:%d\n", config.destination_host,
+        config.destination_port);
   }
   const bool connected = InitMainAppLink(config.destination_host, config.destination_port) == 0;
   if (config.verbose != 0) {
-    std::fprintf(stderr, "%s\n", connected ? "Done" : "Failed");
+    Log("%s\n", connected ? "Done" : "Failed");
   }
   if (!connected) {
     EndProcess(ExitCode::kUsageOrLink);
@@ -90,7 +89,7 @@ void ConnectMainApplication(const Config& config) {
 }
 
 void SetUpFrameMemory() {
-  std::fprintf(stderr, "Init telemetry buffer\n");
+  Log("Init telemetry buffer\n");
   if (InitFrameBuffers() != 0) {
     EndProcess(ExitCode::kFrameMemory, "Failed to init telemetry buffer");
   }
@@ -98,8 +97,8 @@ void SetUpFrameMemory() {
 
 void ConnectCamera(const Config& config) {
   if (config.verbose != 0) {
-    std::fprintf(stderr, "Init connection to camera %s:%d via iface %s\n", config.camera_host,
-                 config.camera_port, config.iface);
+    Log("Init connection to camera %s:%d via iface %s\n", config.camera_host, config.camera_port,
+        config.iface);
   }
   if (InitCameraLink(config.camera_host, config.camera_port) != 0) {
     EndProcess(ExitCode::kUsageOrLink);
@@ -123,13 +122,11 @@ void BridgePhoneApp(const Config& config) {
   char access_point_interface[kInterfaceNameSize];
   ReadInterfaceName(access_point_interface);
   if (config.verbose != 0) {
-    std::fprintf(stderr, "Init data bridge server for DJI MIMO via iface %s\n",
-                 access_point_interface);
+    Log("Init data bridge server for DJI MIMO via iface %s\n", access_point_interface);
   }
   if (InitPhoneAppBridge(config.camera_host, config.camera_port, access_point_interface) != 0) {
     // The daemon goes on: the picture does not depend on it.
-    std::fprintf(stderr, "UDP port %u cannot be had, so no phone app: see ss -ulnp\n",
-                 unsigned{kPhoneAppPort});
+    Log("UDP port %u cannot be had, so no phone app: see ss -ulnp\n", unsigned{kPhoneAppPort});
   }
 }
 
@@ -137,6 +134,7 @@ void BridgePhoneApp(const Config& config) {
 
 void RunDaemon(int argc, char** argv) {
   OccupyStandardDescriptors();
+  OpenLog();
   const std::time_t start = std::time(nullptr);
   std::signal(SIGPIPE, SIG_IGN);  // the picture outlives whoever read our log
   AnnounceBoard();

@@ -83,6 +83,9 @@ struct Counters {
   // The phone endpoint's receive thread's.
   OwnedCounter relayed_to_camera;  // the phone app's datagrams that went out to the camera
 
+  // Any thread's.
+  SharedCounter log_lines_dropped;  // that standard error had no room for
+
   // The camera thread's.
   OwnedCounter connection_requests;  // that went out
   OwnedCounter keepalives;           // that went out

@@ -2,13 +2,13 @@
 
 #include <unistd.h>
 
-#include <cstdio>
+#include "base/log.h"
 
 namespace kestrelbridge {
 
 void EndProcess(ExitCode code, const char* message) {
   if (message != nullptr) {
-    std::fprintf(stderr, "%s\n", message);
+    Log("%s\n", message);
   }
   ::_exit(static_cast<int>(code));
 }

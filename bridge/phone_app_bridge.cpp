@@ -3,9 +3,9 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdio>
 
 #include "base/counters.h"
+#include "base/log.h"
 #include "bridge/redirect_rule.h"
 #include "camera/camera_link.h"
 #include "net/udp_endpoint.h"
@@ -25,11 +25,9 @@ struct PhoneAppBridge {
 
 constinit PhoneAppBridge bridge{};
 
-void OnPhoneAppFound(const char* /*sender_address*/) {
-  std::fprintf(stderr, "DJI MIMO connection found\n");
-}
+void OnPhoneAppFound(const char* /*sender_address*/) { Log("DJI MIMO connection found\n"); }
 
-void OnPhoneAppLost() { std::fprintf(stderr, "DJI MIMO connection lost\n"); }
+void OnPhoneAppLost() { Log("DJI MIMO connection lost\n"); }
 
 // What we send to the camera comes back here when the camera's address is that of this very port,
 // as on a box that is to try a simulated camera and lacks its --port. Relayed, it would go round
@@ -41,10 +39,9 @@ bool IsOurOwn(UdpPeer peer) {
 void SayThatThereIsNoCamera() {
   if (!bridge.echo_said) {
     bridge.echo_said = true;
-    std::fprintf(stderr,
-                 "The camera's address is this box's own, and port %u is the phone app's: there is "
-                 "no camera, see --host and --port\n",
-                 unsigned{kPhoneAppPort});
+    Log("The camera's address is this box's own, and port %u is the phone app's: there is "
+        "no camera, see --host and --port\n",
+        unsigned{kPhoneAppPort});
   }
 }
 
@@ -81,7 +78,7 @@ bool PhoneAppConnected() { return LinkIsUp(bridge.endpoint); }
 
 void ForwardToPhoneApp(std::span<const std::uint8_t> datagram) {
   if (bridge.trace) {
-    std::fprintf(stderr, "To DJI MIMO: %d bytes\n", static_cast<int>(datagram.size()));
+    Log("To DJI MIMO: %d bytes\n", static_cast<int>(datagram.size()));
   }
   const UdpPeer phone_app = Peer(bridge.endpoint);
   if (phone_app.port != 0 && !IsOurOwn(phone_app) &&

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/log.h"
+
 namespace kestrelbridge {
 namespace {
 
@@ -23,9 +25,7 @@ void ReportUnusable(const char* what, std::string_view name) {
   std::string shown(name);
   std::ranges::replace_if(
       shown, [](char character) { return character < ' ' || character > '~'; }, '?');
-  std::fprintf(
-      stderr,
-      "No redirect rule for the phone app: %s \"%s\" may only have letters, digits, blanks "
+  Log("No redirect rule for the phone app: %s \"%s\" may only have letters, digits, blanks "
       "and . _ - : @ +\n",
       what, shown.c_str());
 }

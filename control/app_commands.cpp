@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <string_view>
 
 #include "base/counters.h"
+#include "base/log.h"
 #include "control/camera_commands.h"
 #include "control/resolution_words.h"
 #include "state/spelled_numbers.h"
@@ -122,7 +122,7 @@ bool TakeMessage(const char* text) {
     return false;
   }
   const char* json = text + 1;
-  std::fprintf(stderr, "JSON commands from app: %s\n", json);
+  Log("JSON commands from app: %s\n", json);
   // Takes text behind the object, and refuses nesting that would be too deep for the stack.
   const JsonTree object(cJSON_Parse(json), cJSON_Delete);
   if (cJSON_IsObject(object.get()) == 0) {

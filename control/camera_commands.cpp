@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 #include <optional>
@@ -13,6 +12,7 @@
 #include <string_view>
 
 #include "base/byte_order.h"
+#include "base/log.h"
 #include "camera/command_frame_sender.h"
 #include "camera/packet_format.h"
 #include "state/camera_state.h"
@@ -149,7 +149,7 @@ void SetCustomWhiteBalance(std::uint8_t code, const char* temperature) {
   const int kelvin = ParseInteger(temperature);
   UpdateCameraState(
       [kelvin](CameraState& state) { state.wb_temp_set = static_cast<float>(kelvin); });
-  std::fprintf(stderr, "Camera set WB temperature %s\n", temperature);
+  Log("Camera set WB temperature %s\n", temperature);
   if (kelvin >= kLowestTemperatureK) {
     SendPair(kBalance, code, EncodeTemperature(kelvin));
   }
@@ -158,29 +158,29 @@ void SetCustomWhiteBalance(std::uint8_t code, const char* temperature) {
 }  // namespace
 
 void SetRecording(bool start) {
-  std::fprintf(stderr, "%s\n", start ? "Record start" : "Record stop");
+  Log("%s\n", start ? "Record start" : "Record stop");
   SendByte(kRecording, kFirstArgument, start ? 1 : 0);
 }
 
 void TakeShot() {
-  std::fprintf(stderr, "Camera shot\n");
+  Log("Camera shot\n");
   Send(kShot);
 }
 
 void SetCameraMode(const char* mode) {
   if (const auto code = EncodeWord(kCameraMode, mode)) {
-    std::fprintf(stderr, "Camera set mode %s\n", mode);
+    Log("Camera set mode %s\n", mode);
     SendCode(kMode, code);
   }
 }
 
 void SetVideoMode(const char* mode) {
-  std::fprintf(stderr, "Camera set video mode %s\n", mode);
+  Log("Camera set video mode %s\n", mode);
   SendCode(kExposureMode, EncodeWord(kImageMode, mode));
 }
 
 void SetShutter(const char* shutter) {
-  std::fprintf(stderr, "Camera set shutter %s\n", shutter);
+  Log("Camera set shutter %s\n", shutter);
   const std::uint32_t value = EncodeShutter(shutter);
   Command command = kShutter;  // its first argument is constant
   StoreLe16(command.bytes, kSecondArgument, static_cast<std::uint16_t>(value & 0xFFFF));
@@ -189,18 +189,18 @@ void SetShutter(const char* shutter) {
 
 void SetIso(const char* iso) {
   const int number = ParseInteger(iso);
-  std::fprintf(stderr, "Camera set iso %d\n", number);
+  Log("Camera set iso %d\n", number);
   SendCode(kSensitivity, EncodeIso(number));
 }
 
 void SetEv(const char* ev) {
   const double number = std::strtod(ev, nullptr);
-  std::fprintf(stderr, "Camera set EV %1.1f\n", number);
+  Log("Camera set EV %1.1f\n", number);
   SendCode(kCompensation, EncodeEv(number));
 }
 
 void SetWhiteBalance(const char* mode, const char* temperature) {
-  std::fprintf(stderr, "Camera set WB %s\n", mode);
+  Log("Camera set WB %s\n", mode);
   const auto code = EncodeWord(kWhiteBalance, mode);
   if (!code) {
     return;
@@ -213,12 +213,12 @@ void SetWhiteBalance(const char* mode, const char* temperature) {
 }
 
 void SetColor(const char* color) {
-  std::fprintf(stderr, "Set color %s\n", color);
+  Log("Set color %s\n", color);
   SendCode(kColor, EncodeWord(kColorMode, color));
 }
 
 void SetVideoResolution(int width, int height, int frames_per_second) {
-  std::fprintf(stderr, "Camera set video resolution %dx%d@%d\n", width, height, frames_per_second);
+  Log("Camera set video resolution %dx%d@%d\n", width, height, frames_per_second);
   const std::uint8_t resolution = EncodeResolution(width, height);
   const std::uint8_t framerate = EncodeFramerate(frames_per_second);
   SendPair(kVideoFormat, resolution, framerate);
@@ -226,27 +226,27 @@ void SetVideoResolution(int width, int height, int frames_per_second) {
 }
 
 void SetAspectRatio(const char* aspect) {
-  std::fprintf(stderr, "Camera set image aspect ratio %s\n", aspect);
+  Log("Camera set image aspect ratio %s\n", aspect);
   SendCode(kAspect, EncodeWord(kAspectRatio, aspect), kSecondArgument);
 }
 
 void SetShotMode(const char* mode) {
-  std::fprintf(stderr, "Camera set shot mode %s\n", mode);
+  Log("Camera set shot mode %s\n", mode);
   SendCode(kPhotoFormat, EncodeWord(kShotMode, mode));
 }
 
 void SetAntiFlicker(const char* mode) {
-  std::fprintf(stderr, "Camera set anti-flicker %s\n", mode);
+  Log("Camera set anti-flicker %s\n", mode);
   SendCode(kFlicker, EncodeWord(kAntiFlicker, mode));
 }
 
 void SetVideoStandard(const char* standard) {
-  std::fprintf(stderr, "Camera set video standard %s\n", standard);
+  Log("Camera set video standard %s\n", standard);
   SendCode(kStandard, EncodeWord(kVideoStandard, standard));
 }
 
 void SetWifiMode(const char* band) {
-  std::fprintf(stderr, "Set Osmo Wi-Fi mode to %s\n", band);
+  Log("Set Osmo Wi-Fi mode to %s\n", band);
   const bool high = std::string_view(band) == "5.8";
   SendByte(kWifiBand, kFirstArgument, high ? kBand5Point8GHz : kBand2Point4GHz);
   Send(kWifiBand2);
@@ -260,7 +260,7 @@ void SetHistogram(const char* onoff) { SendCode(kHistogram, EncodeWord(kHistogra
 
 void FormatSdCard(const char* target) {
   if (std::string_view(target) == "sd") {
-    std::fprintf(stderr, "Format microSD card\n");
+    Log("Format microSD card\n");
     Send(kFormatCard);
   }
 }

@@ -8,9 +8,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 
+#include "base/log.h"
 #include "base/shared_memory.h"
 
 namespace kestrelbridge {
@@ -32,8 +32,8 @@ void CloseRcBlock(RcBlock& block) {
 bool Refuse(RcBlock& block, const char* action, int error) {
   CloseRcBlock(block);
   if (!block.in_trouble) {
-    std::fprintf(stderr, "Cannot %s shared memory /dev/shm%s (%zu bytes): %s, trying again\n",
-                 action, kRcBlockName, kRcBlockSize, std::strerror(error));
+    Log("Cannot %s shared memory /dev/shm%s (%zu bytes): %s, trying again\n", action, kRcBlockName,
+        kRcBlockSize, std::strerror(error));
   }
   block.in_trouble = true;
   return false;
@@ -60,15 +60,14 @@ OpenedBlock OpenOrCreate() {
 
 void SayHowItWasOpened(const OpenedBlock& opened) {
   const bool found = opened.descriptor != -1 && !opened.created;
-  std::fprintf(stderr, found ? "Shared raw RC mem opened\n" : "Creating new shared raw RC\n");
+  Log(found ? "Shared raw RC mem opened\n" : "Creating new shared raw RC\n");
 }
 
 void SayWhenOthersMayWrite(mode_t mode) {
   if ((mode & S_IWOTH) != 0) {
-    std::fprintf(stderr,
-                 "Every user may write shared memory /dev/shm%s (mode %04o) and so work the "
-                 "camera's switches\n",
-                 kRcBlockName, static_cast<unsigned>(mode & ALLPERMS));
+    Log("Every user may write shared memory /dev/shm%s (mode %04o) and so work the "
+        "camera's switches\n",
+        kRcBlockName, static_cast<unsigned>(mode & ALLPERMS));
   }
 }
 
@@ -162,7 +161,7 @@ bool ReadRcBlock(RcBlock& block, RcValues& values) {
   if (!has_its_name || !CopyBlockAtRest(block.descriptor, copy)) {
     CloseRcBlock(block);
     if (!block.in_trouble) {
-      std::fprintf(stderr, "Shared raw RC mem was cut short or removed, opening it again\n");
+      Log("Shared raw RC mem was cut short or removed, opening it again\n");
     }
     block.in_trouble = true;
     block.loss = has_its_name ? RcBlock::Loss::kCutShort : RcBlock::Loss::kRemoved;

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "base/log.h"
 #include "control/camera_commands.h"
 #include "state/camera_state.h"
 #include "state/vocabulary.h"
@@ -21,7 +22,7 @@ struct Stepping {
 };
 
 void SendShutter(const char* word, const CameraState& /*state*/) {
-  std::fprintf(stderr, "new shutter value = %s\n", word);
+  Log("new shutter value = %s\n", word);
   SetShutter(word);
 }
 
@@ -62,7 +63,7 @@ std::size_t IndexOf(std::string_view word, Steps steps) {
 
 // Goes `distance` steps on, where steps.size() - 1 is one back.
 void StepBy(const Stepping& stepping, std::size_t distance, const char* direction) {
-  std::fprintf(stderr, "Camera set %s %s\n", direction, stepping.log_name);
+  Log("Camera set %s %s\n", direction, stepping.log_name);
   const CameraState state = SnapshotCameraState();
   const std::size_t position = IndexOf(stepping.current_word(state), stepping.steps);
   const std::size_t chosen = (position + distance) % stepping.steps.size();

@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 
+#include "base/log.h"
 #include "base/process_end.h"
 #include "base/thread.h"
 #include "net/clock.h"
@@ -27,10 +27,10 @@ void ConfigureSocket(int socket) {
     fcntl(socket, F_SETFL, status_flags & ~O_NONBLOCK);
   }
   if (!RequestReceiveBuffer(socket)) {
-    std::fprintf(stderr, "UDP receive buffer set failed\n");
+    Log("UDP receive buffer set failed\n");
   }
   if (!RequestSendBuffer(socket)) {
-    std::fprintf(stderr, "UDP send buffer set failed\n");
+    Log("UDP send buffer set failed\n");
   }
   const int off = 0;
   const int on = 1;

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "base/counters.h"
+#include "base/log.h"
 #include "base/process_end.h"
 #include "base/thread.h"
 #include "bridge/phone_app_bridge.h"
@@ -18,9 +19,7 @@ namespace {
 
 constexpr useconds_t kHeartbeatPeriodUs = 1'000'000;
 
-void OnCameraFound(const char* /*sender_address*/) {
-  std::fprintf(stderr, "Camera connection found\n");
-}
+void OnCameraFound(const char* /*sender_address*/) { Log("Camera connection found\n"); }
 
 void OnCameraLost() { EndProcess(ExitCode::kUsageOrLink, "Camera connection lost"); }
 

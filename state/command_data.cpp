@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 
 #include "base/copy_bytes.h"
 #include "base/counters.h"
+#include "base/log.h"
 #include "camera/command_frame_scanner.h"
 #include "state/status_decoding.h"
 
@@ -27,7 +27,7 @@ void GatherCommandData(std::span<const std::uint8_t> payload) {
   payload = payload.first(std::min(payload.size(), kMaxFill));  // no datagram is that long
   if (fill + payload.size() > kMaxFill) {
     GetCounters().command_data_overflows.Add();
-    std::fprintf(stderr, "data buffer overflow\n");
+    Log("data buffer overflow\n");
     fill = 0;
   }
   CopyBytes(payload, std::span(buffer).subspan(fill));

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
 
 #include "base/byte_order.h"
 #include "base/counters.h"
+#include "base/log.h"
 #include "camera/crc.h"
 #include "camera/packet_format.h"
 #include "net/clock.h"
@@ -24,11 +24,11 @@ bool FrameIsSound(std::span<const std::uint8_t> frame) {
   }
   const std::size_t covered = frame.size() - kFrameCrc16Size;
   if (FrameCrc16(frame.first(covered)) != LoadLe16(frame, covered)) {
-    std::fprintf(stderr, "CRC16 wrong\n");
+    Log("CRC16 wrong\n");
     return false;
   }
   if (FrameCrc8(frame.first(kFrameCrc8Offset)) != frame[kFrameCrc8Offset]) {
-    std::fprintf(stderr, "CRC8 wrong\n");
+    Log("CRC8 wrong\n");
     return false;
   }
   return true;

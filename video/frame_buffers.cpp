@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "base/byte_order.h"
 #include "base/copy_bytes.h"
 #include "base/counters.h"
+#include "base/log.h"
 #include "base/run_paths.h"
 #include "base/shared_memory.h"
 #include "kestrelbridge/frame_block.h"
@@ -24,10 +24,10 @@ constinit std::uint16_t unit_sequence = 0;
 
 // Says what could not be done to a block and why; `error` is an errno value.
 std::span<std::uint8_t> Refuse(const char* action, const char* name, std::size_t size, int error) {
-  std::fprintf(stderr, "Cannot %s shared memory /dev/shm/%s (%zu bytes): %s\n", action, name, size,
-               std::strerror(error));
+  Log("Cannot %s shared memory /dev/shm/%s (%zu bytes): %s\n", action, name, size,
+      std::strerror(error));
   if (error == ENOSPC) {
-    std::fprintf(stderr, "Free some of /dev/shm (see df /dev/shm), or give it more memory\n");
+    Log("Free some of /dev/shm (see df /dev/shm), or give it more memory\n");
   }
   return {};
 }
@@ -60,7 +60,7 @@ void ClearFrameBlock() {
 void HonourClearRequest() {
   if (LoadShared16(&frame_block[kClearRequestOffset], __ATOMIC_RELAXED) != 0) {
     ClearFrameBlock();
-    std::fprintf(stderr, "Clear frame shared memory\n");
+    Log("Clear frame shared memory\n");
   }
 }
 
@@ -94,7 +94,7 @@ void WriteChunk(std::span<const std::uint8_t> chunk, std::uint8_t chunk_index) {
 int InitFrameBuffers() {
   unlink(kVideoWidthPath);
   unlink(kVideoHeightPath);
-  std::fprintf(stderr, "Init frame buffer %d bytes\n", static_cast<int>(kFrameBlockSize));
+  Log("Init frame buffer %d bytes\n", static_cast<int>(kFrameBlockSize));
   unit_sequence = 0;
   frame_block = MapBlock(kFrameBlockName, kFrameBlockSize);
   if (frame_block.empty()) {
@@ -102,8 +102,7 @@ int InitFrameBuffers() {
   }
   ClearFrameBlock();
   frame_block[kClearRequestOffset] = 1;
-  std::fprintf(stderr, "Init frame buffer for transcoding %d bytes\n",
-               static_cast<int>(kTranscodingBlockSize));
+  Log("Init frame buffer for transcoding %d bytes\n", static_cast<int>(kTranscodingBlockSize));
   const auto transcoding_block = MapBlock(kTranscodingBlockName, kTranscodingBlockSize);
   if (transcoding_block.empty()) {
     return -1;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "base/log.h"
 #include "base/run_paths.h"
 #include "base/text_file.h"
 #include "h264parse.h"
@@ -49,8 +50,8 @@ void FollowPictureSize(std::span<const std::uint8_t> parameter_set) {
   if (picture == current) {
     return;
   }
-  std::fprintf(stderr, "Live stream video resolution changed to %dx%d\n",
-               static_cast<int>(picture.width), static_cast<int>(picture.height));
+  Log("Live stream video resolution changed to %dx%d\n", static_cast<int>(picture.width),
+      static_cast<int>(picture.height));
   current = picture;
   WriteNumber(kVideoWidthPath, picture.width);
   WriteNumber(kVideoHeightPath, picture.height);

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstdio>
 
 #include "base/byte_order.h"
 #include "base/copy_bytes.h"
 #include "base/counters.h"
+#include "base/log.h"
 #include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
 #include "camera/packet_format.h"
@@ -70,7 +70,7 @@ void Append(std::span<const std::uint8_t> unit_bytes) {
   unit_bytes = unit_bytes.first(std::min(unit_bytes.size(), kMaxFill));  // no datagram is that long
   if (fill + unit_bytes.size() > kMaxFill) {
     GetCounters().video_overflows.Add();
-    std::fprintf(stderr, "video buffer overflow\n");
+    Log("video buffer overflow\n");
     fill = 0;
   }
   CopyBytes(unit_bytes, std::span(staging).subspan(fill));
@@ -113,7 +113,7 @@ void FinishUnit() {
   }
   if (fill != expected_length) {
     GetCounters().units_corrupted.Add();
-    std::fprintf(stderr, "corrupted unit\n");
+    Log("corrupted unit\n");
     return;
   }
   if (const auto unit = std::span(staging).first(fill); !IsH264(unit)) {

@@ -1,7 +1,10 @@
 // Starts that nobody means: without standard error, with a camera that cannot be one.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -22,6 +25,24 @@ TEST(OddStart, WithoutStandardErrorTheLogLandsNowhere) {
   ASSERT_TRUE(WaitForBridge(daemon.pid()));
   const std::string block = ReadFile(std::string("/dev/shm") + kRcBlockName);
   EXPECT_EQ(block, std::string(kRcBlockSize, '\0'));
+}
+
+// A pipe that is full from the start and never read: as behind a pager, or with a stopped journal.
+TEST(OddStart, WithAHaltedLogItServesAndEndsAsEver) {
+  ForgetEarlierRuns();
+  std::array<int, 2> log{};
+  ASSERT_EQ(pipe2(log.data(), O_NONBLOCK), 0);
+  while (write(log[1], "#", 1) == 1) {
+  }
+  const std::string outlet = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(log[1]);
+  std::vector<std::string> command = DaemonCommandFor(kOtherCameraPort);
+  command.insert(command.begin(), {"sh", "-c", "exec \"$@\" 2>" + outlet, "sh"});
+  DaemonRun run(command);
+  ASSERT_TRUE(run.camera.Connect());
+  RingWatcher ring;
+  EXPECT_TRUE(Serves(run, ring));
+  run.camera.FallSilent();
+  EXPECT_EQ(run.daemon.WaitForExit(), ExitedWith(1));
 }
 
 TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
