@@ -3,9 +3,12 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <span>
+#include <string_view>
 
 #include "app/main_app_link.h"
 #include "app/metrics.h"
@@ -29,8 +32,9 @@ namespace {
 
 constexpr useconds_t kStartPauseUs = 1'000'000;
 constexpr useconds_t kMainLoopPeriodUs = 1'000'000;
-constexpr std::size_t kBoardModelSize = 100;    // 99 characters and a NUL
-constexpr std::size_t kInterfaceNameSize = 10;  // 9 characters and a NUL
+constexpr std::size_t kBoardModelSize = 100;     // 99 characters and a NUL
+constexpr std::size_t kInterfaceNameSize = 10;   // 9 characters and a NUL
+constexpr std::size_t kInterfaceFileSize = 100;  // of the file, only to say what was cut
 
 void AnnounceBoard() {
   Log("\nOsmo Action Wi-Fi client\n");
@@ -106,8 +110,14 @@ void ConnectCamera(const Config& config) {
 }
 
 // Reads the access point's interface name. Line ends become blanks, which a name may end in.
-void ReadInterfaceName(std::span<char> name) {
-  ReadTextFile(kAccessPointInterfacePath, name);
+void ReadInterfaceName(std::span<char, kInterfaceNameSize> name) {
+  char content[kInterfaceFileSize];
+  ReadTextFile(kAccessPointInterfacePath, content);
+  std::ranges::copy(std::string_view(content).substr(0, name.size() - 1), name.begin());
+  if (const std::size_t length = std::strcspn(content, "\r\n"); length >= name.size()) {
+    Log("Interface name \"%.*s\" of %s is cut to \"%s\": it may have %zu characters\n",
+        static_cast<int>(length), content, kAccessPointInterfacePath, name.data(), name.size() - 1);
+  }
   for (char& character : name) {
     if (character == '\0') {
       break;
@@ -119,7 +129,7 @@ void ReadInterfaceName(std::span<char> name) {
 }
 
 void BridgePhoneApp(const Config& config) {
-  char access_point_interface[kInterfaceNameSize];
+  char access_point_interface[kInterfaceNameSize] = {};
   ReadInterfaceName(access_point_interface);
   if (config.verbose != 0) {
     Log("Init data bridge server for DJI MIMO via iface %s\n", access_point_interface);

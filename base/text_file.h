@@ -1,4 +1,5 @@
-// Small text files: the status files that the daemon writes and the names that it reads.
+// Small text files: the status files that the daemon writes and the names that it reads. Only plain
+// files with one name are touched: no link is followed, nothing is waited for.
 #pragma once
 
 #include <cstddef>
@@ -8,13 +9,13 @@
 namespace kestrelbridge {
 
 // Opens the file for writing (creating or truncating it), writes the text as it is, without adding
-// a newline, and closes it. Returns 0, or -1 without writing when the file cannot be opened.
+// a newline, and closes it. Returns 0, or -1 without writing when no plain file can be opened.
 // Any thread.
 int WriteTextFile(const char* path, std::string_view text);
 
 // The same, but whoever reads the path meets either its old content or the whole new one: the text
-// is written beside it, to the path with ".tmp" behind it, and renamed. Everybody may read the
-// file. Returns 0, or -1 when anything failed; the old file is still there then. One thread for
+// is written beside it, to a new file with ".tmp" behind the path, and renamed. Everybody may read
+// the file. Returns 0, or -1 when anything failed; the old file is still there then. One thread for
 // each path.
 int ReplaceTextFile(const char* path, std::string_view text);
 

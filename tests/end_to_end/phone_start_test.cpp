@@ -69,6 +69,11 @@ TEST(PhoneStart, AsksForTheRuleThatTheFileAndTheOptionsName) {
                            "[-j][REDIRECT][--to-ports][9004]\n"
                      : "");
     EXPECT_TRUE(is_run || daemon.WaitForLine(row.complaint)) << daemon.Error();
+    EXPECT_EQ(CountLines(daemon.Error(), "Interface name \"0123456789abcdef;>own\" of "),
+              CountLines(daemon.Error(), "is cut to \"012345678\""));
+    EXPECT_EQ(CountLines(daemon.Error(), "is cut to"),
+              row.interface_arguments == "[012345678]" ? 1 : 0)
+        << daemon.Error();
     EXPECT_EQ(CountLines(daemon.Error(), "No redirect rule for the phone app: "), is_run ? 0 : 1);
   }
 }
