@@ -3,8 +3,10 @@
 #include "control/remote_control.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cstdio>
+#include <array>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -119,21 +121,15 @@ TEST_F(RemoteControl, RecordAndModeSwitchFollowTheCamerasMode) {
 TEST_F(RemoteControl, TakesAPhotoWhenTheCameraLeavesVideoModeAsARecordingStarts) {
   SetModeCode(1);
   values_.channels[139] = 1;
-  const cookie_io_functions_t functions = {
-      .read = nullptr,
-      .write = [](void*, const char*, std::size_t size) -> ssize_t {
-        SetModeCode(0);
-        return static_cast<ssize_t>(size);
-      },
-      .seek = nullptr,
-      .close = nullptr};
-  std::FILE* const log = stderr;
-  stderr = fopencookie(nullptr, "w", functions);
-  ASSERT_NE(stderr, nullptr);
-  std::setvbuf(stderr, nullptr, _IONBF, 0);
+  std::array<int, 2> log{};
+  ASSERT_EQ(pipe(log.data()), 0);
+  close(log[0]);  // a write without a reader is a signal, right then
+  const int standard_error = dup(STDERR_FILENO);
+  dup2(log[1], STDERR_FILENO);
+  const auto previous = std::signal(SIGPIPE, [](int) { SetModeCode(0); });
   HandleRcValues(values_, memory_);
-  std::fclose(stderr);
-  stderr = log;
+  std::signal(SIGPIPE, previous);
+  dup2(standard_error, STDERR_FILENO);
   EXPECT_EQ(SentFrames(),
             (Frames{"55 0E 04 66 02 01 40 02 02 01", "55 0E 04 66 02 01 40 02 01 01"}));
 }
