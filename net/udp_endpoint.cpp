@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -124,6 +125,21 @@ int CountSend(const UdpEndpoint& endpoint, ssize_t sent) {
   return static_cast<int>(sent);
 }
 
+bool InputWaits(const UdpEndpoint& endpoint) {
+  pollfd input{
+      .fd = endpoint.socket.load(std::memory_order_relaxed), .events = POLLIN, .revents = 0};
+  return poll(&input, 1, 0) == 1 && (input.revents & POLLIN) != 0;
+}
+
+// True once for each datagram after which too much time has passed.
+bool GrantOneStep(UdpEndpoint& endpoint, std::uint32_t last) {
+  if (endpoint.granted_ms == last || !InputWaits(endpoint)) {
+    return false;
+  }
+  endpoint.granted_ms = last;
+  return true;
+}
+
 void* ReceiveThread(void* argument) { ReceiveLoop(*static_cast<UdpEndpoint*>(argument)); }
 
 }  // namespace
@@ -202,8 +218,11 @@ void CheckLink(UdpEndpoint& endpoint) {
     return;
   }
   const std::uint32_t elapsed_ms = endpoint.now_ms() - last;
-  const bool heard_meanwhile = endpoint.last_receive_ms.load(std::memory_order_acquire) != last;
-  if (elapsed_ms > endpoint.timeout_ms && !heard_meanwhile) {
+  if (elapsed_ms <= endpoint.timeout_ms || GrantOneStep(endpoint, last)) {
+    return;
+  }
+  // What no longer waits in the socket may just have been recorded.
+  if (endpoint.last_receive_ms.load(std::memory_order_acquire) == last) {
     TakeLinkDown(endpoint, last);
   }
 }

@@ -61,6 +61,10 @@ struct UdpEndpoint {
   // thread and the watchdog, both by compare-and-exchange.
   std::atomic<std::uint32_t> last_receive_ms{0};
 
+  // What last_receive_ms was when the watchdog last let the link live because input waited: that is
+  // granted once. The watchdog's alone.
+  std::uint32_t granted_ms = 0;
+
   // Receive buffer of the owner. Stored with release by AttachBuffer, loaded with acquire by the
   // receive thread, which thereby sees everything that was set before.
   std::atomic<std::uint8_t*> buffer{nullptr};
@@ -103,7 +107,8 @@ bool IsLocalAddress(std::uint32_t address);
 bool LinkIsUp(const UdpEndpoint& endpoint);
 
 // One step of the watchdog; the owner of the link calls it once a second from a thread of its
-// choice, always the same.
+// choice, always the same. While datagrams wait in the socket, it is our receive thread that is
+// silent, not the peer: the link then lives for one step more.
 void CheckLink(UdpEndpoint& endpoint);
 
 // Body of the receive thread. A receive that fails, or yields a datagram of length 0, ends the

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -90,6 +91,34 @@ void CameraReturns() {
   EXPECT_FALSE(fs::exists(kVideoWidthPath)) << "the size of another picture";
   EXPECT_TRUE(Serves(run, *reader));
   EXPECT_TRUE(fs::exists(kVideoWidthPath));
+}
+
+// Its neighbours go on sending: the silence is its own.
+void DaemonIsStoppedForAWhile() {
+  DaemonRun run;
+  ASSERT_TRUE(run.camera.Connect());
+  ASSERT_TRUE(run.daemon.WaitForLine("Camera connection found"));
+  ASSERT_TRUE(WaitForBridge(run.daemon.pid()));
+  std::atomic<bool> talking{true};
+  std::thread phone([&] {
+    const UdpSocket socket;
+    while (talking) {
+      socket.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
+      std::this_thread::sleep_for(milliseconds{50});
+    }
+  });
+  EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found"));
+  for (int stop = 0; stop < 3; ++stop) {
+    run.daemon.Kill(SIGSTOP);
+    std::this_thread::sleep_for(milliseconds{1'300});
+    run.daemon.Kill(SIGCONT);
+    EXPECT_TRUE(WaitUntilRead(run.daemon.pid()));
+  }
+  RingWatcher ring;
+  EXPECT_TRUE(Serves(run, ring));
+  EXPECT_EQ(CountLines(run.daemon.Error(), "connection lost"), 0) << run.daemon.Error();
+  talking = false;
+  phone.join();
 }
 
 // Kills it while datagrams wait, so that it is at work on one, and its unit not whole.
@@ -432,6 +461,8 @@ TEST_P(Fault, EndsAsPromised) {
 const FaultRow kFaults[] = {
     {"CameraFallsSilent", "exit code 1 after one to two seconds", CameraFallsSilent},
     {"CameraReturns", "the next run serves the same readers; nothing old is shown", CameraReturns},
+    {"DaemonIsStoppedForAWhile", "no link is lost: what waits in its sockets is no silence",
+     DaemonIsStoppedForAWhile},
     {"KilledInTheMiddleOfAUnit", "readers only ever get whole units", KilledInTheMiddleOfAUnit},
     {"NoRoomForTheRing", "exit code 2 and a line that says why", NoRoomForTheRing},
     {"RoomForTheRingOnly", "exit code 2 and a line that says why", RoomForTheRingOnly},

@@ -53,6 +53,7 @@ class Interlude {
 Interlude at_clock;
 Interlude at_found;
 Interlude at_lost;
+Interlude at_datagram;
 
 void Note(const char* event) {
   const std::lock_guard lock(events_mutex);
@@ -92,6 +93,7 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   at_clock.Set({});
   at_found.Set({});
   at_lost.Set({});
+  at_datagram.Set({});
   events.clear();
   EXPECT_EQ(Open(endpoint, 0), 0);
   endpoint.clear_before_receive = clear_before_receive;
@@ -121,6 +123,7 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
     if (datagrams++ == 0) {
       Note("datagram");
     }
+    at_datagram.Play();
   };
   AttachBuffer(endpoint, buffer.first(kBufferSize));
   return endpoint;
@@ -267,6 +270,31 @@ TEST(UdpEndpoint, ALinkIsNotStaleAtOnceWhenItTookLongToReportItAsFound) {
   SendAndWait(UdpSocket(), endpoint);
   CheckLink(endpoint);
   EXPECT_EQ(Events(), "found datagram");
+}
+
+TEST(UdpEndpoint, InputThatWaitsKeepsTheLinkForOneStepOfTheWatchdog) {
+  UdpEndpoint& endpoint = StartEndpoint();
+  const UdpSocket sender;
+  const UdpAddress address = {.host = "127.0.0.1", .port = LocalPort(endpoint)};
+  std::string expected = "found datagram";
+  for (const int steps : {1, 2, 1, 3}) {  // and after each the link is up again
+    std::atomic<bool> stalled{true};
+    at_datagram.Set([&] { stalled.wait(true); });
+    SendAndWait(sender, endpoint);
+    sender.Send(std::vector<std::uint8_t>{1}, address);
+    clock_ms += 5000;
+    for (int step = 1; step <= steps; ++step) {
+      CheckLink(endpoint);
+      expected += step == 2 ? " lost" : "";
+      EXPECT_EQ(Events(), expected);
+    }
+    const int before = datagrams;
+    stalled = false;
+    stalled.notify_all();
+    ASSERT_TRUE(Eventually([&] { return datagrams > before; }));
+    expected += steps > 1 ? " found" : "";
+    EXPECT_EQ(Events(), expected);
+  }
 }
 
 }  // namespace
