@@ -1,5 +1,8 @@
 #include "app/metrics.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +12,7 @@
 #include "base/counters.h"
 #include "base/run_paths.h"
 #include "base/text_file.h"
+#include "base/thread.h"
 #include "bridge/phone_app_bridge.h"
 #include "camera/camera_link.h"
 #include "net/socket_drops.h"
@@ -17,6 +21,8 @@
 
 namespace kestrelbridge {
 namespace {
+
+constexpr useconds_t kWritePeriodUs = 1'000'000;
 
 // One line of a family. No counter: the list ends.
 struct Series {
@@ -190,6 +196,17 @@ void AppendGauges(std::string& text, const Links& links, std::time_t start) {
   AppendLine(text, kStart, "", static_cast<std::uint64_t>(start));
 }
 
+// Set before the thread exists, which alone uses it after.
+constinit std::time_t start_time = 0;
+constinit pthread_t metrics_thread{};
+
+void* MetricsThread(void* /*argument*/) {
+  for (;;) {
+    ReplaceTextFile(kMetricsPath, MetricsText(start_time));
+    usleep(kWritePeriodUs);
+  }
+}
+
 }  // namespace
 
 std::string MetricsText(std::time_t start) {
@@ -210,6 +227,9 @@ std::string MetricsText(std::time_t start) {
   return text;
 }
 
-void WriteMetrics(std::time_t start) { ReplaceTextFile(kMetricsPath, MetricsText(start)); }
+int StartMetrics(std::time_t start) {
+  start_time = start;
+  return StartThread(&metrics_thread, "metrics", MetricsThread, nullptr);
+}
 
 }  // namespace kestrelbridge

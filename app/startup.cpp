@@ -157,10 +157,10 @@ void RunDaemon(int argc, char** argv) {
   PublishUnitsWhenWhole(config.low_latency);
   ConnectCamera(config);
   BridgePhoneApp(config);
+  StartMetrics(start);  // without them all else works
   DropNetworkCapabilities();
-  for (;;) {
+  for (;;) {  // nothing in it may ever wait for anything but the time
     PhoneAppBridgeTick();
-    WriteMetrics(start);
     FeedServiceWatchdog();
     usleep(kMainLoopPeriodUs);
   }

@@ -4,14 +4,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <ostream>
@@ -307,6 +312,43 @@ void RunIsReadOnly() {
   EXPECT_STREQ(width, "1920");
 }
 
+// The one thread of the process with that name; stops until it goes out of scope.
+class StoppedThread {
+ public:
+  StoppedThread(pid_t process, const std::string& name) {
+    for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+      if (ReadFile(task.path() / "comm") == name + "\n") {
+        thread_ = std::stoi(task.path().filename());
+      }
+    }
+    EXPECT_EQ(ptrace(PTRACE_SEIZE, thread_, nullptr, nullptr), 0) << std::strerror(errno);
+    EXPECT_EQ(ptrace(PTRACE_INTERRUPT, thread_, nullptr, nullptr), 0) << std::strerror(errno);
+    EXPECT_EQ(waitpid(thread_, nullptr, __WALL), thread_) << std::strerror(errno);
+  }
+  StoppedThread(const StoppedThread&) = delete;
+  StoppedThread& operator=(const StoppedThread&) = delete;
+  ~StoppedThread() { ptrace(PTRACE_DETACH, thread_, nullptr, nullptr); }
+
+ private:
+  pid_t thread_ = -1;
+};
+
+// As by a file system that hangs; and before that, something in the file's place that nobody reads.
+void MetricsFileTakesForEver() {
+  const std::string fifo = std::string(kMetricsPath) + ".tmp";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  DaemonRun run;
+  ASSERT_TRUE(WaitForBridge(run.daemon.pid())) << run.daemon.Error();
+  ASSERT_TRUE(Eventually([] { return fs::exists(kMetricsPath); }));
+  const StoppedThread writer(run.daemon.pid(), "metrics");
+  const UdpSocket phone;
+  for (int visit = 1; visit <= 2; ++visit) {
+    phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
+    EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found", Patience(), visit));
+    EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection lost", Patience(), visit));
+  }
+}
+
 void RunFolderIsMissing() {
   fs::remove_all("/run/kestrelbridge");
   ServeAtOnce();
@@ -475,6 +517,7 @@ const FaultRow kFaults[] = {
      MainApplicationIsAbsentAndReturns},
     {"PhonePortIsTaken", "the video does not depend on it", PhonePortIsTaken},
     {"RunIsReadOnly", "the video does not depend on it", RunIsReadOnly},
+    {"MetricsFileTakesForEver", "no watchdog depends on it", MetricsFileTakesForEver},
     {"RunFolderIsMissing", "the video does not depend on it", RunFolderIsMissing},
     {"FoldersStandInPlaceOfFiles", "the video does not depend on it", FoldersStandInPlaceOfFiles},
     {"ClockStepsForward", "counts as elapsed time: links are lost", ClockStepsForward},
