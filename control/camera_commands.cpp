@@ -2,14 +2,18 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <system_error>
 
 #include "base/byte_order.h"
 #include "base/log.h"
@@ -111,9 +115,21 @@ void SendCode(const Command& command, std::optional<std::uint8_t> code,
   }
 }
 
+constexpr char kBlanks[] = " \t\n\v\f\r";  // that may stand before a number
+
 // Leading digits count, a text without any gives 0, what is too large for an int the largest.
 int ParseInteger(const char* text) {
   return static_cast<int>(std::clamp<long long>(std::strtoll(text, nullptr, 10), INT_MIN, INT_MAX));
+}
+
+// Decimal numbers only: strtod would take hexadecimal ones, infinities and NaN, too. A text without
+// a number gives 0.
+double ParseDecimal(const char* text) {
+  const char* at = text + std::strspn(text, kBlanks);
+  at += *at == '-' || *at == '+' ? 1 : 0;
+  const bool is_hexadecimal = at[0] == '0' && (at[1] == 'x' || at[1] == 'X');
+  const bool is_decimal = std::strchr("0123456789.", *at) != nullptr && !is_hexadecimal;
+  return is_decimal ? std::strtod(text, nullptr) : 0;
 }
 
 // Settings that are commanded only: the camera never reports them.
@@ -137,21 +153,55 @@ constexpr std::uint8_t kBand2Point4GHz = 0;
 constexpr std::array<std::uint8_t, 6> kPresetTemperatures = {0x44, 0x30, 0x40, 0, 0x44, 0x19};
 
 // The coldest temperature that the camera takes is 2000 K; what rounds to it passes, too.
-constexpr int kLowestTemperatureK = 1901;
+constexpr float kLowestTemperatureK = 1901;
 
-// Hundreds of kelvin; the camera has a byte for it, so very high temperatures wrap.
-constexpr std::uint8_t EncodeTemperature(int kelvin) {
-  return static_cast<std::uint8_t>((kelvin - 2000) / 100 + 20);
+// Hundreds of kelvin; the camera has a byte for it, so high temperatures wrap: at what makes a
+// whole round of the byte.
+constexpr int kTemperatureRoundK = 256 * 100;
+
+// A temperature as a text gives it, however many digits that has.
+struct Temperature {
+  float kelvin = 0;             // infinite beyond the largest float
+  int kelvin_in_its_round = 0;  // modulo kTemperatureRoundK, without the sign
+};
+
+// Leading digits count, behind blanks and a sign; a text without any gives 0.
+Temperature ParseTemperature(const char* text) {
+  const char* at = text + std::strspn(text, kBlanks);
+  const bool is_negative = *at == '-';
+  at += *at == '-' || *at == '+' ? 1 : 0;
+  const std::string_view digits(at, std::strspn(at, "0123456789"));
+  Temperature temperature;
+  const auto read = std::from_chars(digits.begin(), digits.end(), temperature.kelvin);
+  if (read.ec == std::errc::result_out_of_range) {
+    temperature.kelvin = std::numeric_limits<float>::infinity();
+  }
+  if (is_negative) {
+    temperature.kelvin = -temperature.kelvin;
+  }
+  for (const char digit : digits) {
+    temperature.kelvin_in_its_round =
+        (temperature.kelvin_in_its_round * 10 + (digit - '0')) % kTemperatureRoundK;
+  }
+  return temperature;
 }
-static_assert(EncodeTemperature(kLowestTemperatureK) == 0x14 && EncodeTemperature(5600) == 0x38);
 
-void SetCustomWhiteBalance(std::uint8_t code, const char* temperature) {
-  const int kelvin = ParseInteger(temperature);
-  UpdateCameraState(
-      [kelvin](CameraState& state) { state.wb_temp_set = static_cast<float>(kelvin); });
-  Log("Camera set WB temperature %s\n", temperature);
-  if (kelvin >= kLowestTemperatureK) {
-    SendPair(kBalance, code, EncodeTemperature(kelvin));
+// Precondition: at least kLowestTemperatureK.
+std::uint8_t EncodeTemperature(const Temperature& temperature) {
+  constexpr int kLowestStepK = 2000;
+  constexpr int kLowestStep = 20;
+  const int above = temperature.kelvin < kLowestStepK
+                        ? 0
+                        : temperature.kelvin_in_its_round + kTemperatureRoundK - kLowestStepK;
+  return static_cast<std::uint8_t>(above / 100 + kLowestStep);
+}
+
+void SetCustomWhiteBalance(std::uint8_t code, const char* text) {
+  const Temperature temperature = ParseTemperature(text);
+  UpdateCameraState([&](CameraState& state) { state.wb_temp_set = temperature.kelvin; });
+  Log("Camera set WB temperature %s\n", text);
+  if (temperature.kelvin >= kLowestTemperatureK) {
+    SendPair(kBalance, code, EncodeTemperature(temperature));
   }
 }
 
@@ -194,7 +244,7 @@ void SetIso(const char* iso) {
 }
 
 void SetEv(const char* ev) {
-  const double number = std::strtod(ev, nullptr);
+  const double number = ParseDecimal(ev);
   Log("Camera set EV %1.1f\n", number);
   SendCode(kCompensation, EncodeEv(number));
 }
