@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "base/counters.h"
@@ -99,6 +101,20 @@ bool IsAskedFor(const AppCommand& command, const Members& members) {
          (command.required_param.empty() || command.required_param == members.param);
 }
 
+// A string with an escaped NUL would end there for cJSON and us: "shot\u0000" is no "shot". In its
+// place comes another control character, of which no word of ours has any either.
+std::string MarkNuls(std::string json) {
+  constexpr std::string_view kNul = "\\u0000";
+  for (std::size_t at = 0; (at = json.find('\\', at)) != std::string::npos;) {
+    const bool is_nul = json.compare(at, kNul.size(), kNul) == 0;
+    if (is_nul) {
+      json[at + kNul.size() - 1] = '1';
+    }
+    at += is_nul ? kNul.size() : 2;  // an escaped backslash escapes nothing
+  }
+  return json;
+}
+
 using JsonTree = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
 // The first member of that name, whatever its case; null when its value is no string.
@@ -123,8 +139,9 @@ bool TakeMessage(const char* text) {
   }
   const char* json = text + 1;
   Log("JSON commands from app: %s\n", json);
+  const std::string marked = MarkNuls(json);
   // Takes text behind the object, and refuses nesting that would be too deep for the stack.
-  const JsonTree object(cJSON_Parse(json), cJSON_Delete);
+  const JsonTree object(cJSON_Parse(marked.c_str()), cJSON_Delete);
   if (cJSON_IsObject(object.get()) == 0) {
     return false;
   }

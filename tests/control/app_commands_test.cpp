@@ -106,9 +106,9 @@ TEST_F(AppCommands, TextsThatStillTakeAPhoto) {
         R"({"cmd":"shot"}{"cmd":"record","param":"start"})"s,
         R"({"cmd":"shot","cmd":"record","param":"start"})"s,
         R"({"Cmd":"shot","cmd":5,"param":null,"other":[1,{"cmd":"x"}]})"s,
-        R"( { "cmd" : "\u0073hot" } )"s,
-        R"({"cmd":"shot\u0000","param":"\ud83d\ude00"})"s,  // the text ends there
-        "{\"cmd\":\"shot\",\"param\":\"\xff\xfe\x80\"}"s, "{\"cmd\":\"shot\"}\0 whatever"s}) {
+        R"( { "cmd" : "\u0073hot" } )"s, R"({"cmd":"shot","param":"\ud83d\ude00"})"s,
+        R"({"cmd":"shot","\u0000":"\\u0000"})"s, "{\"cmd\":\"shot\",\"param\":\"\xff\xfe\x80\"}"s,
+        "{\"cmd\":\"shot\"}\0 whatever"s}) {
     EXPECT_EQ(Run(json), "Camera shot\n") << json;
     EXPECT_EQ(SentFrames().size(), 1U);
   }
@@ -128,6 +128,11 @@ TEST_F(AppCommands, TextsThatDoNothing) {
       R"({"cmd":"camera","param":"mode","value":1})", R"({"cmd":"wifi","param":"mode"})",
       R"({"cmd":"camera","param":"zoom","value":"video"})",
       R"({"cmd":"wifi","param":"5.8","value":"5.8"})",
+      // An escaped NUL is a character like any other.
+      R"({"cmd":"shot\u0000"})", R"({"cmd":"shot\u0000x"})", R"({"cmd\u0000":"shot"})",
+      R"({"cmd":"record","param":"start\u0000"})",
+      R"({"cmd":"record","param":"start\u0000","param":"start"})", R"({"cmd":"shot\\u0000"})",
+      R"({"cmd":"shot\u0000)", "{\"cmd\":\"shot\\",
       // The stack's and the memory's patience.
       R"({"cmd":"shot","x":)" + std::string(9'900, '['),
       R"({"cmd":"shot","x":)" + std::string(4'000, '[') + std::string(4'000, ']') + "}",
