@@ -2,8 +2,8 @@
 //
 // Reads seq_parameter_set_data() (ITU-T H.264, clause 7.3.2.1.1) as far as
 // vui_parameters_present_flag. It keeps what the picture size depends on and walks over the rest.
-// Header-only, nothing but the standard library; allocates nothing; never reads a byte at or beyond
-// the given length.
+// The readers of single elements are there for other parameter sets, too. Header-only, nothing but
+// the standard library; allocates nothing; never reads a byte at or beyond the given length.
 #pragma once
 
 #include <cstdint>
@@ -17,10 +17,7 @@ class H264Parse {
   // data ends before vui_parameters_present_flag has been read. One parse at a time for an object.
   bool ParseSps(const std::uint8_t* data, std::uint32_t length, std::uint32_t* width,
                 std::uint32_t* height) {
-    m_pData = data;
-    m_nLength = length < kMaxBytes ? length : kMaxBytes;
-    m_nCurrentBit = 0;
-    m_bExhausted = false;
+    Start(data, length);
     if (length < kFixedPartBytes) {
       return false;
     }
@@ -50,12 +47,58 @@ class H264Parse {
       crop_y += ReadUe();  // bottom
     }
     ReadBit();  // vui_parameters_present_flag
-    if (m_bExhausted) {
+    if (!IsSound()) {
       return false;
     }
     *width = kMacroblockSize * width_in_mbs - kCropUnit * crop_x;
     *height = kMacroblockSize * (2 - frame_mbs_only) * height_in_map_units - kCropUnit * crop_y;
     return true;
+  }
+
+  // Reading by hand begins at the first bit of `data`; `length` bytes may be read.
+  void Start(const std::uint8_t* data, std::uint32_t length) {
+    m_pData = data;
+    m_nLength = length < kMaxBytes ? length : kMaxBytes;
+    m_nCurrentBit = 0;
+    m_bExhausted = false;
+  }
+
+  // False once a read went beyond the data: what was read since is worth nothing.
+  bool IsSound() const { return !m_bExhausted; }
+
+  // Next bit, 0 or 1, most significant first. Beyond the end of the data it reports 0 and the whole
+  // parse has failed.
+  std::uint32_t ReadBit() {
+    const std::uint32_t byte = m_nCurrentBit / 8;
+    if (byte >= m_nLength) {
+      m_bExhausted = true;
+      return 0;
+    }
+    const std::uint32_t bit = (m_pData[byte] >> (7 - m_nCurrentBit % 8)) & 1U;
+    ++m_nCurrentBit;
+    return bit;
+  }
+
+  // Unsigned exp-Golomb value, ue(v), modulo 2^32.
+  std::uint32_t ReadUe() {
+    if (ReadBit() != 0) {
+      return 0;
+    }
+    std::uint32_t value_bits = 0;
+    do {
+      ++value_bits;
+    } while (ReadBit() == 0 && value_bits < kMaxUePrefix && !m_bExhausted);
+    std::uint64_t value = 0;
+    for (std::uint32_t i = 0; i < value_bits; ++i) {
+      value = value << 1 | ReadBit();
+    }
+    return static_cast<std::uint32_t>((std::uint64_t{1} << value_bits) - 1 + value);
+  }
+
+  // Signed exp-Golomb value, se(v); 64 bits hold every one.
+  std::int64_t ReadSe() {
+    const std::int64_t k = ReadUe();
+    return k % 2 != 0 ? (k + 1) / 2 : -(k / 2);
   }
 
  private:
@@ -128,41 +171,6 @@ class H264Parse {
         ReadUe();  // offset_for_ref_frame
       }
     }
-  }
-
-  // Next bit, most significant first. At the end of the data it reports 0 and the whole parse
-  // fails.
-  std::uint32_t ReadBit() {
-    const std::uint32_t byte = m_nCurrentBit / 8;
-    if (byte >= m_nLength) {
-      m_bExhausted = true;
-      return 0;
-    }
-    const std::uint32_t bit = (m_pData[byte] >> (7 - m_nCurrentBit % 8)) & 1U;
-    ++m_nCurrentBit;
-    return bit;
-  }
-
-  // ue(v), modulo 2^32.
-  std::uint32_t ReadUe() {
-    if (ReadBit() != 0) {
-      return 0;
-    }
-    std::uint32_t value_bits = 0;
-    do {
-      ++value_bits;
-    } while (ReadBit() == 0 && value_bits < kMaxUePrefix && !m_bExhausted);
-    std::uint64_t value = 0;
-    for (std::uint32_t i = 0; i < value_bits; ++i) {
-      value = value << 1 | ReadBit();
-    }
-    return static_cast<std::uint32_t>((std::uint64_t{1} << value_bits) - 1 + value);
-  }
-
-  // se(v); 64 bits hold every value.
-  std::int64_t ReadSe() {
-    const std::int64_t k = ReadUe();
-    return k % 2 != 0 ? (k + 1) / 2 : -(k / 2);
   }
 
   const std::uint8_t* m_pData = nullptr;  // not owned

@@ -82,6 +82,36 @@ TEST(ParameterSet, TakesTheLongestExpGolombCodes) {
   EXPECT_EQ(Parse(ParameterSetTail(bits, 20, 15).Bytes()), "320x240");
 }
 
+TEST(ParameterSet, ElementsAreReadByHandUntilTheDataEnds) {
+  const std::vector<std::int32_t> values = {0, 1, -1, 2, -2, 3, 100, -100, INT32_MAX, -INT32_MAX};
+  BitWriter bits;
+  bits.U(3, 0b101);
+  for (const std::int32_t value : values) {
+    bits.Se(value).Ue(static_cast<std::uint32_t>(value));
+  }
+  bits.U(33, 0).U(32, 5);  // 33 prefix bits all 0, then 32 value bits
+  const std::size_t fill = (8 - bits.size() % 8) % 8;
+  const std::vector<std::uint8_t> bytes = bits.U(static_cast<unsigned>(fill), 0).Bytes();
+  H264Parse parser;
+  for (int round = 0; round < 2; ++round) {
+    parser.Start(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    EXPECT_EQ(parser.ReadBit(), 1U);
+    EXPECT_EQ(parser.ReadBit(), 0U);
+    EXPECT_EQ(parser.ReadBit(), 1U);
+    for (const std::int32_t value : values) {
+      EXPECT_EQ(parser.ReadSe(), value);
+      EXPECT_EQ(parser.ReadUe(), static_cast<std::uint32_t>(value));
+    }
+    EXPECT_EQ(parser.ReadUe(), 4U) << "2^32 - 1 + 5, modulo 2^32";
+    for (std::size_t i = 0; i < fill; ++i) {
+      parser.ReadBit();
+    }
+    EXPECT_TRUE(parser.IsSound());
+    EXPECT_EQ(parser.ReadBit(), 0U);
+    EXPECT_FALSE(parser.IsSound());
+  }
+}
+
 TEST(ParameterSet, FailsWhereverItIsCut) {
   const std::vector<std::uint8_t> whole = FullHd({0, 0, 0, 4});
   for (std::size_t length = 0; length < whole.size(); ++length) {
