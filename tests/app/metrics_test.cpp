@@ -11,10 +11,11 @@
 #include <string>
 #include <thread>
 
+#include "base/counters.h"
 #include "base/text_file.h"
 #include "share/share_metrics.h"
 #include "state/command_data.h"
-#include "support/camera_datagrams.h"
+#include "support/pushes.h"
 #include "support/temporary_folder.h"
 
 namespace kestrelbridge::test {
@@ -72,9 +73,15 @@ TEST(MetricsFile, HoldsTheMetricsThatTheDocumentationLists) {
 }
 
 // No datagram is long enough to bring it about.
-TEST(Counters, CountACommandDataOverflow) {
-  GatherCommandData(Bytes(400));
-  GatherCommandData(Bytes(59'900));
+TEST(Counters, CountACommandDataOverflowWhichKeepsTheNewestBytes) {
+  Bytes older = Push(kHistogram);
+  older.resize(400);
+  Bytes newest = Push(kBattery);
+  newest.resize(59'900);
+  GatherCommandData(older);
+  GatherCommandData(newest);
+  EXPECT_EQ(GetCounters().histogram_pushes.Value(), 0U);
+  EXPECT_EQ(GetCounters().battery_pushes.Value(), 1U);
   EXPECT_NE(MetricsText(0).find(R"(kestrelbridge_overflows_total{buffer="command_data"} 1)"),
             std::string::npos);
 }

@@ -19,6 +19,7 @@
 #include "base/byte_order.h"
 #include "support/eventually.h"
 #include "support/mapped_block.h"
+#include "video/first_touch.h"
 #include "video/frame_buffers.h"
 #include "video/numbered_unit.h"
 
@@ -222,6 +223,32 @@ TEST_F(FrameRing, DamageHidesUnitsUntilTheDaemonsNextOne) {
     EXPECT_EQ(Drain(attached), "51-51");
     EXPECT_EQ(Drain(late), "51-51");
     EXPECT_EQ(attached.counters().restarts, 0U);
+  }
+}
+
+TEST_F(FrameRing, UnitThatChangesWhileItIsCopiedIsNotHandedOut) {
+  const struct {
+    const char* what;
+    void (*happens)(std::span<std::uint8_t> block);
+    bool taken;
+  } rows[] = {
+      {"a clear begins",
+       [](auto block) { std::ranges::fill(block.subspan(SlotOffset(1), 18), std::uint8_t{0}); },
+       false},
+      {"the writer has come round to it",
+       [](auto block) { StoreLe16(block, kLastSequenceOffset, 1 + 199); }, false},
+      {"nearly so", [](auto block) { StoreLe16(block, kLastSequenceOffset, 1 + 198); }, true},
+  };
+  for (const auto& row : rows) {
+    StartDaemon();
+    Publish(1);
+    FrameBlockReader reader = Attach();
+    PublishVideoUnit(NumberedUnit(1, 200'000));
+    const FirstTouch trap(block_->data() + SlotOffset(1) + 100'000, PROT_NONE,
+                          [&] { row.happens(block_->bytes()); });
+    std::vector<std::uint8_t> unit;
+    EXPECT_EQ(reader.Next(unit), row.taken) << row.what;
+    EXPECT_NE(trap.address(), nullptr) << row.what;
   }
 }
 

@@ -5,11 +5,16 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <set>
 #include <string>
 
 #include "base/byte_order.h"
+#include "base/run_paths.h"
+#include "base/text_file.h"
 #include "kestrelbridge/frame_block.h"
 #include "support/mapped_block.h"
+#include "video/first_touch.h"
 #include "video/numbered_unit.h"
 
 namespace kestrelbridge::test {
@@ -75,6 +80,53 @@ TEST(FrameBuffers, StartUpTakesOverBlocksOfAnySizeAndContent) {
     EXPECT_TRUE(IsFreshBlock(kFrameBlockName, 60'003'624));
     EXPECT_TRUE(IsFreshBlock(kTranscodingBlockName, 13'003'624));
   }
+}
+
+TEST(FrameBuffers, StartUpForgetsThePictureSizeOfTheRunBefore) {
+  for (const char* path : {kVideoWidthPath, kVideoHeightPath}) {
+    WriteTextFile(path, "1280");
+  }
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  EXPECT_FALSE(std::filesystem::exists(kVideoWidthPath));
+  EXPECT_FALSE(std::filesystem::exists(kVideoHeightPath));
+}
+
+// Where this process maps the frame block to write it.
+std::set<std::uint8_t*> WritersMappings() {
+  std::set<std::uint8_t*> mappings;
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.ends_with(kFrameBlockName) && line.find(" rw-s ") != std::string::npos) {
+      mappings.insert(reinterpret_cast<std::uint8_t*>(std::stoull(line, nullptr, 16)));
+    }
+  }
+  return mappings;
+}
+
+// What a reader relies on that looks without a pause.
+TEST(FrameBuffers, PayloadIsStoredBeforeItsHeaderAndThenTheIndexAndThenTheNumber) {
+  std::set<std::uint8_t*> mappings = WritersMappings();
+  const std::set<std::uint8_t*> earlier = mappings;
+  InitFrameBuffers();
+  mappings = WritersMappings();
+  std::erase_if(mappings, [&](std::uint8_t* mapping) { return earlier.contains(mapping); });
+  ASSERT_EQ(mappings.size(), 1U);
+  std::uint8_t* const writers = *mappings.begin();
+  const MappedBlock block(kFrameBlockName);
+  const auto nothing = [] {};
+  Publish(0, 1);
+  {
+    const FirstTouch trap(writers + SlotOffset(1), PROT_READ, nothing);
+    PublishVideoUnit(NumberedUnit(1, 200'000));
+    ASSERT_NE(trap.address(), nullptr);
+    EXPECT_GE(trap.address() - writers, SlotOffset(1) + kSlotHeaderSize) << "payload first";
+  }
+  bool whole = false;
+  const FirstTouch trap(writers, PROT_READ,
+                        [&] { whole = SlotHolds(block, 2, 2, NumberedUnit(2, 200'000)); });
+  PublishVideoUnit(NumberedUnit(2, 200'000));
+  EXPECT_TRUE(whole) << "the slot is whole before anything announces it";
+  EXPECT_EQ(trap.address() - writers, kWriteIndexOffset);
 }
 
 TEST(FrameBuffers, FirstUnitClearsTheBlockOnceAndGoesToSlot0) {

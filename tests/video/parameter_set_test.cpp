@@ -68,6 +68,22 @@ TEST(ParameterSet, WalksOverScalingListsAndStopsEachAtItsZero) {
   EXPECT_EQ(Parse(ParameterSetTail(bits, 20, 15).Bytes()), "320x240");
 }
 
+TEST(ParameterSet, WalksOverEachScalingListToItsOwnEnd) {
+  constexpr int kLists = 8;
+  for (int present = 0; present <= kLists; ++present) {  // one of them, or all
+    BitWriter bits = ParameterSetStart(100);
+    bits.Ue(1).Ue(0).Ue(0).U(1, 0).U(1, 1);
+    for (int list = 0; list < kLists; ++list) {
+      const bool is_there = present == list || present == kLists;
+      bits.U(1, is_there ? 1 : 0);
+      for (int entry = 0; is_there && entry < (list < 6 ? 16 : 64); ++entry) {
+        bits.Se(1);
+      }
+    }
+    EXPECT_EQ(Parse(ParameterSetTail(bits, 80, 45).Bytes()), "1280x720") << present;
+  }
+}
+
 TEST(ParameterSet, WalksOverAPictureOrderCycle) {
   BitWriter bits = ParameterSetStart(66);
   bits.Ue(0).Ue(1).U(1, 0).Se(-5).Se(9).Ue(3).Se(1).Se(-2).Se(70000).Ue(1).U(1, 0);

@@ -153,8 +153,17 @@ TEST_F(UnitAssembly, DropsTheOlderBytesWhenTheStagingBufferOverflows) {
   EXPECT_EQ(Log(), "") << "99,999 bytes still fit";
   Take(ContinuationDatagram(4, Bytes(1)));
   EXPECT_EQ(Log(), "video buffer overflow\n");
-  TakeUnit(kUnit);
+  // The newest bytes are kept, and what the unit announced still holds.
+  Take(UnitHeaderDatagram(5, static_cast<std::uint16_t>(kUnit.size()), Bytes(9'990)));
   EXPECT_EQ(Log(), "corrupted unit\n");
+  for (int i = 0; i < 9; ++i) {
+    Take(ContinuationDatagram(6, Bytes(10'000)));
+  }
+  Take(ContinuationDatagram(7, kUnit));
+  EXPECT_EQ(Log(), "video buffer overflow\n");
+  TakeNextHeader();
+  EXPECT_EQ(NextUnit(), kUnit);
+  EXPECT_TRUE(Acknowledged(7));
 }
 
 TEST_F(UnitAssembly, RecordsTheSequenceOfEveryDatagramThatHasOne) {
@@ -203,8 +212,12 @@ TEST_F(UnitAssembly, FollowsThePictureSizeAndWritesItForTheMainApplication) {
       {hd, "1280", "720", "Live stream video resolution changed to 1280x720\n"},
       {hd, "1280", "720", ""},
       {UnitWithParameterSet(0x27, 120, 68, {0, 4, 0, 0}), "1920", "1080",
-       "Live stream video resolution changed to 1920x1080\n"},  // codes 1912 x 1088
-      {UnitWithParameterSet(0x67, 120, 68, {0, 0, 0, 4}), "1920", "1080", ""},
+       "Live stream video resolution changed to 1920x1080\n"},   // codes 1912 x 1088
+      {UnitWithParameterSet(0x1F, 80, 45), "1920", "1080", ""},  // four bits tell: 15,
+      {UnitWithParameterSet(0x17, 40, 30), "640", "480",         // and 7
+       "Live stream video resolution changed to 640x480\n"},
+      {UnitWithParameterSet(0x67, 120, 68, {0, 0, 0, 4}), "1920", "1080",
+       "Live stream video resolution changed to 1920x1080\n"},
       {cut, "1920", "1080", ""},
   };
   for (const Row& row : rows) {
