@@ -27,7 +27,8 @@ constexpr int kPriority = -15;
 constexpr std::array kMeasurements = {
     Measurement{"cpu", MeasureProcessorTime}, Measurement{"peer", MeasurePeer},
     Measurement{"rate", MeasureHighestRate},  Measurement{"visible", MeasureVisibility},
-    Measurement{"relay", MeasureRelay},       Measurement{"share", MeasureShare},
+    Measurement{"readers", MeasureReaders},   Measurement{"relay", MeasureRelay},
+    Measurement{"share", MeasureShare},
 };
 
 void Print(const Findings& findings) {
@@ -56,8 +57,9 @@ int Run(int argc, char** argv) {
   app.add_option("--programs", setting.programs, "Folder of kestrelbridge and bench_floor")
       ->required();
   app.add_option("--clip", setting.clip, "H.264 stream, Annex B")->required();
+  app.add_option("--demo-clip", setting.demo_clip, "The same, of an ordinary picture")->required();
   app.add_option("--repetitions", setting.repetitions, "Of everything")->capture_default_str();
-  app.add_option("--only", only, "cpu, peer, rate, visible, relay, share; may repeat");
+  app.add_option("--only", only, "cpu, peer, rate, visible, readers, relay, share; may repeat");
   CLI11_PARSE(app, argc, argv);
   // Other work on the machine spoils the figures; where we may, we go first. The programs under
   // test inherit it.

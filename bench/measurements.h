@@ -12,8 +12,9 @@
 namespace kestrelbridge::bench {
 
 struct Setting {
-  std::string programs;  // folder of kestrelbridge and bench_floor
-  std::string clip;
+  std::string programs;   // folder of kestrelbridge and bench_floor
+  std::string clip;       // units nearly as large as the wire allows
+  std::string demo_clip;  // units as of an ordinary picture
   int repetitions = 5;
   Cores cores;
 };
@@ -34,6 +35,10 @@ Findings MeasureHighestRate(const Setting& setting);
 
 // From the datagram that completes a unit to the unit in the ring.
 Findings MeasureVisibility(const Setting& setting);
+
+// From the datagram that completes a unit into the hands of a reader that waits for it, against a
+// bare echo; and what waiting readers cost.
+Findings MeasureReaders(const Setting& setting);
 
 // From the camera to the phone through the relay, against a bare echo and socat.
 Findings MeasureRelay(const Setting& setting);

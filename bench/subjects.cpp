@@ -16,9 +16,12 @@ std::unique_ptr<Subject> StartAndAwait(const Setting& setting, std::vector<std::
 
 }  // namespace
 
-std::unique_ptr<Subject> StartDaemon(const Setting& setting) {
-  return StartAndAwait(
-      setting, {"kestrelbridge", "--host=127.0.0.1", "--port=" + std::to_string(kCameraPort)});
+std::unique_ptr<Subject> StartDaemon(const Setting& setting,
+                                     const std::vector<std::string>& options) {
+  std::vector<std::string> command = {"kestrelbridge", "--host=127.0.0.1",
+                                      "--port=" + std::to_string(kCameraPort)};
+  command.insert(command.end(), options.begin(), options.end());
+  return StartAndAwait(setting, std::move(command));
 }
 
 std::unique_ptr<Subject> StartFloor(const Setting& setting, const std::string& job) {

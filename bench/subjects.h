@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kestrelbridge/frame_block.h"
 #include "load.h"
@@ -24,7 +25,8 @@ struct Subject {
   tools::UdpSocket main_application{{.address = Loopback(), .port = kTelemetryPort}};
 };
 
-std::unique_ptr<Subject> StartDaemon(const Setting& setting);
+std::unique_ptr<Subject> StartDaemon(const Setting& setting,
+                                     const std::vector<std::string>& options = {});
 
 // `job` as bench_floor takes it, "receive" or "acknowledge".
 std::unique_ptr<Subject> StartFloor(const Setting& setting, const std::string& job);
