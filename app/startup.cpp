@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -136,7 +137,9 @@ void BridgePhoneApp(const Config& config) {
   }
   if (InitPhoneAppBridge(config.camera_host, config.camera_port, access_point_interface) != 0) {
     // The daemon goes on: the picture does not depend on it.
-    Log("UDP port %u cannot be had, so no phone app: see ss -ulnp\n", unsigned{kPhoneAppPort});
+    const int error = errno;
+    Log("UDP port %u cannot be had, so no phone app: %s%s\n", unsigned{kPhoneAppPort},
+        std::strerror(error), error == EADDRINUSE ? ", see ss -ulnp" : "");
   }
 }
 
@@ -147,6 +150,7 @@ void RunDaemon(int argc, char** argv) {
   OpenLog();
   const std::time_t start = std::time(nullptr);
   std::signal(SIGPIPE, SIG_IGN);  // the picture outlives whoever read our log
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the user's limit fails like any other
   AnnounceBoard();
   ReadOptions(argc, argv);
   usleep(kStartPauseUs);

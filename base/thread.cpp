@@ -1,5 +1,6 @@
 #include "base/thread.h"
 
+#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -26,8 +27,9 @@ int StartThread(pthread_t* thread, const char* name, void* (*body)(void*), void*
   if (start == nullptr) {
     return -1;
   }
-  if (pthread_create(thread, nullptr, RunThread, start) != 0) {
+  if (const int error = pthread_create(thread, nullptr, RunThread, start); error != 0) {
     delete start;
+    errno = error;
     return -1;
   }
   pthread_setname_np(*thread, name);

@@ -282,18 +282,19 @@ void MainApplicationIsAbsentAndReturns() {
   }
 }
 
-void ServeAtOnce() {
+void ServeAtOnce(const char* log_line = "Camera connection found") {
   DaemonRun run;
   ASSERT_TRUE(run.camera.Connect()) << run.daemon.Error();
   RingWatcher ring;
   EXPECT_TRUE(Serves(run, ring));
   EXPECT_TRUE(run.daemon.WaitForLine("Live stream video resolution changed to 640x480"));
+  EXPECT_TRUE(run.daemon.WaitForLine(log_line)) << run.daemon.Error();
 }
 
 void PhonePortIsTaken() {
   const UdpSocket phone;
   UdpSocket taken({.host = "0.0.0.0", .port = kPhonePort});
-  ServeAtOnce();
+  ServeAtOnce("9004 cannot be had, so no phone app: Address already in use, see ss -ulnp");
   phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
   EXPECT_TRUE(taken.Receive()) << "the daemon has taken it from its owner";
 }
