@@ -81,7 +81,8 @@ struct Counters {
   OwnedCounter relayed_to_phone;  // the camera's datagrams that went out to the phone app
 
   // The phone endpoint's receive thread's.
-  OwnedCounter relayed_to_camera;  // the phone app's datagrams that went out to the camera
+  OwnedCounter relayed_to_camera;   // the phone app's datagrams that went out to the camera
+  OwnedCounter phone_peer_changes;  // times that its stream was taken over by another address
 
   // Any thread's.
   SharedCounter log_lines_dropped;  // that standard error had no room for

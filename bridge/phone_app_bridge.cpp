@@ -3,11 +3,14 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdio>
+#include <cstring>
 
 #include "base/counters.h"
 #include "base/log.h"
 #include "bridge/redirect_rule.h"
 #include "camera/camera_link.h"
+#include "net/clock.h"
 #include "net/udp_endpoint.h"
 
 namespace kestrelbridge {
@@ -19,22 +22,25 @@ struct PhoneAppBridge {
   // camera's receive thread already reads it.
   std::atomic<bool> trace{false};
   std::array<std::uint8_t, kReceiveBufferSize> receive_buffer{};
-  std::uint16_t camera_link_port = 0;  // our own, from which we speak to the camera; set by Init
-  bool echo_said = false;              // receive thread's
+  std::uint16_t camera_link_port = 0;    // our own, from which we speak to the camera; set by Init
+  std::atomic<bool> newly_found{false};  // set by whoever reports it, taken by the receive thread
+
+  // The receive thread's.
+  bool echo_said = false;
+  char phone_address[kAddressTextSize] = {};  // of the latest datagram since it was found
+  std::uint32_t takeover_said_ms = 0;         // 0: never
 };
 
 constinit PhoneAppBridge bridge{};
 
-void OnPhoneAppFound(const char* /*sender_address*/) { Log("DJI MIMO connection found\n"); }
+constexpr std::uint32_t kTakeoverPeriodMs = 60'000;  // it is said at most so often
+
+void OnPhoneAppFound(const char* /*sender_address*/) {
+  Log("DJI MIMO connection found\n");
+  bridge.newly_found.store(true, std::memory_order_relaxed);
+}
 
 void OnPhoneAppLost() { Log("DJI MIMO connection lost\n"); }
-
-// What we send to the camera comes back here when the camera's address is that of this very port,
-// as on a box that is to try a simulated camera and lacks its --port. Relayed, it would go round
-// for ever. Who has seen the endpoint's peer also sees the port that Init has set.
-bool IsOurOwn(UdpPeer peer) {
-  return peer.port == bridge.camera_link_port && IsLocalAddress(peer.address);
-}
 
 void SayThatThereIsNoCamera() {
   if (!bridge.echo_said) {
@@ -45,12 +51,46 @@ void SayThatThereIsNoCamera() {
   }
 }
 
-// The daemon's packet counter is not touched: these are not its own packets.
-void RelayToCamera(std::span<const std::uint8_t> datagram, const char* /*sender_address*/,
-                   std::uint16_t /*sender_port*/) {
-  if (IsOurOwn(Peer(bridge.endpoint))) {
+// What we send comes back here when it is sent to this very port: to the camera, on a box that is
+// to try a simulated camera and lacks its --port; to the main application, with a wrong --dst-port;
+// to the phone, once somebody has sent us a datagram in our own name. Relayed, it would go round
+// for ever.
+bool MayBeThePhone(UdpPeer sender) {
+  if (!IsOwnSocket(sender)) {
+    return true;
+  }
+  if (sender.port == bridge.camera_link_port) {
     SayThatThereIsNoCamera();
-  } else if (SendToCamera(datagram) != -1) {
+  }
+  return false;
+}
+
+// A phone may change its port, but hardly its address: two of them send, and each takes the
+// camera's stream from the other.
+void WatchForTakeovers(const char* sender_address) {
+  const bool is_first = bridge.newly_found.load(std::memory_order_relaxed);
+  if (!is_first && std::strcmp(bridge.phone_address, sender_address) == 0) {
+    return;
+  }
+  if (is_first) {
+    bridge.newly_found.store(false, std::memory_order_relaxed);
+  } else {
+    GetCounters().phone_peer_changes.Add();
+    const std::uint32_t now = StampOf(NowMs());
+    if (bridge.takeover_said_ms == 0 || now - bridge.takeover_said_ms > kTakeoverPeriodMs) {
+      bridge.takeover_said_ms = now;
+      Log("The phone app at %s has taken the stream from the one at %s\n", sender_address,
+          bridge.phone_address);
+    }
+  }
+  std::snprintf(bridge.phone_address, sizeof bridge.phone_address, "%s", sender_address);
+}
+
+// The daemon's packet counter is not touched: these are not its own packets.
+void RelayToCamera(std::span<const std::uint8_t> datagram, const char* sender_address,
+                   std::uint16_t /*sender_port*/) {
+  WatchForTakeovers(sender_address);
+  if (SendToCamera(datagram) != -1) {
     GetCounters().relayed_to_camera.Add();
   }
 }
@@ -65,6 +105,7 @@ int InitPhoneAppBridge(const char* camera_host, std::int32_t camera_port,
     return -1;
   }
   bridge.camera_link_port = LocalPort(GetCameraLink().endpoint);
+  bridge.endpoint.accepts = MayBeThePhone;
   bridge.endpoint.on_datagram = RelayToCamera;
   bridge.endpoint.on_found = OnPhoneAppFound;
   bridge.endpoint.on_lost = OnPhoneAppLost;
@@ -81,8 +122,7 @@ void ForwardToPhoneApp(std::span<const std::uint8_t> datagram) {
     Log("To DJI MIMO: %d bytes\n", static_cast<int>(datagram.size()));
   }
   const UdpPeer phone_app = Peer(bridge.endpoint);
-  if (phone_app.port != 0 && !IsOurOwn(phone_app) &&
-      SendTo(bridge.endpoint, datagram, phone_app) != -1) {
+  if (phone_app.port != 0 && SendTo(bridge.endpoint, datagram, phone_app) != -1) {
     GetCounters().relayed_to_phone.Add();
   }
 }

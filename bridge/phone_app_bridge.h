@@ -16,7 +16,8 @@
 namespace kestrelbridge {
 
 // Installs the redirect rule and opens port 9004 for the phone app. `camera_host` is dotted
-// decimal. Returns 0, or -1 when the port or a thread cannot be had. Start-up, once.
+// decimal. Returns 0, or -1 when the port or a thread cannot be had;
+// errno says why. Start-up, once.
 int InitPhoneAppBridge(const char* camera_host, std::int32_t camera_port,
                        const char* access_point_interface);
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "base/log.h"
 #include "base/process_end.h"
@@ -21,6 +22,10 @@ namespace {
 constexpr useconds_t kWaitForBufferUs = 10'000;
 
 constexpr unsigned kPeerAddressShift = 16;
+
+// The endpoint that was opened last. Stored with release by Open, loaded with acquire by
+// IsOwnSocket, which reads the endpoints' ports.
+constinit std::atomic<const UdpEndpoint*> opened_last{nullptr};
 
 void ConfigureSocket(int socket) {
   const int status_flags = fcntl(socket, F_GETFL, 0);
@@ -140,6 +145,18 @@ bool GrantOneStep(UdpEndpoint& endpoint, std::uint32_t last) {
   return true;
 }
 
+// Nobody can bind to another machine's address.
+bool IsLocalAddress(std::uint32_t address) {
+  const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+  if (socket == -1) {
+    return false;
+  }
+  const sockaddr_in local = ToSockaddr({.address = address, .port = 0});
+  const bool is_ours = bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+  close(socket);
+  return is_ours;
+}
+
 void* ReceiveThread(void* argument) { ReceiveLoop(*static_cast<UdpEndpoint*>(argument)); }
 
 }  // namespace
@@ -152,10 +169,17 @@ int Open(UdpEndpoint& endpoint, std::uint16_t port) {
   ConfigureSocket(socket);
   const sockaddr_in local = ToSockaddr({.address = htonl(INADDR_ANY), .port = port});
   if (bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+    const int error = errno;
     close(socket);
+    errno = error;
     return -1;
   }
+  endpoint.local_port = LocalAddress(socket).port;
   endpoint.socket.store(socket, std::memory_order_release);  // pairs with IsOpen
+  endpoint.opened_before = opened_last.load(std::memory_order_relaxed);
+  while (!opened_last.compare_exchange_weak(endpoint.opened_before, &endpoint,
+                                            std::memory_order_release, std::memory_order_relaxed)) {
+  }
   return StartThread(&endpoint.receive_thread, "udp-receive", ReceiveThread, &endpoint);
 }
 
@@ -195,16 +219,12 @@ UdpPeer Peer(const UdpEndpoint& endpoint) {
           .port = static_cast<std::uint16_t>(packed & 0xFFFF)};
 }
 
-// Nobody can bind to another machine's address.
-bool IsLocalAddress(std::uint32_t address) {
-  const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-  if (socket == -1) {
-    return false;
+bool IsOwnSocket(UdpPeer sender) {
+  const UdpEndpoint* endpoint = opened_last.load(std::memory_order_acquire);
+  while (endpoint != nullptr && endpoint->local_port != sender.port) {
+    endpoint = endpoint->opened_before;
   }
-  const sockaddr_in local = ToSockaddr({.address = address, .port = 0});
-  const bool is_ours = bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
-  close(socket);
-  return is_ours;
+  return endpoint != nullptr && IsLocalAddress(sender.address);
 }
 
 bool LinkIsUp(const UdpEndpoint& endpoint) {
@@ -250,11 +270,13 @@ void ReceiveLoop(UdpEndpoint& endpoint) {
     }
     endpoint.counters->received_datagrams.Add();
     endpoint.counters->received_bytes.Add(static_cast<std::uint64_t>(length));
-    sender_text.Update(sender.sin_addr);
-    RecordReceive(endpoint, sender, sender_text.text);
-    if (endpoint.on_datagram != nullptr) {
-      endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
-                           ntohs(sender.sin_port));
+    if (endpoint.accepts == nullptr || endpoint.accepts(ToPeer(sender))) {
+      sender_text.Update(sender.sin_addr);
+      RecordReceive(endpoint, sender, sender_text.text);
+      if (endpoint.on_datagram != nullptr) {
+        endpoint.on_datagram({buffer, static_cast<std::size_t>(length)}, sender_text.text,
+                             ntohs(sender.sin_port));
+      }
     }
     endpoint.counters->handled_datagrams.Add();
   }

@@ -28,6 +28,9 @@ namespace kestrelbridge {
 // Longest dotted-decimal address ("255.255.255.255") and its NUL.
 inline constexpr std::size_t kAddressTextSize = 16;
 
+// Receive thread: whether this sender may be the peer at all. What others send is counted as
+// received and otherwise does not exist.
+using AcceptCallback = bool (*)(UdpPeer sender);
 // Receive thread: one datagram. The bytes are valid until the callback returns. The address is
 // dotted-decimal text, the port in host byte order.
 using DatagramCallback = void (*)(std::span<const std::uint8_t> datagram,
@@ -43,6 +46,7 @@ struct UdpEndpoint {
   LinkCounters* counters = &GetCounters().unnamed;
 
   // Set by the owner between Open and AttachBuffer, constant afterwards.
+  AcceptCallback accepts = nullptr;  // null: anybody
   DatagramCallback on_datagram = nullptr;
   LostCallback on_lost = nullptr;
   FoundCallback on_found = nullptr;
@@ -75,11 +79,14 @@ struct UdpEndpoint {
   // -1 until Open has bound it. Stored with release by Open, loaded with acquire by IsOpen: who
   // found the endpoint open sees what its owner set before it called Open.
   std::atomic<int> socket{-1};
+  std::uint16_t local_port = 0;
+  const UdpEndpoint* opened_before = nullptr;  // a list of all, for IsOwnSocket
 };
 
 // Binds a UDP socket to the port on all interfaces (0: a free one) and starts the receive thread,
 // which waits for a buffer. Asks the kernel for socket buffers of 10,000,000 bytes; what it refuses
-// is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had.
+// is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had;
+// errno says why.
 int Open(UdpEndpoint& endpoint, std::uint16_t port);
 
 // True from Open on, for threads that may ask before it: they were started earlier. Any thread.
@@ -100,8 +107,9 @@ std::uint16_t LocalPort(const UdpEndpoint& endpoint);
 // The latest sender; port 0 when there is none. Any thread.
 UdpPeer Peer(const UdpEndpoint& endpoint);
 
-// True for an address (network byte order) of this very machine. Takes system calls. Any thread.
-bool IsLocalAddress(std::uint32_t address);
+// True for what one of this process's endpoints sends, as it is seen on this machine. Takes system
+// calls when the port is an endpoint's. Any thread.
+bool IsOwnSocket(UdpPeer sender);
 
 // True between found and lost. Any thread.
 bool LinkIsUp(const UdpEndpoint& endpoint);

@@ -214,6 +214,26 @@ const Step kSteps[] = {
       {"relayed datagrams to phone", kByMoreThan, 0},
       {"sent datagrams phone", kByMoreThan, 0},
       {"sent bytes phone", kByMoreThan, 0}}},
+    {"another phone, which takes over twice",
+     [](Stage& stage) {
+       const UdpSocket other({.host = "127.0.0.2", .port = 0});
+       const UdpSocket same_with_another_port;
+       for (const UdpSocket* phone : std::initializer_list<const UdpSocket*>{
+                &stage.phone, &same_with_another_port, &other, &stage.phone, &other}) {
+         phone->Send(Bytes(20), LocalPort(kPhonePort));
+       }
+       EXPECT_TRUE(
+           stage.daemon.WaitForLine("at 127.0.0.2 has taken the stream from the one at "
+                                    "127.0.0.1"));
+     },
+     {{"phone peer changes", kBy, 3}, {"links found phone", kBy, 1}, {"links lost phone", kBy, 1}}},
+    {"a phone elsewhere, once the other has left",
+     [](Stage& stage) {
+       stage.phone.Send(Bytes(20), LocalPort(kPhonePort));
+       ASSERT_TRUE(stage.daemon.WaitForLine("connection found", Patience(), 4));
+       EXPECT_EQ(CountLines(stage.daemon.Error(), "has taken the stream"), 1) << "once a minute";
+     },
+     {{"phone peer changes", kBy, 0}}},
     {"a datagram to the second endpoint",
      SendToSecondEndpoint,
      {{"received datagrams main app second", kBy, 1},

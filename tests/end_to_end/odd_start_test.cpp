@@ -2,9 +2,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -79,6 +83,53 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
     }
   }
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1)) << daemon.Error();
+}
+
+// A datagram from any port of this host, also from one that belongs to another program.
+void SendInTheNameOf(std::uint16_t source_port, std::uint16_t destination_port) {
+  Bytes datagram(8 + 20);  // ports, length, and no check sum
+  const auto store = [&](std::size_t at, std::size_t value) {
+    datagram[at] = static_cast<std::uint8_t>(value >> 8);
+    datagram[at + 1] = static_cast<std::uint8_t>(value);
+  };
+  store(0, source_port);
+  store(2, destination_port);
+  store(4, datagram.size());
+  sockaddr_in destination{};
+  destination.sin_family = AF_INET;
+  destination.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int socket = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+  EXPECT_EQ(sendto(socket, datagram.data(), datagram.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&destination), sizeof destination),
+            static_cast<ssize_t>(datagram.size()));
+  close(socket);
+}
+
+TEST(OddStart, TakesNoneOfItsOwnSocketsForThePhone) {
+  ForgetEarlierRuns();
+  DaemonRun run(DaemonCommand({"--port", std::to_string(kOtherCameraPort), "--dst-port", "9004"}));
+  ASSERT_TRUE(run.camera.Connect());
+  ASSERT_TRUE(WaitForBridge(run.daemon.pid())) << run.daemon.Error();
+  const auto ports = UdpPortsOf(run.daemon.pid());
+  ASSERT_EQ(ports.size(), 4U);
+  for (const BoundPort& bound : ports) {
+    SendInTheNameOf(bound.port, kPhonePort);
+  }
+  // Telemetry comes as well, from the first tick after the camera's command data on.
+  run.camera.Send(CommandDataDatagram(1, EmptyCommandData()));
+  const auto value = [](const char* name, const char* label) {
+    return tools::ReadMetrics(kMetricsPath).Value(name, label).value_or(0);
+  };
+  EXPECT_TRUE(Eventually([&] {
+    return std::filesystem::exists(kMetricsPath) &&
+           value("kestrelbridge_received_datagrams_total", "link=\"phone\"") >= 10;
+  }));
+  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
+  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_phone\""), 0U);
+  EXPECT_EQ(CountLines(run.daemon.Error(), "DJI MIMO"), 0) << run.daemon.Error();
+  const UdpSocket phone;
+  phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
+  EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found"));
 }
 
 }  // namespace
