@@ -1,15 +1,60 @@
 #include "base/shared_memory.h"
 
 #include <fcntl.h>
+#include <pwd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+
+#include "base/log.h"
 
 namespace kestrelbridge {
 namespace {
 
 constexpr mode_t kBlockMode = 0600;
+constexpr int kMaxAttempts = 4;
+
+std::string PathOf(const char* name) { return std::string("/dev/shm/") + name; }
+
+bool IsTrusted(const struct stat& status) {
+  return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || status.st_uid == 0);
+}
+
+// "it is a symbolic link of user pi (1000)"
+std::string Describe(const struct stat& status) {
+  const char* const kind = S_ISLNK(status.st_mode)   ? "it is a symbolic link of"
+                           : S_ISREG(status.st_mode) ? "it belongs to"
+                                                     : "it is no plain file and belongs to";
+  const passwd* const owner = getpwuid(status.st_uid);
+  return std::string(kind) + " user " + (owner != nullptr ? owner->pw_name : "?") + " (" +
+         std::to_string(status.st_uid) + ")";
+}
+
+// 0 when /proc does not tell. A line of /proc/locks: "1: FLOCK  ADVISORY  WRITE 1234 00:19:5 0 EOF"
+pid_t HolderOf(int descriptor) {
+  struct stat status {};
+  fstat(descriptor, &status);
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    int holder = 0;
+    unsigned major_number = 0;
+    unsigned minor_number = 0;
+    unsigned long long inode = 0;
+    if (std::sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %x:%x:%llu", &holder, &major_number,
+                    &minor_number, &inode) == 4 &&
+        inode == status.st_ino && makedev(major_number, minor_number) == status.st_dev) {
+      return holder;
+    }
+  }
+  return 0;
+}
 
 SharedBlock Fail(int descriptor, const char* step, int error) {
   close(descriptor);
@@ -20,9 +65,55 @@ SharedBlock Fail(int descriptor, const char* step, int error) {
 
 int OpenSharedBlock(const char* name) { return shm_open(name, O_RDWR, kBlockMode); }
 
-int OpenOrCreateSharedBlock(const char* name) {
-  const int descriptor = OpenSharedBlock(name);
-  return descriptor != -1 ? descriptor : shm_open(name, O_RDWR | O_CREAT, kBlockMode);
+OwnBlock OpenOwnBlock(const char* name) {
+  // Again after a removal, or when somebody made or removed it between two looks.
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    struct stat found {};
+    if (lstat(PathOf(name).c_str(), &found) != 0) {
+      const int created = shm_open(name, O_RDWR | O_CREAT | O_EXCL, kBlockMode);
+      if (created != -1 || errno != EEXIST) {
+        return {.descriptor = created, .problem = created == -1 ? std::strerror(errno) : ""};
+      }
+      continue;
+    }
+    if (!IsTrusted(found)) {
+      const std::string problem = Describe(found);
+      if (shm_unlink(name) != 0 && errno != ENOENT) {
+        return {.problem = problem};
+      }
+      Log("Shared memory %s removed, since %s\n", PathOf(name).c_str(), problem.c_str());
+      continue;
+    }
+    const int descriptor = OpenSharedBlock(name);
+    if (descriptor == -1) {
+      return {.problem = std::strerror(errno)};
+    }
+    if (struct stat opened{}; fstat(descriptor, &opened) == 0 && IsTrusted(opened)) {
+      return {.descriptor = descriptor};
+    }
+    close(descriptor);
+  }
+  return {.problem = "somebody replaces it all the time"};
+}
+
+void CloseToOthers(int descriptor) {
+  struct stat status {};
+  if (fstat(descriptor, &status) == 0 && (status.st_mode & S_IRWXO) != 0) {
+    fchmod(descriptor, status.st_mode & ALLPERMS & ~S_IRWXO);
+  }
+}
+
+bool TakeBlock(int descriptor, pid_t& holder) {
+  if (flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) {
+    return true;
+  }
+  holder = HolderOf(descriptor);
+  return false;
+}
+
+void LeaveBlock(int descriptor) {
+  flock(descriptor, LOCK_UN);
+  close(descriptor);
 }
 
 SharedBlock MapSharedBlock(int descriptor, std::size_t size) {

@@ -1,8 +1,11 @@
 // POSIX shared-memory blocks that the daemon shares with other processes.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace kestrelbridge {
 
@@ -17,8 +20,28 @@ struct SharedBlock {
 // Opens the block of that name as it is. Returns a descriptor, close-on-exec, or -1 with errno set.
 int OpenSharedBlock(const char* name);
 
-// Opens it, creating it with mode 0600 where there is none. Returns as above.
-int OpenOrCreateSharedBlock(const char* name);
+// A block that only this daemon is to write, or why it cannot be had.
+struct OwnBlock {
+  int descriptor = -1;       // close-on-exec
+  std::string problem = {};  // for the log; empty when it is open
+};
+
+// Opens the block of that name when it is a plain file of this user or of root, and creates it with
+// mode 0600 where there is none. Whatever else stands there was put there by somebody who would
+// read the video or cut the block short under our hands: it is removed when we may, with a line in
+// the log.
+OwnBlock OpenOwnBlock(const char* name);
+
+// Takes what others, neither owner nor group, may do with our block. Somebody else's stays as it
+// is.
+void CloseToOthers(int descriptor);
+
+// Keeps the open block for this process alone, until it ends. False when another one has it:
+// `holder` is its number then, 0 when the system does not tell.
+bool TakeBlock(int descriptor, pid_t& holder);
+
+// Ends that, and closes the descriptor: mappings alone would keep the block taken.
+void LeaveBlock(int descriptor);
 
 // Gives the open block its size, reserves its memory, and maps it. Without the reservation a full
 // /dev/shm would show as a SIGBUS in flight; it comes before the size, so that a block that has its

@@ -20,29 +20,41 @@ namespace {
 
 // Set by start-up before the camera's receive thread exists; that thread alone uses them after.
 constinit std::span<std::uint8_t> frame_block{};
+constinit int ring_descriptor = -1;
 constinit std::uint16_t unit_sequence = 0;
 
-// Says what could not be done to a block and why; `error` is an errno value.
-std::span<std::uint8_t> Refuse(const char* action, const char* name, std::size_t size, int error) {
-  Log("Cannot %s shared memory /dev/shm/%s (%zu bytes): %s\n", action, name, size,
-      std::strerror(error));
-  if (error == ENOSPC) {
-    Log("Free some of /dev/shm (see df /dev/shm), or give it more memory\n");
-  }
-  return {};
+void Refuse(const char* action, const char* name, std::size_t size, const char* reason) {
+  Log("Cannot %s shared memory /dev/shm/%s (%zu bytes): %s\n", action, name, size, reason);
 }
 
-// Takes over the block of an earlier run or creates it. Returns an empty span when that fails.
-std::span<std::uint8_t> MapBlock(const char* name, std::size_t size) {
-  const int descriptor = OpenOrCreateSharedBlock(name);
-  if (descriptor == -1) {
-    return Refuse("open", name, size, errno);
+// Returns an empty span when that fails.
+std::span<std::uint8_t> MapBlock(const OwnBlock& own, const char* name, std::size_t size) {
+  if (own.descriptor == -1) {
+    Refuse("open", name, size, own.problem.c_str());
+    return {};
   }
-  const SharedBlock block = MapSharedBlock(descriptor, size);
+  CloseToOthers(own.descriptor);
+  const SharedBlock block = MapSharedBlock(own.descriptor, size);
   if (block.bytes == nullptr) {
-    return Refuse(block.failed_step, name, size, block.error);
+    Refuse(block.failed_step, name, size, std::strerror(block.error));
+    if (block.error == ENOSPC) {
+      Log("Free some of /dev/shm (see df /dev/shm), or give it more memory\n");
+    }
+    return {};
   }
   return {block.bytes, size};
+}
+
+// Two daemons in one ring would be a picture of both. The descriptor stays open, and with it the
+// ring ours, for as long as the process lives.
+bool IsOurs(const OwnBlock& ring) {
+  pid_t holder = 0;
+  if (ring.descriptor == -1 || TakeBlock(ring.descriptor, holder)) {
+    return true;
+  }
+  close(ring.descriptor);
+  Log("another kestrelbridge (process %d) publishes here\n", static_cast<int>(holder));
+  return false;
 }
 
 // Zeroes the ring under its readers, slot headers first: a reader that copied zeroed payload finds
@@ -92,18 +104,27 @@ void WriteChunk(std::span<const std::uint8_t> chunk, std::uint8_t chunk_index) {
 }  // namespace
 
 int InitFrameBuffers() {
+  if (ring_descriptor != -1) {
+    LeaveBlock(ring_descriptor);  // anew in the same process, as tests do
+  }
+  const OwnBlock ring = OpenOwnBlock(kFrameBlockName);
+  if (!IsOurs(ring)) {
+    return -1;
+  }
   unlink(kVideoWidthPath);
   unlink(kVideoHeightPath);
   Log("Init frame buffer %d bytes\n", static_cast<int>(kFrameBlockSize));
   unit_sequence = 0;
-  frame_block = MapBlock(kFrameBlockName, kFrameBlockSize);
+  frame_block = MapBlock(ring, kFrameBlockName, kFrameBlockSize);
+  ring_descriptor = frame_block.empty() ? -1 : ring.descriptor;
   if (frame_block.empty()) {
     return -1;
   }
   ClearFrameBlock();
   frame_block[kClearRequestOffset] = 1;
   Log("Init frame buffer for transcoding %d bytes\n", static_cast<int>(kTranscodingBlockSize));
-  const auto transcoding_block = MapBlock(kTranscodingBlockName, kTranscodingBlockSize);
+  const auto transcoding_block =
+      MapBlock(OpenOwnBlock(kTranscodingBlockName), kTranscodingBlockName, kTranscodingBlockSize);
   if (transcoding_block.empty()) {
     return -1;
   }

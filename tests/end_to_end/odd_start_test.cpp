@@ -49,6 +49,29 @@ TEST(OddStart, WithAHaltedLogItServesAndEndsAsEver) {
   EXPECT_EQ(run.daemon.WaitForExit(), ExitedWith(1));
 }
 
+TEST(OddStart, ASecondDaemonLeavesTheRingToTheFirst) {
+  ForgetEarlierRuns();
+  DaemonRun run;
+  ASSERT_TRUE(run.camera.Connect());
+  RingWatcher ring;
+  ASSERT_TRUE(Serves(run, ring));
+  const std::string width = ReadFile(kVideoWidthPath);
+  {
+    ChildProcess second(DaemonCommand());
+    EXPECT_EQ(second.WaitForExit(), ExitedWith(2));
+    EXPECT_EQ(CountLines(second.Error(), "another kestrelbridge (process " +
+                                             std::to_string(run.daemon.pid()) + ") publishes here"),
+              1)
+        << second.Error();
+  }
+  EXPECT_EQ(ReadFile(kVideoWidthPath), width);
+  EXPECT_TRUE(Serves(run, ring));
+  run.daemon.Kill(SIGKILL);
+  run.daemon.WaitForExit();
+  ChildProcess next(DaemonCommand());
+  EXPECT_TRUE(WaitForBridge(next.pid())) << next.Error();
+}
+
 TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
   ChildProcess daemon(
       DaemonCommand({"--host", "camera", "--port", "abc", "-d", "1.2.3.4.5", "-s", "65536"}));

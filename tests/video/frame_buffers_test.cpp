@@ -2,8 +2,13 @@
 #include "video/frame_buffers.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -14,6 +19,7 @@
 #include "base/text_file.h"
 #include "kestrelbridge/frame_block.h"
 #include "support/mapped_block.h"
+#include "support/temporary_folder.h"
 #include "video/first_touch.h"
 #include "video/numbered_unit.h"
 
@@ -79,6 +85,91 @@ TEST(FrameBuffers, StartUpTakesOverBlocksOfAnySizeAndContent) {
     ASSERT_EQ(InitFrameBuffers(), 0);
     EXPECT_TRUE(IsFreshBlock(kFrameBlockName, 60'003'624));
     EXPECT_TRUE(IsFreshBlock(kTranscodingBlockName, 13'003'624));
+  }
+}
+
+// What another user of the box has put in a block's place. Returns what the log says.
+struct Intruder {
+  const char* name;
+  void (*put)(const std::string& path, const std::string& victim);
+  bool removed;
+  const char* line;
+};
+constexpr Intruder kIntruders[] = {
+    {"link",
+     [](const std::string& path, const std::string& victim) {
+       std::filesystem::create_symlink(victim, path);
+     },
+     true, " removed, since it is a symbolic link of user root (0)\n"},
+    {"FIFO", [](const std::string& path, const std::string&) { mkfifo(path.c_str(), 0666); }, true,
+     " removed, since it is no plain file and belongs to user root (0)\n"},
+    {"folder",
+     [](const std::string& path, const std::string&) { std::filesystem::create_directory(path); },
+     false, "(60003624 bytes): it is no plain file and belongs to user root (0)\n"},
+};
+
+TEST(FrameBuffers, WhatIsNoPlainFileIsRemovedOrRefused) {
+  const std::string path = std::string("/dev/shm/") + kFrameBlockName;
+  const std::string victim = "/run/victim";
+  for (const Intruder& intruder : kIntruders) {
+    std::ofstream(victim) << "secret";
+    std::filesystem::remove(path);
+    intruder.put(path, victim);
+    CaptureStderr();
+    EXPECT_EQ(InitFrameBuffers(), intruder.removed ? 0 : -1) << intruder.name;
+    EXPECT_NE(GetCapturedStderr().find(intruder.line), std::string::npos) << intruder.name;
+    EXPECT_EQ(ReadFile(victim), "secret") << intruder.name;
+    EXPECT_TRUE(!intruder.removed || IsFreshBlock(kFrameBlockName, kFrameBlockSize));
+  }
+  std::filesystem::remove(path);
+}
+
+TEST(FrameBuffers, OurOwnBlockStaysWithItsGroupAndWithoutTheOthers) {
+  const std::string path = std::string("/dev/shm/") + kFrameBlockName;
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  struct stat before {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  const struct {
+    mode_t found, left;
+  } rows[] = {{0666, 0660}, {0640, 0640}, {0604, 0600}, {0600, 0600}};
+  for (const auto& row : rows) {
+    ASSERT_EQ(chmod(path.c_str(), row.found), 0);
+    EXPECT_EQ(InitFrameBuffers(), 0);
+    struct stat after {};
+    EXPECT_EQ(stat(path.c_str(), &after), 0);
+    EXPECT_EQ(after.st_mode & ALLPERMS, row.left);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+  }
+}
+
+// Needs a second user. Where the namespace has none, scripts/check-package is the test.
+TEST(FrameBuffers, AnotherUsersBlockIsReplacedWhenWeMayAndElseRefused) {
+  constexpr uid_t kStranger = 1234;
+  constexpr uid_t kDaemon = 2345;
+  const std::string path = std::string("/dev/shm/") + kFrameBlockName;
+  for (const bool as_root : {true, false}) {
+    std::ofstream(path) << "a stranger's";
+    if (chown(path.c_str(), kStranger, kStranger) != 0) {
+      std::puts("this user namespace knows no other user");
+      return;
+    }
+    std::array<int, 2> log{};
+    ASSERT_EQ(pipe(log.data()), 0);
+    const pid_t daemon = fork();
+    if (daemon == 0) {
+      dup2(log[1], STDERR_FILENO);
+      const bool is_daemon = as_root || setresuid(kDaemon, kDaemon, kDaemon) == 0;
+      _exit(is_daemon && InitFrameBuffers() == (as_root ? 0 : -1) ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(daemon, &status, 0);
+    EXPECT_EQ(status, 0) << as_root;
+    std::string text(1000, '\0');
+    EXPECT_GT(read(log[0], text.data(), text.size()), 0);
+    EXPECT_NE(text.find("it belongs to user ? (1234)\n"), std::string::npos) << text;
+    struct stat left {};
+    EXPECT_EQ(stat(path.c_str(), &left), 0);
+    EXPECT_EQ(left.st_uid, as_root ? 0 : kStranger);
   }
 }
 
