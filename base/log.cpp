@@ -44,8 +44,8 @@ constinit int descriptor = STDERR_FILENO;
 // Since the last line that got through.
 constinit std::atomic<std::uint32_t> missing{0};
 
-// What a pipe has not yet taken of a line goes before anything else. Whoever sets tail_busy may
-// touch the tail; the others do not wait, their line is dropped.
+// What standard error has not yet taken of a line goes before anything else. Whoever has set
+// tail_busy may touch the tail. The others try for some microseconds, then their line is dropped.
 constinit std::atomic_flag tail_busy{};
 constinit std::atomic<bool> has_tail{false};
 constinit std::array<char, kLongestMasked> tail{};
@@ -70,50 +70,75 @@ std::size_t WriteNow(std::string_view text) {
   return errno == EAGAIN || errno == ENOBUFS || errno == EINTR ? 0 : text.size();
 }
 
-// True when no tail is left.
-bool FinishTail() {
-  // Acquire and release: the next holder sees the tail as this one left it.
-  if (tail_busy.test_and_set(std::memory_order_acquire)) {
-    return false;
+// Acquire and release: the next holder finds the tail as this one left it.
+bool HoldTail() {
+  constexpr int kTries = 1000;
+  for (int i = 0; i < kTries; ++i) {
+    if (!tail_busy.test_and_set(std::memory_order_acquire)) {
+      return true;
+    }
   }
-  const std::size_t taken = WriteNow({tail.data(), tail_size});
-  tail_size -= taken;
-  std::memmove(tail.data(), tail.data() + taken, tail_size);
-  const bool done = tail_size == 0;
-  has_tail.store(!done, std::memory_order_relaxed);
-  tail_busy.clear(std::memory_order_release);
-  return done;
+  return false;
 }
 
-// Two lines that are taken in part at the same moment: the later one stays cut.
-void KeepTail(std::string_view rest) {
-  if (tail_busy.test_and_set(std::memory_order_acquire)) {
-    return;
-  }
-  if (tail_size == 0) {
-    std::ranges::copy(rest, tail.begin());
-    tail_size = rest.size();
-    has_tail.store(true, std::memory_order_relaxed);
-  }
+void ReleaseTail() {
+  has_tail.store(tail_size != 0, std::memory_order_relaxed);
   tail_busy.clear(std::memory_order_release);
+}
+
+// What is left of the text when standard error is full.
+std::string_view WriteUntilFull(std::string_view text) {
+  while (const std::size_t taken = text.empty() ? 0 : WriteNow(text)) {
+    text.remove_prefix(taken);
+  }
+  return text;
+}
+
+// The holder's. True when no tail is left.
+bool FinishTail() {
+  const std::string_view rest = WriteUntilFull({tail.data(), tail_size});
+  std::memmove(tail.data(), rest.data(), rest.size());
+  tail_size = rest.size();
+  return tail_size == 0;
+}
+
+// The holder's, with no tail left.
+void KeepTail(std::string_view rest) {
+  std::ranges::copy(rest, tail.begin());
+  tail_size = rest.size();
 }
 
 // True when the text is on its way, whole.
+bool PutBehindTail(std::string_view text) {
+  if (!HoldTail()) {
+    return false;
+  }
+  bool put = FinishTail();
+  if (put) {
+    const std::string_view rest = WriteUntilFull(text);
+    put = rest.size() < text.size();
+    if (put) {
+      KeepTail(rest);
+    }
+  }
+  ReleaseTail();
+  return put;
+}
+
+// The same. A write is whole unless standard error gets full in it; of two lines that are cut at
+// the same moment the later one stays so.
 bool Put(std::string_view text) {
-  if (has_tail.load(std::memory_order_relaxed) && !FinishTail()) {
-    return false;
+  if (outlet == Outlet::kPolled || has_tail.load(std::memory_order_relaxed)) {
+    return PutBehindTail(text);
   }
-  std::string_view rest = text;
-  while (const std::size_t taken = rest.empty() ? 0 : WriteNow(rest)) {
-    rest.remove_prefix(taken);
+  const std::string_view rest = WriteUntilFull(text);
+  if (!rest.empty() && rest.size() < text.size() && HoldTail()) {
+    if (tail_size == 0) {
+      KeepTail(rest);
+    }
+    ReleaseTail();
   }
-  if (rest.size() == text.size()) {
-    return false;
-  }
-  if (!rest.empty()) {
-    KeepTail(rest);
-  }
-  return true;
+  return rest.size() < text.size();
 }
 
 // The bytes of the control character at the text's start, 0 when there is none that must be masked.

@@ -71,6 +71,7 @@ struct FullOutlet {
   Ends (*open)();
   bool may_open_anew;
 };
+void PrintTo(const FullOutlet& outlet, std::ostream* out) { *out << outlet.name; }
 class LogIntoFull : public testing::TestWithParam<FullOutlet> {};
 INSTANTIATE_TEST_SUITE_P(Outlets, LogIntoFull,
                          testing::Values(FullOutlet{"Pipe", Pipe, true},

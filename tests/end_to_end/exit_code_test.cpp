@@ -28,8 +28,8 @@ std::vector<Bytes> BusyTraffic(std::uint32_t seed) {
 
 // A ring has one daemon: each gets a /dev/shm of its own.
 std::vector<std::string> CommandWithOwnRing(std::uint16_t camera_port) {
-  std::vector<std::string> command = {"unshare", "--mount", "sh", "-c",
-                                      "mount -t tmpfs ring /dev/shm && exec \"$@\"", "sh"};
+  std::vector<std::string> command = {
+      "unshare", "--mount", "sh", "-c", "mount -t tmpfs ring /dev/shm && exec \"$@\"", "sh"};
   for (const std::string& word : DaemonCommandFor(camera_port)) {
     command.push_back(word);
   }
