@@ -16,7 +16,9 @@
 // change of position is what acts, and a button has only the way from 0 and back. The daemon looks
 // every 20 ms: hold a position longer than that. It creates the block when there is none. Mode
 // 0600: the process that writes it must run as the same user as the daemon, whoever of the two came
-// first.
+// first. While the daemon runs, the zeroes of a block that another process has made anew are
+// switches let go; those of a block that the daemon had to make itself, because the old one was
+// gone, are nothing until somebody writes.
 #pragma once
 
 #include <cstddef>
