@@ -4,46 +4,27 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <climits>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <limits>
+#include <optional>
 #include <sstream>
 #include <thread>
 
+#include "tools/common/start_program.h"
 #include "tools/common/tool_error.h"
+#include "tools/common/udp_table.h"
 
 namespace kestrelbridge::bench {
 namespace {
 
 constexpr std::chrono::seconds kPatience{10};
 constexpr char kOutputPath[] = "/run/bench_subject.log";
-
-// Runs in the child, between fork and exec: system calls only.
-[[noreturn]] void Execute(char* const* arguments, int core) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (core >= 0) {
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    CPU_SET(static_cast<std::size_t>(core), &cores);
-    sched_setaffinity(0, sizeof cores, &cores);
-  }
-  const int input = open("/dev/null", O_RDONLY);
-  const int output = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
-  dup2(input, STDIN_FILENO);
-  dup2(output, STDOUT_FILENO);
-  dup2(output, STDERR_FILENO);
-  close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);
-  execvp(arguments[0], arguments);
-  _exit(127);
-}
 
 std::string LastLineOfOutput() {
   std::ifstream output(kOutputPath);
@@ -54,20 +35,10 @@ std::string LastLineOfOutput() {
   return last;
 }
 
-// The line of /proc/net/udp for that port, empty when nobody has bound it: " 123: 0100007F:2332
-// ..."
-std::string SocketLine(std::uint16_t port) {
-  constexpr std::size_t kAddressLength = 8;
-  std::ifstream table("/proc/net/udp");
-  char wanted[8];
-  std::snprintf(wanted, sizeof wanted, ":%04X ", unsigned{port});
-  for (std::string line; std::getline(table, line);) {
-    const std::size_t local = line.find(": ");  // behind the slot number
-    if (local != std::string::npos && line.find(wanted) == local + 2 + kAddressLength) {
-      return line;
-    }
-  }
-  return {};
+std::optional<tools::UdpTableRow> SocketAt(std::uint16_t port) {
+  const auto table = tools::ReadUdpTable("/proc/net/udp");
+  const auto row = std::ranges::find(table, port, &tools::UdpTableRow::port);
+  return row == table.end() ? std::nullopt : std::optional(*row);
 }
 
 }  // namespace
@@ -96,20 +67,10 @@ void PinToCore(int core) {
 }
 
 Program::Program(const ProgramStart& start) : name_(start.command.at(0)) {
-  std::vector<std::string> command = start.command;
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (std::string& text : command) {
-    arguments.push_back(text.data());
-  }
-  arguments.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
-    Execute(arguments.data(), start.core);
-  }
-  if (pid_ == -1) {
-    throw tools::ToolError("cannot start " + name_ + ": " + std::strerror(errno));
-  }
+  const int output = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
+  pid_ = tools::StartProgram(
+      {.command = start.command, .output = output, .error = output, .core = start.core});
+  close(output);
 }
 
 Program::~Program() {
@@ -156,24 +117,13 @@ Memory Program::MemoryUse() const {
 }
 
 SocketFill LookAtSocket(std::uint16_t port) {
-  // Slot, local and remote address, state, tx_queue:rx_queue in hexadecimal, ..., drops.
-  std::istringstream fields(SocketLine(port));
-  std::vector<std::string> columns;
-  for (std::string column; fields >> column;) {
-    columns.push_back(column);
-  }
-  constexpr std::size_t kQueues = 4;
-  if (columns.size() <= kQueues) {
-    return {};
-  }
-  const std::string& queues = columns[kQueues];
-  return {.queued_bytes = std::stoull(queues.substr(queues.find(':') + 1), nullptr, 16),
-          .dropped = std::stoull(columns.back())};
+  const auto socket = SocketAt(port).value_or(tools::UdpTableRow{});
+  return {.queued_bytes = socket.queued_bytes, .dropped = socket.drops};
 }
 
 void AwaitUdpPort(std::uint16_t port) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (SocketLine(port).empty()) {
+  while (!SocketAt(port)) {
     if (std::chrono::steady_clock::now() > deadline) {
       throw tools::ToolError("nobody opened UDP port " + std::to_string(port));
     }

@@ -1,14 +1,13 @@
 #include "end_to_end/daemon_stage.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 
 #include "camera/packet_format.h"
+#include "tools/common/udp_table.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -51,22 +50,9 @@ std::vector<BoundPort> UdpPortsOf(pid_t process) {
   const std::set<std::string> sockets = SocketsOf(process);
   std::vector<BoundPort> ports;
   // Its own view: it may live in another network namespace than we.
-  std::ifstream table("/proc/" + std::to_string(process) + "/net/udp");
-  std::string line;
-  std::getline(table, line);  // the titles
-  while (std::getline(table, line)) {
-    // slot local remote state tx:rx timer retransmits user timeout socket references pointer drops
-    std::istringstream columns(line);
-    std::array<std::string, 13> column;
-    for (std::string& text : column) {
-      columns >> text;
-    }
-    if (sockets.contains(column[9])) {
-      ports.push_back(
-          {.port = static_cast<std::uint16_t>(
-               std::stoul(column[1].substr(column[1].find(':') + 1), nullptr, 16)),
-           .queued_bytes = std::stoull(column[4].substr(column[4].find(':') + 1), nullptr, 16),
-           .drops = std::stoull(column[12])});
+  for (const auto& row : tools::ReadUdpTable("/proc/" + std::to_string(process) + "/net/udp")) {
+    if (sockets.contains(std::to_string(row.socket))) {
+      ports.push_back({.port = row.port, .queued_bytes = row.queued_bytes, .drops = row.drops});
     }
   }
   std::ranges::sort(ports, {}, &BoundPort::port);

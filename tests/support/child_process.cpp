@@ -1,16 +1,16 @@
 #include "support/child_process.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <system_error>
+#include <utility>
+
+#include "tools/common/start_program.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -34,21 +34,6 @@ std::string ReadAll(int file) {
   return text;
 }
 
-// Runs in the child, between fork and exec: system calls only.
-[[noreturn]] void Execute(char* const* arguments, pid_t parent, int output, int error) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) {
-    _exit(127);  // the test is gone already
-  }
-  const int empty = open("/dev/null", O_RDONLY);
-  dup2(empty, STDIN_FILENO);
-  dup2(output, STDOUT_FILENO);
-  dup2(error, STDERR_FILENO);
-  close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);  // also what whoever started the test left open
-  execvp(arguments[0], arguments);
-  _exit(127);
-}
-
 ProcessEnd Decode(int status) {
   if (WIFEXITED(status)) {
     return ExitedWith(WEXITSTATUS(status));
@@ -64,22 +49,10 @@ std::vector<std::string> Kestrelctl(std::vector<std::string> words) {
 }
 
 ChildProcess::ChildProcess(std::vector<std::string> command)
-    : output_(MakeFile()), error_(MakeFile()) {
-  std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
-  for (std::string& text : command) {
-    arguments.push_back(text.data());
-  }
-  arguments.push_back(nullptr);
-  const pid_t parent = getpid();
-  pid_ = fork();
-  if (pid_ == 0) {
-    Execute(arguments.data(), parent, output_, error_);
-  }
-  if (pid_ == -1) {
-    throw std::system_error(errno, std::generic_category(), "fork");
-  }
-}
+    : output_(MakeFile()),
+      error_(MakeFile()),
+      pid_(tools::StartProgram(
+          {.command = std::move(command), .output = output_, .error = error_})) {}
 
 ChildProcess::~ChildProcess() {
   Kill(SIGKILL);
