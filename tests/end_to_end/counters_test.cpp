@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -64,7 +65,8 @@ struct Step {
 
 void SendPushes(Stage& stage) {
   Bytes data;
-  for (const std::size_t payload : {40, 64, 67, 102, 5}) {  // the last is no push
+  // By length: two batteries, histogram, status, settings, and one that is no push.
+  for (const std::size_t payload : {40, 40, 64, 67, 102, 5}) {
     const Bytes frame = CommandFrame(0x02, 0x80, Bytes(payload));
     data.insert(data.end(), frame.begin(), frame.end());
   }
@@ -130,15 +132,17 @@ const Step kSteps[] = {
       {"published bytes", kBy, 3'000},
       {"acknowledgements sent", kBy, 1},
       {"received bytes camera", kByMoreThan, 3'103}}},
-    {"a unit with a hole", SendIncompleteUnit, {{"units corrupted", kBy, 1}}},
+    {"a unit with a hole",
+     SendIncompleteUnit,
+     {{"units corrupted", kBy, 1}, {"camera datagrams video", kBy, 3}}},
     {"a unit that is no H.264",
      [](Stage& stage) {
        stage.camera.SendUnit(Bytes(100, 1));
        stage.camera.SendNextHeader();
      },
-     {{"units not published", kBy, 1},
-      {"acknowledgements sent", kBy, 1},
-      {"units published", kBy, 0}}},
+     {{"camera datagrams video", kBy, 2},
+      {"units not published", kBy, 1},
+      {"acknowledgements sent", kBy, 1}}},
     {"a video datagram without its whole wrapper",
      [](Stage& stage) {
        Bytes datagram = ContinuationDatagram(1, {});
@@ -148,17 +152,19 @@ const Step kSteps[] = {
      {{"stray video datagrams", kBy, 1}, {"camera datagrams video", kBy, 1}}},
     {"a unit without an end",
      OverflowUnit,
-     {{"overflows video", kBy, 1}, {"units corrupted", kBy, 1}}},
+     {{"camera datagrams video", kBy, 13},
+      {"overflows video", kBy, 1},
+      {"units corrupted", kBy, 1}}},
     {"a datagram of another kind",
      [](Stage& stage) { stage.camera.Send(CameraDatagram(9, 1, {})); },
      {{"camera datagrams ignored", kBy, 1}}},
     {"pushes",
      SendPushes,
      {{"camera datagrams command data", kBy, 1},
-      {"command frames found", kBy, 5},
+      {"command frames found", kBy, 6},
       {"pushes decoded status", kBy, 1},
       {"pushes decoded settings", kBy, 1},
-      {"pushes decoded battery", kBy, 1},
+      {"pushes decoded battery", kBy, 2},
       {"pushes decoded histogram", kBy, 1},
       {"keepalives sent", kByMoreThan, 0},
       {"telemetry records sent text", kByMoreThan, 0},
@@ -169,7 +175,6 @@ const Step kSteps[] = {
     {"a command",
      [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"shot"})"); },
      {{"command frames sent main app", kBy, 1},
-      {"command frames sent remote control", kBy, 0},
       {"received datagrams main app", kBy, 1},
       {"received bytes main app", kBy, 15},
       {"links found main app", kBy, 1},
@@ -177,23 +182,27 @@ const Step kSteps[] = {
     // What the text before left in the buffer would make it a command.
     {"a bare marker",
      [](Stage& stage) { SendAppText(stage.main_app, "!"); },
-     {{"app messages ignored", kBy, 1}, {"command frames sent main app", kBy, 0}}},
+     {{"received datagrams main app", kBy, 1},
+      {"received bytes main app", kBy, 1},
+      {"app messages ignored", kBy, 1}}},
     {"the longest command",
      [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(9'999)); },
-     {{"received bytes main app", kBy, 9'999},
-      {"command frames sent main app", kBy, 1},
-      {"app messages ignored", kBy, 0}}},
+     {{"received datagrams main app", kBy, 1},
+      {"received bytes main app", kBy, 9'999},
+      {"command frames sent main app", kBy, 1}}},
     {"a command whose last character does not fit",
      [](Stage& stage) { SendAppText(stage.main_app, ShotOfLength(10'000)); },
-     {{"received bytes main app", kBy, 9'999},
-      {"app messages ignored", kBy, 1},
-      {"command frames sent main app", kBy, 0}}},
+     {{"received datagrams main app", kBy, 1},
+      {"received bytes main app", kBy, 9'999},
+      {"app messages ignored", kBy, 1}}},
     {"an unknown command",
      [](Stage& stage) { SendAppText(stage.main_app, R"(!{"cmd":"dance"})"); },
-     {{"app messages ignored", kBy, 1}, {"command frames sent main app", kBy, 0}}},
+     {{"received datagrams main app", kBy, 1},
+      {"received bytes main app", kBy, 16},
+      {"app messages ignored", kBy, 1}}},
     {"a button of the remote control",
      [](Stage&) { TurnRemoteControl("157=1"); },
-     {{"command frames sent remote control", kBy, 1}, {"command frames sent main app", kBy, 0}}},
+     {{"command frames sent remote control", kBy, 1}}},
     {"its slider",
      [](Stage& stage) {
        TurnRemoteControl("--slider=1");
@@ -226,14 +235,23 @@ const Step kSteps[] = {
            stage.daemon.WaitForLine("at 127.0.0.2 has taken the stream from the one at "
                                     "127.0.0.1"));
      },
-     {{"phone peer changes", kBy, 3}, {"links found phone", kBy, 1}, {"links lost phone", kBy, 1}}},
+     {{"received datagrams phone", kBy, 5},
+      {"received bytes phone", kBy, 100},
+      {"relayed datagrams to camera", kBy, 5},
+      {"phone peer changes", kBy, 3},
+      {"links found phone", kBy, 1},
+      {"links lost phone", kBy, 1}}},
     {"a phone elsewhere, once the other has left",
      [](Stage& stage) {
        stage.phone.Send(Bytes(20), LocalPort(kPhonePort));
        ASSERT_TRUE(stage.daemon.WaitForLine("connection found", Patience(), 4));
        EXPECT_EQ(CountLines(stage.daemon.Error(), "has taken the stream"), 1) << "once a minute";
      },
-     {{"phone peer changes", kBy, 0}}},
+     {{"received datagrams phone", kBy, 1},
+      {"received bytes phone", kBy, 20},
+      {"relayed datagrams to camera", kBy, 1},
+      {"links found phone", kBy, 1},
+      {"links lost phone", kBy, 1}}},
     {"a datagram to the second endpoint",
      SendToSecondEndpoint,
      {{"received datagrams main app second", kBy, 1},
@@ -255,6 +273,25 @@ const std::set<std::string> kMovedElsewhere = {"send failures camera",
                                                "units spoiled",
                                                "log lines dropped"};
 
+// By the time, or later than what moved them; no others move but by what is listed.
+const std::set<std::string> kMoveByThemselves = {"connection requests sent",
+                                                 "keepalives sent",
+                                                 "sent datagrams camera",
+                                                 "sent bytes camera",
+                                                 "received datagrams camera",
+                                                 "received bytes camera",
+                                                 "camera datagrams short",
+                                                 "telemetry records sent text",
+                                                 "telemetry records sent status",
+                                                 "telemetry records sent histogram",
+                                                 "sent datagrams main app",
+                                                 "sent bytes main app",
+                                                 "links found main app",
+                                                 "links lost main app",
+                                                 "relayed datagrams to phone",
+                                                 "sent datagrams phone",
+                                                 "sent bytes phone"};
+
 TEST(Counters, EachMovesByAsMuchAsHappened) {
   ForgetEarlierRuns();
   Stage stage;
@@ -270,6 +307,12 @@ TEST(Counters, EachMovesByAsMuchAsHappened) {
       now = ReadCounters();
       return std::ranges::all_of(step.movements, is_met);
     });
+    for (const auto& [counter, value] : now) {
+      const bool is_listed = std::ranges::any_of(
+          step.movements, [&](const Movement& row) { return row.counter == counter; });
+      EXPECT_TRUE(is_listed || kMoveByThemselves.contains(counter) || value == before[counter])
+          << step.action << " moved " << counter << " to " << value;
+    }
     for (const Movement& row : step.movements) {
       EXPECT_TRUE(is_met(row)) << step.action << ": " << row.counter << " went from "
                                << before[row.counter] << " to " << now[row.counter];
@@ -280,6 +323,58 @@ TEST(Counters, EachMovesByAsMuchAsHappened) {
     EXPECT_TRUE(moved.contains(counter)) << "nothing moves " << counter;
   }
   EXPECT_EQ(std::filesystem::status(kMetricsPath).permissions(), std::filesystem::perms(0644));
+}
+
+// The links that the gauge says are up, in the file's order.
+std::string LinksUp() {
+  std::string links;
+  if (std::filesystem::exists(kMetricsPath)) {
+    for (const tools::Metric& metric : tools::ReadMetrics(kMetricsPath).metrics) {
+      if (metric.name == "kestrelbridge_link_up" && metric.value == 1) {
+        links += metric.label.substr(6, metric.label.size() - 7) + " ";
+      }
+    }
+  }
+  return links;
+}
+
+// Until a port is talked to, and for as long as it is, its link is the one that is up.
+TEST(Counters, GaugesTellWhichLinksAreUpAndWhenTheDaemonStarted) {
+  ForgetEarlierRuns();
+  const auto earliest = static_cast<std::uint64_t>(std::time(nullptr));
+  Stage stage;
+  ASSERT_TRUE(stage.camera.Connect());
+  const auto latest = static_cast<std::uint64_t>(std::time(nullptr));
+  ASSERT_TRUE(WaitForBridge(stage.daemon.pid()));
+  std::vector<std::uint16_t> main_apps;  // its two, in an order that is not known yet
+  for (const BoundPort& bound : UdpPortsOf(stage.daemon.pid())) {
+    if (bound.port != kPhonePort && bound.port != stage.camera.daemon().port) {
+      main_apps.push_back(bound.port);
+    }
+  }
+  const auto up_while_talking_to = [&](const std::vector<std::uint16_t>& ports) {
+    return [&stage, ports](const std::string& expected) {
+      return Eventually([&] {
+        for (const std::uint16_t port : ports) {
+          stage.stranger.Send(Bytes{'x'}, LocalPort(port));
+        }
+        return LinksUp() == expected;
+      });
+    };
+  };
+  EXPECT_TRUE(up_while_talking_to({})("camera ")) << LinksUp();
+  const auto start = tools::ReadMetrics(kMetricsPath).Value("kestrelbridge_start_time_seconds");
+  EXPECT_TRUE(start >= earliest && start <= latest);
+  // Both are watched from the start, whether or not there is command data.
+  EXPECT_TRUE(up_while_talking_to(main_apps)("camera main_app main_app_second ")) << LinksUp();
+  EXPECT_TRUE(up_while_talking_to({})("camera ")) << LinksUp();
+  stage.camera.Send(CommandDataDatagram(1, EmptyCommandData()));
+  const auto telemetry = stage.main_app.Receive();
+  ASSERT_TRUE(telemetry);
+  std::erase(main_apps, telemetry->sender.port);
+  EXPECT_TRUE(up_while_talking_to(main_apps)("camera main_app_second ")) << LinksUp();
+  EXPECT_TRUE(up_while_talking_to({telemetry->sender.port})("camera main_app ")) << LinksUp();
+  EXPECT_TRUE(up_while_talking_to({kPhonePort})("camera phone ")) << LinksUp();
 }
 
 void ChangeAddress(const char* verb, const char* address) {
@@ -316,7 +411,12 @@ TEST(Counters, CountWhatCannotBeSent) {
            counters["send failures phone"] > 0;
   })) << testing::PrintToString(counters);
   ChangeAddress("del", kPhone);
-  EXPECT_EQ(counters["telemetry records sent status"], 0U);
+  for (const char* counter :
+       {"telemetry records sent text", "telemetry records sent status", "connection requests sent",
+        "keepalives sent", "sent datagrams camera", "sent bytes camera", "sent datagrams main app",
+        "sent bytes main app", "relayed datagrams to camera"}) {
+    EXPECT_EQ(counters[counter], 0U) << counter;
+  }
 }
 
 // The folder of the metrics is made late, and nothing is said of it.

@@ -36,12 +36,12 @@ std::vector<std::string> CommandWithOwnRing(std::uint16_t camera_port) {
 }
 
 // What ends the daemon, on three of its threads.
-enum class Cause { kSilence, kEmptyFromCamera, kEmptyFromMainApp };
+enum Cause { kSilence, kEmptyFromCamera, kEmptyFromMainApp };
 
 class ExitUnderFullTraffic : public testing::TestWithParam<Cause> {};
 
 TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
-  const bool by_silence = GetParam() == Cause::kSilence;
+  const bool by_silence = GetParam() == kSilence;
   std::vector<std::unique_ptr<DaemonRun>> runs;
   for (int i = 0; i < kDaemons; ++i) {
     const auto port = static_cast<std::uint16_t>(kOtherCameraPort + i);
@@ -68,7 +68,7 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
     }
     std::uint16_t last_port = run->camera.daemon().port;
     for (const BoundPort& bound : UdpPortsOf(run->daemon.pid())) {
-      if (GetParam() == Cause::kEmptyFromMainApp && bound.port != kPhonePort &&
+      if (GetParam() == kEmptyFromMainApp && bound.port != kPhonePort &&
           bound.port != run->camera.daemon().port) {
         last_port = bound.port;
       }
@@ -95,8 +95,7 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Run, ExitUnderFullTraffic,
-                         testing::Values(Cause::kSilence, Cause::kEmptyFromCamera,
-                                         Cause::kEmptyFromMainApp));
+                         testing::Values(kSilence, kEmptyFromCamera, kEmptyFromMainApp));
 
 }  // namespace
 }  // namespace kestrelbridge::test

@@ -72,6 +72,15 @@ TEST(OddStart, ASecondDaemonLeavesTheRingToTheFirst) {
   EXPECT_TRUE(WaitForBridge(next.pid())) << next.Error();
 }
 
+TEST(OddStart, WhenNobodyReadsTheLogAnyMoreTheVideoGoesOn) {
+  ForgetEarlierRuns();
+  DaemonRun run(
+      {"bash", "-c", "exec \"$0\" --port 9104 2> >(exec true)", ProgramPath("kestrelbridge")});
+  ASSERT_TRUE(run.camera.Connect());  // which is said
+  RingWatcher ring;
+  EXPECT_TRUE(Serves(run, ring));
+}
+
 TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
   ChildProcess daemon(
       DaemonCommand({"--host", "camera", "--port", "abc", "-d", "1.2.3.4.5", "-s", "65536"}));
@@ -106,6 +115,9 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
     }
   }
   EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1)) << daemon.Error();
+  // The metrics were written between the datagram and the loss of the camera, a second later.
+  EXPECT_GE(value("kestrelbridge_received_datagrams_total", "link=\"camera\""), 1U);
+  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_phone\""), 0U);
 }
 
 // A datagram from any port of this host, also from one that belongs to another program.

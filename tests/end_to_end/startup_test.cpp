@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/run_paths.h"
@@ -60,6 +62,25 @@ TEST(StartUp, RefusesAWrongCommandLineWithCodeOneAndSaysWhy) {
                     : rest.find(row.message) != std::string::npos && rest.ends_with(kUsage))
         << error;
   }
+}
+
+TEST(StartUp, ShowsUpTo99CharactersOfTheBoardModel) {
+  ASSERT_EQ(mount("tmpfs", "/sys", "tmpfs", 0, nullptr), 0);
+  std::filesystem::create_directories(std::filesystem::path(kBoardModelPath).parent_path());
+  const std::string longest(99, 'm');
+  for (const auto& [file, shown] : std::vector<std::pair<std::string, std::string>>{
+           {std::string("Raspberry Pi 4\0 5", 17), "Raspberry Pi 4"},
+           {"", ""},
+           {longest, longest},
+           {longest + "n", longest},
+           {longest + std::string(200, 'n'), longest}}) {
+    WriteTextFile(kBoardModelPath, file);
+    ChildProcess daemon(DaemonCommand({"--help"}));
+    EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1));
+    EXPECT_EQ(daemon.Error(),
+              "\nOsmo Action Wi-Fi client\nBoard model: " + shown + "\nBoard supported\n" + kUsage);
+  }
+  umount("/sys");
 }
 
 // What all threads of the process may do, put together, as the kernel tells it.
@@ -118,17 +139,23 @@ TEST(StartUp, SaysLittleWithoutOptions) {
 
 TEST(StartUp, TellsItsStepsInOrderWhenVerboseAndSendsToTheLowBitsOfALargePort) {
   ScriptedCamera camera(kOtherCameraPort);  // 65536 less than asked for
+  WriteTextFile(kAccessPointInterfacePath, "wlan1\r\n");
+  // Numbers are decimal, also with a 0 before them; a negative port is none, but not refused.
   ChildProcess daemon(DaemonCommand({"-v", "--iface=ninechars", "-h", kCameraAddress, "--port",
-                                     "74640", "-d", "127.0.0.2", "--dst-port=5001 and more"}));
+                                     "074640", "-d", "127.0.0.2", "--dst-port=-60535 and more"}));
   ASSERT_TRUE(camera.Connect());
-  ASSERT_TRUE(daemon.WaitForLine("Init connection to camera"));
-  EXPECT_EQ(CountLines(daemon.Error(), "--port=74640 is no UDP port, packets go to port 9104"), 1);
+  ASSERT_TRUE(daemon.WaitForLine("Init data bridge server"));
+  for (const char* said : {"--port=74640 is no UDP port, packets go to port 9104",
+                           "--dst-port=-60535 is no UDP port, packets go to port 5001"}) {
+    EXPECT_EQ(CountLines(daemon.Error(), said), 1) << said;
+  }
   EXPECT_TRUE(HasLinesInOrder(
       daemon.Error(),
       {"Board supported", "Using interface ninechars",
-       "Init connection to main application 127.0.0.2:5001", "Done", "Init telemetry buffer",
+       "Init connection to main application 127.0.0.2:-60535", "Done", "Init telemetry buffer",
        "Init frame buffer 60003624 bytes", "Init frame buffer for transcoding 13003624 bytes",
-       "Init connection to camera 192.168.2.1:74640 via iface ninechars"}));
+       "Init connection to camera 192.168.2.1:74640 via iface ninechars",
+       "Init data bridge server for DJI MIMO via iface wlan1  "}));
 }
 
 TEST(StartUp, UnitWaitsForTheNextOneUnlessLatencyIsToBeLow) {
