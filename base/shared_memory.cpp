@@ -5,13 +5,10 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "base/log.h"
 
@@ -37,23 +34,39 @@ std::string Describe(const struct stat& status) {
          std::to_string(status.st_uid) + ")";
 }
 
-// 0 when /proc does not tell. A line of /proc/locks: "1: FLOCK  ADVISORY  WRITE 1234 00:19:5 0 EOF"
+struct flock WholeFile() {
+  struct flock range {};
+  range.l_type = F_WRLCK;
+  range.l_whence = SEEK_SET;
+  return range;
+}
+
+// A lock of the other kind tells whose it is, to every user and in every sandbox; but it would go
+// with any descriptor of the block that the process closes.
+void LeaveProcessNumber(int descriptor) {
+  const struct flock note = WholeFile();
+  fcntl(descriptor, F_SETLK, &note);
+}
+
 pid_t HolderOf(int descriptor) {
-  struct stat status {};
-  fstat(descriptor, &status);
-  std::ifstream locks("/proc/locks");
-  for (std::string line; std::getline(locks, line);) {
-    int holder = 0;
-    unsigned major_number = 0;
-    unsigned minor_number = 0;
-    unsigned long long inode = 0;
-    if (std::sscanf(line.c_str(), "%*d: FLOCK %*s WRITE %d %x:%x:%llu", &holder, &major_number,
-                    &minor_number, &inode) == 4 &&
-        inode == status.st_ino && makedev(major_number, minor_number) == status.st_dev) {
-      return holder;
-    }
+  struct flock note = WholeFile();
+  const bool is_known = fcntl(descriptor, F_GETLK, &note) == 0 && note.l_type != F_UNLCK;
+  return is_known ? note.l_pid : 0;
+}
+
+// Whether a process publishes into what this user may open there.
+bool IsTaken(const char* name, pid_t& holder) {
+  const int descriptor = OpenSharedBlock(name);
+  if (descriptor == -1) {
+    return false;
   }
-  return 0;
+  const bool is_taken = !TakeBlock(descriptor, holder);
+  close(descriptor);
+  return is_taken;
+}
+
+std::string PublishesHere(pid_t holder) {
+  return "another kestrelbridge (process " + std::to_string(holder) + ") publishes here";
 }
 
 SharedBlock Fail(int descriptor, const char* step, int error) {
@@ -77,6 +90,9 @@ OwnBlock OpenOwnBlock(const char* name) {
       continue;
     }
     if (!IsTrusted(found)) {
+      if (pid_t holder = 0; IsTaken(name, holder)) {  // not under its hands
+        return {.problem = PublishesHere(holder)};
+      }
       const std::string problem = Describe(found);
       if (shm_unlink(name) != 0 && errno != ENOENT) {
         return {.problem = problem};
@@ -105,6 +121,7 @@ void CloseToOthers(int descriptor) {
 
 bool TakeBlock(int descriptor, pid_t& holder) {
   if (flock(descriptor, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK) {
+    LeaveProcessNumber(descriptor);
     return true;
   }
   holder = HolderOf(descriptor);

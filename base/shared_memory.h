@@ -29,7 +29,7 @@ struct OwnBlock {
 // Opens the block of that name when it is a plain file of this user or of root, and creates it with
 // mode 0600 where there is none. Whatever else stands there was put there by somebody who would
 // read the video or cut the block short under our hands: it is removed when we may, with a line in
-// the log.
+// the log, unless another daemon publishes into it.
 OwnBlock OpenOwnBlock(const char* name);
 
 // Takes what others, neither owner nor group, may do with our block. Somebody else's stays as it

@@ -51,7 +51,11 @@ endfunction()
 install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
 install(TARGETS kestrelctl RUNTIME DESTINATION bin)
 install_text(kestrelbridge.service.in lib/systemd/system daemon)
-install(PROGRAMS packaging/lib/packet-filter packaging/lib/redirect-rules DESTINATION lib/kestrelbridge)
+install(PROGRAMS packaging/lib/packet-filter packaging/lib/prepare-memory packaging/lib/redirect-rules
+        DESTINATION lib/kestrelbridge)
+foreach(kind IN ITEMS sysusers tmpfiles)
+  install(FILES packaging/systemd/${kind}.conf RENAME kestrelbridge.conf DESTINATION lib/${kind}.d)
+endforeach()
 install_text(default/kestrelbridge.in @sysconfdir@/default daemon KEEP)
 install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
@@ -133,6 +137,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME kestrelbridge)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SHLIBDEPS ON)
+# The group, and the files in /dev/shm.
+set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers, systemd | systemd-standalone-tmpfiles")
 # The phone app's way to the camera, and the packet filter.
 set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS "iptables, nftables")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS ffmpeg)     # a player

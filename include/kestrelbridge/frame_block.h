@@ -40,8 +40,9 @@
 // enough). The daemon wakes all who sleep there after it has stored last_sequence, and after it has
 // zeroed the block. A wake-up is a hint, no more.
 //
-// The objects have mode 0600: run as the same user as the daemon. The mapping stays good when the
-// daemon restarts; only when somebody removes the block by hand a new one takes its place, and
+// Who reads is in the group kestrelbridge, for which the service's block is readable, or the same
+// user as a daemon that was started by hand. The mapping stays good when the daemon restarts; only
+// when somebody removes the block by hand a new one takes its place, and
 // FrameBlockMapping::IsCurrent tells. Nothing here blocks but Wait, or throws but for
 // std::bad_alloc of the unit's vector.
 #pragma once

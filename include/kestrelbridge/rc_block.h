@@ -4,7 +4,7 @@
 // This header is the one definition of the block's layout, for both sides. It depends on the C++17
 // standard library alone and is free to be copied into your project.
 //
-//   The block "/shared_rc_raw", 1504 bytes, mode 0600. Numbers are in the host's byte order.
+//   The block "/shared_rc_raw", 1504 bytes. Numbers are in the host's byte order.
 //
 //   bytes       field             meaning
 //   0-1487      channels          186 values, 64-bit IEEE 754; channel n lies at byte 8 n
@@ -14,11 +14,11 @@
 //
 // A switch is read by its sign alone: above 0 is position +1, below 0 is -1, anything else is 0. A
 // change of position is what acts, and a button has only the way from 0 and back. The daemon looks
-// every 20 ms: hold a position longer than that. It creates the block when there is none. Mode
-// 0600: the process that writes it must run as the same user as the daemon, whoever of the two came
-// first. While the daemon runs, the zeroes of a block that another process has made anew are
-// switches let go; those of a block that the daemon had to make itself, because the old one was
-// gone, are nothing until somebody writes.
+// every 20 ms: hold a position longer than that. The service has a block for the group
+// kestrelbridge, mode 0660; a daemon started by hand creates one of mode 0600 when there is none.
+// While the daemon runs, the zeroes of a block that another process has made anew are switches let
+// go; those of a block that the daemon had to make itself, because the old one was gone, are
+// nothing until somebody writes.
 #pragma once
 
 #include <cstddef>

@@ -78,11 +78,15 @@ camera() {
   camera=$!
 }
 
+# as_user USER COMMAND...: as after a login.
+as_user() {
+  on_box setpriv --reuid "$1" --regid "$1" --init-groups "${@:2}"
+}
+
 # expect_video USER: three seconds of it, as that user reads it.
 expect_video() {
   local statistics line
-  statistics="$(on_box setpriv --reuid "$1" --regid "$1" --clear-groups \
-    kestrelctl video --stats --live --duration 3 2>&1)"
+  statistics="$(as_user "$1" kestrelctl video --stats --live --duration 3 2>&1)" || true
   # The last line sums up.
   grep -qE '\b(units: [1-9]|[1-9][0-9]+ units)' <<<"$statistics" || give_up "no video: $statistics"
   while IFS= read -r line; do say "$line"; done <<<"$statistics"
@@ -180,26 +184,39 @@ on_box iptables -t nat -F PREROUTING
 on_box update-alternatives --auto iptables >/dev/null 2>&1
 done_with 'The rule is there.'
 
-step 'As another user'
-on_box useradd --system pilot
-on_box mkdir -p /run/systemd/system/kestrelbridge.service.d
-on_box sh -c 'printf "[Service]\nUser=pilot\n" >/run/systemd/system/kestrelbridge.service.d/user.conf'
-on_box systemctl daemon-reload
+step 'For users who are not root'
+memory_is_right() {
+  [[ "$(on_box stat --format='%U %G %a' /dev/shm/kestrelbridge_framebuffer{,_transcoding} /dev/shm/shared_rc_raw)" == \
+    $'root kestrelbridge 640\nroot kestrelbridge 660\nroot kestrelbridge 660' ]]
+}
+memory_is_right || give_up "not for the group: $(on_box ls -l /dev/shm)"
+on_box useradd --system --user-group --groups kestrelbridge pilot
+on_box useradd --system --user-group stranger
 on_box systemctl stop kestrelbridge
-on_box sh -c 'rm -f /dev/shm/kestrelbridge_framebuffer* /dev/shm/shared_rc_raw'
-on_box iptables -t nat -F PREROUTING
+on_box sh -c 'rm -f /dev/shm/*; iptables -t nat -F PREROUTING'
+# What others have left, or put there to read along.
+on_box sh -c 'cd /dev/shm && truncate --size 60003624 kestrelbridge_framebuffer && touch shared_rc_raw &&
+  ln -s /etc/passwd kestrelbridge_framebuffer_transcoding && chown -h stranger * && chmod 666 kestrelbridge_framebuffer'
+found="$(on_box stat --format=%i /dev/shm/kestrelbridge_framebuffer)"
+refused="$(as_user pilot sh -c 'kestrelbridge 2>&1; echo code $?')"
+[[ $refused == *'it belongs to user stranger'*'code 2' ]] || give_up "not refused: $refused"
 on_box systemctl start kestrelbridge
-camera 8
-wait_for 10 has_rule || give_up 'no rule as another user'
+memory_is_right || give_up "not mended: $(on_box ls -l /dev/shm)"
+[[ "$(on_box stat --format=%i /dev/shm/kestrelbridge_framebuffer)" != "$found" ]] ||
+  give_up 'the ring is still the one that its maker may have open'
+camera 10
+wait_for 10 has_rule || give_up 'no rule'
 expect_video pilot
-[[ "$(on_box stat --format=%U /dev/shm/kestrelbridge_framebuffer)" == pilot ]] ||
-  give_up 'the ring belongs to somebody else'
+as_user pilot kestrelctl rc record=1 >/dev/null || give_up 'the group may not work the switches'
+if as_user stranger kestrelctl video --stats --live --duration 1 >/dev/null 2>&1; then
+  give_up 'a stranger reads the video'
+fi
+second="$(on_box sh -c 'kestrelbridge 2>&1; echo code $?')"
+[[ $second == *"another kestrelbridge (process $(daemon_pid)) publishes here"*'code 2' ]] ||
+  give_up "a second daemon was not refused: $second"
+memory_is_right || give_up "the second daemon changed something: $(on_box ls -l /dev/shm)"
 wait "$camera"
-on_box rm -r /run/systemd/system/kestrelbridge.service.d
-on_box systemctl daemon-reload
-on_box systemctl stop kestrelbridge
-on_box sh -c 'rm -f /dev/shm/kestrelbridge_framebuffer* /dev/shm/shared_rc_raw; userdel pilot'
-done_with 'Video, rule and status files as user pilot.'
+done_with 'Files of strangers are mended or replaced; the group reads and commands, others do not.'
 
 step 'Remove, install again, purge'
 on_box systemctl start kestrelbridge
@@ -218,4 +235,5 @@ for path in /run/kestrelbridge /dev/shm/kestrelbridge_framebuffer \
   /dev/shm/kestrelbridge_framebuffer_transcoding /dev/shm/shared_rc_raw /etc/default/kestrelbridge; do
   if look test -e "$path"; then give_up "purged, and $path is still there"; fi
 done
-done_with 'Purged: nothing in /run, /dev/shm and /etc.'
+if look getent group kestrelbridge; then give_up 'purged, and the group is still there'; fi
+done_with 'Purged: nothing in /run, /dev/shm and /etc, no group.'

@@ -67,7 +67,7 @@ bool OpensWithParameterSet(const Unit& unit) {
   std::string text =
       std::string("cannot read /dev/shm/") + kFrameBlockName + ": " + std::strerror(error);
   if (error == EACCES) {
-    text += "; run this as the user that the daemon runs as";
+    text += "; sudo adduser $USER kestrelbridge, and log in again";
   }
   throw ToolError(text);
 }

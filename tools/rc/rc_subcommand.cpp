@@ -45,9 +45,10 @@ void Open(RcBlock& block) {
   block.in_trouble = true;  // so it is quiet
   errno = 0;
   if (!OpenRcBlock(block)) {
-    throw ToolError(std::string("cannot use or create the block /dev/shm") + kRcBlockName + ": " +
-                    std::strerror(errno) +
-                    (errno == EACCES ? "; run this as the user that the daemon runs as" : ""));
+    throw ToolError(
+        std::string("cannot use or create the block /dev/shm") + kRcBlockName + ": " +
+        std::strerror(errno) +
+        (errno == EACCES ? "; sudo adduser $USER kestrelbridge, and log in again" : ""));
   }
 }
 
