@@ -69,6 +69,12 @@ std::string FormatNumber(double number, int decimals) {
   return text;
 }
 
+void Latencies::Add(const std::vector<double>& samples) {
+  p50.push_back(Median(samples));
+  p99.push_back(Quantile(samples, 0.99));
+  all.insert(all.end(), samples.begin(), samples.end());
+}
+
 Row MakeRow(const Comparison& comparison) {
   const double ours = Median(comparison.ours);
   // Without anybody to compare with, the spread is that of the figure itself.
@@ -86,6 +92,19 @@ Row MakeRow(const Comparison& comparison) {
            compared ? FormatNumber(ratio, 2) : "-",
            FormatNumber(lowest, 2) + " to " + FormatNumber(highest, 2), FormatAim(comparison),
            FormatResult(comparison, ratio, ours, noisy)}};
+}
+
+Row CompareLatencies(const std::string& what, const std::string& other,
+                     const std::vector<double>& ours, const std::vector<double>& others,
+                     double limit) {
+  return MakeRow({.what = what,
+                  .other = other,
+                  .unit = "us",
+                  .decimals = 1,
+                  .ours = ours,
+                  .others = others,
+                  .aim = limit == 0 ? Comparison::Aim::kNone : Comparison::Aim::kRatioAtMost,
+                  .limit = limit});
 }
 
 std::string FormatTable(const std::vector<Row>& rows) {

@@ -10,6 +10,12 @@ namespace kestrelbridge::bench {
 double Quantile(std::vector<double> samples, double share);
 double Median(const std::vector<double>& samples);
 
+// Samples of all repetitions, and the figures of each. Microseconds.
+struct Latencies {
+  std::vector<double> p50, p99, all;
+  void Add(const std::vector<double>& samples);
+};
+
 // One measured thing: ours and the other's, a pair a repetition, measured one right after the
 // other.
 struct Comparison {
@@ -30,6 +36,11 @@ struct Row {
 
 // what | kestrelbridge | against | ratio | spread of the ratio | aim | met?
 Row MakeRow(const Comparison& comparison);
+
+// Of latencies: a ratio that is to be at most `limit`; 0: shown only.
+Row CompareLatencies(const std::string& what, const std::string& other,
+                     const std::vector<double>& ours, const std::vector<double>& others,
+                     double limit);
 
 // A markdown table, its columns aligned for the terminal.
 std::string FormatTable(const std::vector<Row>& rows);

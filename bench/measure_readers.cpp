@@ -54,27 +54,37 @@ bool AwaitUnit(FrameBlockReader& reader, std::vector<std::uint8_t>& unit) {
   return true;
 }
 
+// The subject with its ring well filled, and a reader at its newest unit.
+struct Stage {
+  Stage(Subject& subject, DatagramStream& stream)
+      : load(subject.camera, stream, RenumberCameraStream) {
+    load.Run({.megabits_per_second = 40, .duration = Seconds{0.5}});
+    ring.emplace();
+  }
+  Load load;
+  std::optional<Ring> ring;
+  std::vector<std::uint8_t> unit;
+};
+
 // From right before the datagram that completes a unit is sent until this very thread, which sleeps
 // in between, holds the unit. The unit's other datagrams have been dealt with by then.
 std::vector<double> MeasureEarly(Subject& subject, DatagramStream& stream) {
-  Load load(subject.camera, stream, RenumberCameraStream);
-  load.Run({.megabits_per_second = 40, .duration = Seconds{0.5}});
-  Ring ring;
-  std::vector<std::uint8_t> unit;
+  Stage stage(subject, stream);
+  FrameBlockReader& reader = *stage.ring->reader;
   std::vector<double> samples;
   Clock::time_point due = Clock::now();
   for (int i = 0; i < kUnits; ++i, due += kPeriod) {
     WaitUntil(due, false);
-    const DatagramStream::Unit& sent_unit = load.NextUnit();
+    const DatagramStream::Unit& sent_unit = stage.load.NextUnit();
     DatagramStream::Unit rest = sent_unit;
     --rest.datagram_count;
     subject.camera.SendUnit(stream, rest, SendWay::kEach);
     WaitUntil(due + kHeadStart, false);
-    while (ring.reader->Next(unit)) {
+    while (reader.Next(stage.unit)) {
     }
     const Clock::time_point sent = Clock::now();
     subject.camera.Send(stream.DatagramsOf(sent_unit).back());
-    if (AwaitUnit(*ring.reader, unit)) {
+    if (AwaitUnit(reader, stage.unit)) {
       samples.push_back(Microseconds(Clock::now() - sent));
     }
     subject.camera.Drain();
@@ -84,18 +94,16 @@ std::vector<double> MeasureEarly(Subject& subject, DatagramStream& stream) {
 
 // The same at 30 units a second, with a daemon that learns from the next unit that one is complete.
 std::vector<double> MeasureDefault(Subject& subject, DatagramStream& stream) {
-  Load load(subject.camera, stream, RenumberCameraStream);
-  load.Run({.megabits_per_second = 40, .duration = Seconds{0.5}});
-  Ring ring;
-  std::vector<std::uint8_t> unit;
+  Stage stage(subject, stream);
+  FrameBlockReader& reader = *stage.ring->reader;
   std::vector<double> samples;
   Clock::time_point due = Clock::now();
   std::optional<Clock::time_point> completed;
   for (int i = 0; i < kUnitsAtFrameTime; ++i, due += kFrameTime) {
     WaitUntil(due, false);
     const Clock::time_point sent = Clock::now();
-    subject.camera.SendUnit(stream, load.NextUnit(), SendWay::kEach);
-    if (AwaitUnit(*ring.reader, unit) && completed) {
+    subject.camera.SendUnit(stream, stage.load.NextUnit(), SendWay::kEach);
+    if (AwaitUnit(reader, stage.unit) && completed) {
       samples.push_back(Microseconds(Clock::now() - *completed));
     }
     completed = sent;
@@ -205,30 +213,6 @@ void MeasureCosts(Subject& subject, DatagramStream& stream, Costs& costs) {
   }
 }
 
-// --- report ------------------------------------------------------------------------------------
-
-struct Latencies {
-  std::vector<double> p50, p99, all;
-
-  void Add(const std::vector<double>& samples) {
-    p50.push_back(Median(samples));
-    p99.push_back(Quantile(samples, 0.99));
-    all.insert(all.end(), samples.begin(), samples.end());
-  }
-};
-
-Row Compare(const std::string& what, const char* other, const std::vector<double>& ours,
-            const std::vector<double>& others, double limit) {
-  return MakeRow({.what = what,
-                  .other = other,
-                  .unit = "us",
-                  .decimals = 1,
-                  .ours = ours,
-                  .others = others,
-                  .aim = limit == 0 ? Comparison::Aim::kNone : Comparison::Aim::kRatioAtMost,
-                  .limit = limit});
-}
-
 }  // namespace
 
 Findings MeasureReaders(const Setting& setting) {
@@ -261,18 +245,19 @@ Findings MeasureReaders(const Setting& setting) {
                     .limit = limit});
   };
   const auto& cost = of_small.daemon_us_per_unit;
-  return {.rows = {Compare(what + "--low-latency, p50", "bare echo", early.p50, echo.p50, 1.3),
-                   Compare(what + "--low-latency, p99", "bare echo", early.p99, echo.p99, 1.3),
-                   Compare(what + "default at 30 units a second, p50", "--low-latency",
-                           by_default.p50, early.p50, 0),
-                   reader_row(small, of_small, 1), reader_row(large, of_large, 0),
-                   Compare("daemon's CPU time per unit, one waiting reader", "no reader", cost[1],
-                           cost[0], 0),
-                   Compare("daemon's CPU time per unit, ten waiting readers", "no reader", cost[2],
-                           cost[0], 0)},
-          .notes = {FormatDistribution("Completing datagram to a waiting reader, --low-latency",
-                                       early.all),
-                    FormatDistribution("A datagram to the bare echo and back", echo.all)}};
+  return {
+      .rows = {CompareLatencies(what + "--low-latency, p50", "bare echo", early.p50, echo.p50, 1.3),
+               CompareLatencies(what + "--low-latency, p99", "bare echo", early.p99, echo.p99, 1.3),
+               CompareLatencies(what + "default at 30 units a second, p50", "--low-latency",
+                                by_default.p50, early.p50, 0),
+               reader_row(small, of_small, 1), reader_row(large, of_large, 0),
+               CompareLatencies("daemon's CPU time per unit, one waiting reader", "no reader",
+                                cost[1], cost[0], 0),
+               CompareLatencies("daemon's CPU time per unit, ten waiting readers", "no reader",
+                                cost[2], cost[0], 0)},
+      .notes = {
+          FormatDistribution("Completing datagram to a waiting reader, --low-latency", early.all),
+          FormatDistribution("A datagram to the bare echo and back", echo.all)}};
 }
 
 }  // namespace kestrelbridge::bench

@@ -22,12 +22,6 @@ constexpr std::chrono::milliseconds kGivenUp{200};
 constexpr int kPhonePeriod = 200;  // datagrams between two of the phone
 constexpr double kMicrosecondsPerSecond = 1e6;
 
-struct Latency {
-  std::vector<double> p50;
-  std::vector<double> p99;
-  std::vector<double> all;
-};
-
 // The phone talks, so that the daemon knows where it is.
 void Talk(const tools::UdpSocket& phone) {
   const ConnectionRequest request = BuildConnectionRequest();
@@ -71,12 +65,6 @@ std::vector<double> MeasureOne(Subject& subject, DatagramStream& stream, bool ph
   return samples;
 }
 
-void Gather(const std::vector<double>& samples, Latency& latency) {
-  latency.p50.push_back(Median(samples));
-  latency.p99.push_back(Quantile(samples, 0.99));
-  latency.all.insert(latency.all.end(), samples.begin(), samples.end());
-}
-
 std::unique_ptr<Subject> StartBridge(const Setting& setting) {
   auto subject = StartDaemon(setting);
   AwaitUdpPort(kPhoneAppPort);
@@ -95,38 +83,26 @@ std::unique_ptr<Subject> StartSocat(const Setting& setting) {
   return subject;
 }
 
-Row Compare(const char* what, const char* other, const std::vector<double>& ours,
-            const std::vector<double>& others, double limit) {
-  return MakeRow({.what = what,
-                  .other = other,
-                  .unit = "us",
-                  .decimals = 1,
-                  .ours = ours,
-                  .others = others,
-                  .aim = Comparison::Aim::kRatioAtMost,
-                  .limit = limit});
-}
-
 }  // namespace
 
 Findings MeasureRelay(const Setting& setting) {
   DatagramStream stream = MakeCameraStream(setting.clip);
-  Latency daemon;
-  Latency echo;
-  Latency socat;
+  Latencies daemon, echo, socat;
   for (int repetition = 1; repetition <= setting.repetitions; ++repetition) {
     std::fprintf(stderr, "    relay, repetition %d of %d\n", repetition, setting.repetitions);
-    Gather(MeasureOne(*StartEcho(setting, kPhonePort), stream, false), echo);
-    Gather(MeasureOne(*StartBridge(setting), stream, true), daemon);
-    Gather(MeasureOne(*StartSocat(setting), stream, false), socat);
+    echo.Add(MeasureOne(*StartEcho(setting, kPhonePort), stream, false));
+    daemon.Add(MeasureOne(*StartBridge(setting), stream, true));
+    socat.Add(MeasureOne(*StartSocat(setting), stream, false));
   }
-  return {.rows = {Compare("relay, camera to phone, p50", "bare echo", daemon.p50, echo.p50, 1.3),
-                   Compare("relay, camera to phone, p99", "bare echo", daemon.p99, echo.p99, 1.3),
-                   Compare("relay, camera to phone, p50", "socat", daemon.p50, socat.p50, 1.0),
-                   Compare("relay, camera to phone, p99", "socat", daemon.p99, socat.p99, 1.0)},
-          .notes = {FormatDistribution("Relay, camera to phone, kestrelbridge", daemon.all),
-                    FormatDistribution("Relay, camera to phone, bare echo", echo.all),
-                    FormatDistribution("Relay, camera to phone, socat", socat.all)}};
+  return {
+      .rows =
+          {CompareLatencies("relay, camera to phone, p50", "bare echo", daemon.p50, echo.p50, 1.3),
+           CompareLatencies("relay, camera to phone, p99", "bare echo", daemon.p99, echo.p99, 1.3),
+           CompareLatencies("relay, camera to phone, p50", "socat", daemon.p50, socat.p50, 1.0),
+           CompareLatencies("relay, camera to phone, p99", "socat", daemon.p99, socat.p99, 1.0)},
+      .notes = {FormatDistribution("Relay, camera to phone, kestrelbridge", daemon.all),
+                FormatDistribution("Relay, camera to phone, bare echo", echo.all),
+                FormatDistribution("Relay, camera to phone, socat", socat.all)}};
 }
 
 }  // namespace kestrelbridge::bench

@@ -44,17 +44,6 @@ std::vector<double> MeasureOne(Subject& subject, DatagramStream& stream) {
   return samples;
 }
 
-// Samples of all repetitions, and the figures of each.
-struct Latencies {
-  std::vector<double> p50, p99, all;
-
-  void Add(const std::vector<double>& samples) {
-    p50.push_back(Median(samples));
-    p99.push_back(Quantile(samples, 0.99));
-    all.insert(all.end(), samples.begin(), samples.end());
-  }
-};
-
 // The subject's core asleep between two units, or kept awake.
 struct Way {
   bool awake = false;
