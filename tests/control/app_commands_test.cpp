@@ -84,8 +84,21 @@ TEST_F(AppCommands, ResolutionWordsAreThoseThatTheCameraTakes) {
                {"1280x720", "04", " 240 200 60 50 48 30 25 24 "}};
   int accepted = 0;
   for (const auto& size : sizes) {
-    for (const auto& [rate, code] : Pairs("24=01|25=02|30=03|48=04|50=05|60=06|90|100=0A|120=07|"
-                                          "200=13|240=08|0|-30|60 |")) {
+    for (const auto& [rate, code] : TextPairs{{"24", "01"},
+                                              {"25", "02"},
+                                              {"30", "03"},
+                                              {"48", "04"},
+                                              {"50", "05"},
+                                              {"60", "06"},
+                                              {"90"},
+                                              {"100", "0A"},
+                                              {"120", "07"},
+                                              {"200", "13"},
+                                              {"240", "08"},
+                                              {"0"},
+                                              {"-30"},
+                                              {"60 "},
+                                              {""}}) {
       const std::string word = size.word + "@" + rate;
       Run(R"({"cmd":"video_resolution","param":")" + word + "\"}");
       const std::string codes = size.code + " " + code;
@@ -138,9 +151,23 @@ TEST_F(AppCommands, TextsThatDoNothing) {
       R"({"cmd":"shot","x":)" + std::string(4'000, '[') + std::string(4'000, ']') + "}",
       std::string(9'997, '{'), R"({"cmd":")" + std::string(9'900, 'x') + "\"}",
       R"({"cmd":"shot","x":1)" + std::string(9'900, '9')};
-  for (const auto& [cmd, ignored] :
-       Pairs("record|camera|wifi|iso|wb|shutter|ev|color|video_mode|video_resolution|video_aspect|"
-             "shotmode|antiflicker|video_std|format|histogram|power")) {
+  for (const auto& [cmd, ignored] : TextPairs{{"record"},
+                                              {"camera"},
+                                              {"wifi"},
+                                              {"iso"},
+                                              {"wb"},
+                                              {"shutter"},
+                                              {"ev"},
+                                              {"color"},
+                                              {"video_mode"},
+                                              {"video_resolution"},
+                                              {"video_aspect"},
+                                              {"shotmode"},
+                                              {"antiflicker"},
+                                              {"video_std"},
+                                              {"format"},
+                                              {"histogram"},
+                                              {"power"}}) {
     for (const char* rest : {"", R"(,"value":"start")", R"(,"param":400)", R"(,"param":["sd"])"}) {
       texts.push_back(R"({"cmd":")" + cmd + "\"" + rest + "}");
     }

@@ -51,8 +51,12 @@ TEST_F(RemoteControl, EverySwitchActsOnAChangeOfPosition) {
   };
   std::vector<Row> rows = {{140, "Camera set mode video", "Camera set mode video"},
                            {139, "Camera shot", "Camera shot"}};
-  for (const auto& [name, channel] :
-       Pairs("image mode=153|ISO=156|shutter value=159|color mode=165|WB=168|EV=172")) {
+  for (const auto& [name, channel] : TextPairs{{"image mode", "153"},
+                                               {"ISO", "156"},
+                                               {"shutter value", "159"},
+                                               {"color mode", "165"},
+                                               {"WB", "168"},
+                                               {"EV", "172"}}) {
     const std::string next = "Camera set next " + name;
     const std::string prev = "Camera set prev " + name;
     const std::size_t stepper = std::stoul(channel);
@@ -61,7 +65,8 @@ TEST_F(RemoteControl, EverySwitchActsOnAChangeOfPosition) {
     rows.push_back({button, next, next});
     rows.push_back({button + 1, prev, prev});
   }
-  const auto moves = Pairs("0.25=+|0.25|1e300|-5e-324=-|-inf|nan|inf=+|-0.0|0.25=+|0");
+  const auto moves = TextPairs{{"0.25", "+"}, {"0.25"},     {"1e300"}, {"-5e-324", "-"}, {"-inf"},
+                               {"nan"},       {"inf", "+"}, {"-0.0"},  {"0.25", "+"},    {"0"}};
   std::vector<bool> is_watched(values_.channels.size());
   for (const Row& row : rows) {
     is_watched[row.channel] = true;
@@ -137,9 +142,24 @@ TEST_F(RemoteControl, TakesAPhotoWhenTheCameraLeavesVideoModeAsARecordingStarts)
 TEST_F(RemoteControl, SliderSetsTheExposureCompensation) {
   values_.slider_enabled = true;
   // The memory starts at -1.
-  for (const auto& [value, ev] :
-       Pairs("-1|0=0.0|0.04|0.06=0.3|nan|0.06|1=3.0|inf|1e300|-1e300=-3.0|-inf|-1.0000001|-0.9|"
-             "-0.89=-2.7|inf=3.0|nan|-0.0=0.0|1=3.0")) {
+  for (const auto& [value, ev] : TextPairs{{"-1"},
+                                           {"0", "0.0"},
+                                           {"0.04"},
+                                           {"0.06", "0.3"},
+                                           {"nan"},
+                                           {"0.06"},
+                                           {"1", "3.0"},
+                                           {"inf"},
+                                           {"1e300"},
+                                           {"-1e300", "-3.0"},
+                                           {"-inf"},
+                                           {"-1.0000001"},
+                                           {"-0.9"},
+                                           {"-0.89", "-2.7"},
+                                           {"inf", "3.0"},
+                                           {"nan"},
+                                           {"-0.0", "0.0"},
+                                           {"1", "3.0"}}) {
     EXPECT_EQ(Move(171, std::strtod(value.c_str(), nullptr)),
               ev.empty() ? "" : "Camera set EV " + ev + "\n")
         << value;

@@ -36,23 +36,58 @@ TEST_F(SteppingCommands, GoToTheNeighbourRoundAndRoundAndFromAnyOtherWordAsFromT
     void (*next)();
     void (*prev)();
     std::string name;
-    std::string log;    // comes before the new word
-    const char* words;  // in order, "word" or "word=as logged"
+    std::string log;  // comes before the new word
+    TextPairs words;  // in order, with what is logged where that differs
   } rows[] = {
-      {NextImageMode, PrevImageMode, "image mode", "Camera set video mode ", "auto|manual"},
-      {NextShutter, PrevShutter, "shutter value", "new shutter value = ",
-       "8\"|7\"|6\"|5\"|4\"|3.2\"|3\"|2.5\"|2\"|1.6\"|1.3\"|1\"|1/1.25|1/1.67|1/2|1/2.5|1/3|1/4|"
-       "1/5|1/6.25|1/8|1/10|1/12.5|1/15|1/20|1/25|1/30|1/40|1/50|1/60|1/80|1/100|1/120|1/160|1/200|"
-       "1/240|1/320|1/400|1/500|1/640|1/800|1/1000|1/1250|1/1600|1/2000|1/2500|1/3200|1/4000|"
-       "1/5000|1/6400|1/8000"},
-      {NextIso, PrevIso, "ISO", "Camera set iso ", "0|100|200|400|800|1600|3200"},
-      {NextEv, PrevEv, "EV", "Camera set EV ",
-       "-3.0|-2.7|-2.3|-2.0|-1.7|-1.3|-1.0|-0.7|-0.3|0=0.0|+0.3=0.3|+0.7=0.7|+1.0=1.0|+1.3=1.3|"
-       "+1.7=1.7|+2.0=2.0|+2.3=2.3|+2.7=2.7|+3.0=3.0"},
-      {NextColor, PrevColor, "color mode", "Set color ", "none|d-clike"},
+      {NextImageMode,
+       PrevImageMode,
+       "image mode",
+       "Camera set video mode ",
+       {{"auto"}, {"manual"}}},
+      {NextShutter,
+       PrevShutter,
+       "shutter value",
+       "new shutter value = ",
+       {{"8\""},    {"7\""},    {"6\""},    {"5\""},    {"4\""},    {"3.2\""},  {"3\""},
+        {"2.5\""},  {"2\""},    {"1.6\""},  {"1.3\""},  {"1\""},    {"1/1.25"}, {"1/1.67"},
+        {"1/2"},    {"1/2.5"},  {"1/3"},    {"1/4"},    {"1/5"},    {"1/6.25"}, {"1/8"},
+        {"1/10"},   {"1/12.5"}, {"1/15"},   {"1/20"},   {"1/25"},   {"1/30"},   {"1/40"},
+        {"1/50"},   {"1/60"},   {"1/80"},   {"1/100"},  {"1/120"},  {"1/160"},  {"1/200"},
+        {"1/240"},  {"1/320"},  {"1/400"},  {"1/500"},  {"1/640"},  {"1/800"},  {"1/1000"},
+        {"1/1250"}, {"1/1600"}, {"1/2000"}, {"1/2500"}, {"1/3200"}, {"1/4000"}, {"1/5000"},
+        {"1/6400"}, {"1/8000"}}},
+      {NextIso,
+       PrevIso,
+       "ISO",
+       "Camera set iso ",
+       {{"0"}, {"100"}, {"200"}, {"400"}, {"800"}, {"1600"}, {"3200"}}},
+      {NextEv,
+       PrevEv,
+       "EV",
+       "Camera set EV ",
+       {{"-3.0"},
+        {"-2.7"},
+        {"-2.3"},
+        {"-2.0"},
+        {"-1.7"},
+        {"-1.3"},
+        {"-1.0"},
+        {"-0.7"},
+        {"-0.3"},
+        {"0", "0.0"},
+        {"+0.3", "0.3"},
+        {"+0.7", "0.7"},
+        {"+1.0", "1.0"},
+        {"+1.3", "1.3"},
+        {"+1.7", "1.7"},
+        {"+2.0", "2.0"},
+        {"+2.3", "2.3"},
+        {"+2.7", "2.7"},
+        {"+3.0", "3.0"}}},
+      {NextColor, PrevColor, "color mode", "Set color ", {{"none"}, {"d-clike"}}},
   };
   for (const auto& row : rows) {
-    const auto words = Pairs(row.words);
+    const TextPairs& words = row.words;
     const std::size_t count = words.size();
     const auto line_to = [&](std::size_t position) {
       const auto& [word, logged] = words[position % count];

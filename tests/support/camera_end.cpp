@@ -57,16 +57,4 @@ std::string CameraEnd::Log() {
   return log;
 }
 
-std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table) {
-  std::vector<std::pair<std::string, std::string>> pairs;
-  for (std::size_t start = 0; start <= table.size();) {
-    const std::size_t end = std::min(table.find('|', start), table.size());
-    const std::string_view pair = table.substr(start, end - start);
-    const std::size_t middle = std::min(pair.find('='), pair.size());
-    pairs.emplace_back(pair.substr(0, middle), pair.substr(std::min(middle + 1, pair.size())));
-    start = end + 1;
-  }
-  return pairs;
-}
-
 }  // namespace kestrelbridge::test

@@ -35,7 +35,11 @@ class CameraEnd : public testing::Test {
   std::uint16_t next_sequence_ = 0;
 };
 
-// A table in one text, "word=code|word=code|word", taken apart.
-std::vector<std::pair<std::string, std::string>> Pairs(std::string_view table);
+// A word that is given, and what comes of it.
+struct TextPair {
+  std::string first;
+  std::string second = {};
+};
+using TextPairs = std::vector<TextPair>;
 
 }  // namespace kestrelbridge::test
