@@ -17,6 +17,10 @@ inline constexpr char kVideoHeightPath[] = "/run/kestrelbridge/video_height";
 // The daemon's counters, written anew every second (app/metrics.h).
 inline constexpr char kMetricsPath[] = "/run/kestrelbridge/metrics.prom";
 
+// Where kestrelshare answers every program: records of the telemetry, and commands.
+inline constexpr char kShareTelemetryPath[] = "/run/kestrelbridge/telemetry";
+inline constexpr char kShareControlPath[] = "/run/kestrelbridge/control";
+
 // The board's name, NUL-terminated by the firmware; absent on anything but such a board.
 inline constexpr char kBoardModelPath[] = "/sys/firmware/devicetree/base/model";
 

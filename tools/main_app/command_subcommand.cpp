@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -13,8 +14,10 @@
 #include <utility>
 #include <vector>
 
+#include "base/run_paths.h"
 #include "tools/common/foreign_text.h"
 #include "tools/common/host_port.h"
+#include "tools/common/local_socket.h"
 #include "tools/common/number_option.h"
 #include "tools/common/tool_error.h"
 #include "tools/main_app/command_forms.h"
@@ -34,7 +37,7 @@ constexpr double kMaxRate = 1e6;
 struct CommandLine {
   std::vector<std::string> words;
   std::string json;
-  std::string listen = kDefaultTelemetryPlace;
+  std::string listen;  // empty: see TelemetrySocket
   std::string to;
   bool force = false;
   bool wait = false;
@@ -65,7 +68,7 @@ std::optional<ReceivedRecord> NextRecord(TelemetrySocket& telemetry, Clock::time
       return received;
     }
     if (!received) {
-      static_cast<void>(telemetry.socket().WaitForDatagram(left));
+      telemetry.Wait(left);
     }
   }
   return std::nullopt;
@@ -80,22 +83,17 @@ ReceivedRecord FirstRecord(TelemetrySocket& telemetry, bool need_text) {
     }
   }
   throw ToolError(std::string("no ") + (need_text ? "text record of the telemetry" : "telemetry") +
-                  " has arrived on " + HostPortText(telemetry.socket().Local()) +
+                  " has arrived on " + telemetry.Place() +
                   " within 3 s: does the daemon run, has its camera spoken, does it send to this "
                   "place (--listen)? Without telemetry, --to HOST:PORT tells where the daemon "
                   "listens");
 }
 
-void SendDatagram(const UdpSocket& socket, std::span<const std::uint8_t> datagram, UdpPeer to) {
-  if (!socket.Send(datagram, to)) {
-    const int error = errno;
-    throw ToolError("cannot send " + std::to_string(datagram.size()) + " bytes to " +
-                    HostPortText(to) + ": " + std::strerror(error));
-  }
-}
+// Sends one datagram; false, with errno set, when that fails.
+using Sender = std::function<bool(std::span<const std::uint8_t> datagram)>;
 
 // On a schedule, so that a late one does not delay all others.
-void SendCommand(const UdpSocket& socket, const std::string& json, UdpPeer to,
+void SendCommand(const Sender& send, const std::string& json, const std::string& place,
                  const CommandLine& line) {
   const std::string text = "!" + json;
   const std::vector<std::uint8_t> datagram(text.begin(), text.end());
@@ -106,17 +104,30 @@ void SendCommand(const UdpSocket& socket, const std::string& json, UdpPeer to,
           start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                       static_cast<double>(sent) / line.times_per_second)));
     }
-    SendDatagram(socket, datagram, to);
+    if (!send(datagram)) {
+      throw ToolError("cannot send " + std::to_string(datagram.size()) + " bytes to " + place +
+                      ": " + std::strerror(errno));
+    }
   }
   const std::string often = line.times == 1 ? "" : std::to_string(line.times) + " times ";
-  std::printf("sent %sto %s: %s\n", often.c_str(), HostPortText(to).c_str(),
-              PrintableText(text).c_str());
+  std::printf("sent %sto %s: %s\n", often.c_str(), place.c_str(), PrintableText(text).c_str());
   std::fflush(stdout);
 }
 
-void SendWithoutTelemetry(const std::string& json, UdpPeer to, const CommandLine& line) {
-  const UdpSocket socket(UdpPeer{});  // any address, any port
-  SendCommand(socket, json, to, line);
+void SendByUdp(const UdpSocket& socket, const std::string& json, UdpPeer to,
+               const CommandLine& line) {
+  SendCommand([&](auto datagram) { return socket.Send(datagram, to); }, json, HostPortText(to),
+              line);
+}
+
+void SendByShare(const std::string& json, const CommandLine& line) {
+  LocalSocket control;
+  if (!control.Connect(kShareControlPath)) {
+    throw ToolError(
+        std::string(kShareControlPath) + ": " + std::strerror(errno) +
+        (errno == EACCES ? "; sudo adduser $USER kestrelbridge, and log in again" : ""));
+  }
+  SendCommand([&](auto datagram) { return control.Send(datagram); }, json, kShareControlPath, line);
 }
 
 void WaitForEffect(TelemetrySocket& telemetry, const CommandEffect& effect, TelemetryRecord before,
@@ -150,16 +161,22 @@ void RunCommand(const CommandLine& line) {
   }
   const auto to = ParseHostPort(line.to);
   if (to && !line.wait) {
-    SendWithoutTelemetry(request.json, *to, line);
+    SendByUdp(UdpSocket(UdpPeer{}), request.json, *to, line);  // any address, any port
     return;
   }
-  TelemetrySocket telemetry(*ParseHostPort(line.listen),
+  TelemetrySocket telemetry(line.listen,
                             line.wait ? "the effect can't be watched meanwhile: leave out --wait, "
                                         "and say with --to HOST:PORT where the daemon listens"
                                       : "say with --to HOST:PORT where the daemon listens: it is "
                                         "the sender of the telemetry");
   ReceivedRecord first = FirstRecord(telemetry, line.wait);
-  SendCommand(telemetry.socket(), request.json, to.value_or(first.sender), line);
+  if (telemetry.Udp() != nullptr) {
+    SendByUdp(*telemetry.Udp(), request.json, to.value_or(first.sender), line);
+  } else if (to) {
+    SendByUdp(UdpSocket(UdpPeer{}), request.json, *to, line);
+  } else {
+    SendByShare(request.json, line);
+  }
   if (line.wait) {
     WaitForEffect(telemetry, request.effect, std::move(first.record), line.timeout_s);
   }
@@ -168,7 +185,8 @@ void RunCommand(const CommandLine& line) {
 std::string Footer() {
   return "Commands, with the words that they take:\n" + CommandFormsText() +
          "\nThe daemon's command port is where its telemetry comes from, and so changes with each "
-         "start of the daemon; it is learnt from a datagram of the telemetry. Nobody acknowledges "
+         "start of the daemon; it is learnt from a datagram of the telemetry. Where kestrelshare "
+         "runs, the command goes by way of it, beside the main application. Nobody acknowledges "
          "a command: the telemetry shows what the camera did, see --wait.\n"
          "Exit code: 0; 1 when something is wrong with the command or the network; 3 when the "
          "effect was waited for and not seen.\n\n"
@@ -211,7 +229,7 @@ void AddCommandSubcommand(CLI::App& app) {
   command->add_option("--listen", line->listen, "Where the daemon sends its telemetry")
       ->type_name("HOST:PORT")
       ->check(HostPortValidator())
-      ->capture_default_str();
+      ->default_str(kTelemetryPlaceText);
   command->add_option("--to", line->to, "The daemon's command port, instead of learning it")
       ->type_name("HOST:PORT")
       ->check(HostPortValidator());

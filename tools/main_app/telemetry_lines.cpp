@@ -79,14 +79,19 @@ std::string JsonContent(const TelemetryRecord& record) {
 
 }  // namespace
 
+std::string SenderText(UdpPeer sender) {
+  return sender.address == kShareSender.address && sender.port == 0 ? "kestrelshare"
+                                                                    : HostPortText(sender);
+}
+
 std::string PlainLine(const TelemetryRecord& record, UdpPeer sender) {
-  return std::string(RecordTypeName(record.type)) + " " + HostPortText(sender) + " " +
+  return std::string(RecordTypeName(record.type)) + " " + SenderText(sender) + " " +
          PlainContent(record);
 }
 
 std::string JsonLine(const TelemetryRecord& record, UdpPeer sender) {
   return "{\"type\":" + JsonString(RecordTypeName(record.type)) +
-         ",\"sender\":" + JsonString(HostPortText(sender)) + JsonContent(record) + "}";
+         ",\"sender\":" + JsonString(SenderText(sender)) + JsonContent(record) + "}";
 }
 
 }  // namespace kestrelbridge::tools

@@ -8,6 +8,12 @@
 
 namespace kestrelbridge::tools {
 
+// Who seems to send what came by way of the share.
+inline constexpr UdpPeer kShareSender{.address = 0x7F, .port = 0};
+
+// HOST:PORT, or "kestrelshare".
+std::string SenderText(UdpPeer sender);
+
 // For people: "text 127.0.0.1:40000 camera_detected=1,...". Printable ASCII only.
 std::string PlainLine(const TelemetryRecord& record, UdpPeer sender);
 

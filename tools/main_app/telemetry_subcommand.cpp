@@ -31,7 +31,7 @@ constexpr double kMaxSeconds = 1e7;
 constexpr double kMaxRecords = 1e15;
 
 struct CommandLine {
-  std::string listen = kDefaultTelemetryPlace;
+  std::string listen;  // empty: see TelemetrySocket
   bool json = false;
   bool lines = false;
   std::uint64_t count = 0;  // 0: no limit
@@ -67,10 +67,10 @@ class SilenceNotice {
 struct Run {
   explicit Run(const CommandLine& command_line)
       : line(command_line),
-        telemetry(*ParseHostPort(line.listen),
+        telemetry(line.listen,
                   "end it, or have the daemon send elsewhere "
                   "(--dst-port) and choose that place with --listen"),
-        silence(HostPortText(telemetry.socket().Local())),
+        silence(telemetry.Place()),
         end(line.duration_s),
         screen(output),
         view(Clock::now()),
@@ -125,7 +125,7 @@ void Redraw(Run& run) {
 void Follow(Run& run) {
   bool goes_on = true;
   while (goes_on && !run.output.closed()) {
-    if (run.end.WaitForInput(run.telemetry.socket().Descriptor(), kPause, STDOUT_FILENO)) {
+    if (run.end.WaitForInput(run.telemetry.Descriptor(), kPause, STDOUT_FILENO)) {
       return;
     }
     goes_on = ShowArrived(run);
@@ -141,7 +141,7 @@ void Follow(Run& run) {
 void RunTelemetry(const CommandLine& line) {
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
   Run run(line);
-  std::fprintf(stderr, "listening on %s\n", HostPortText(run.telemetry.socket().Local()).c_str());
+  std::fprintf(stderr, "listening on %s\n", run.telemetry.Place().c_str());
   Follow(run);
   if (run.on_screen) {
     Redraw(run);  // the last record, too
@@ -152,7 +152,8 @@ void RunTelemetry(const CommandLine& line) {
 constexpr char kFooter[] =
     "On a terminal: a view that is drawn over itself, the latest value of everything. Into a pipe "
     "or file, or with --lines: a line per record. What is no record of the daemon's is shown as "
-    "unknown. Only one program at a time can listen; the main application is one.\n"
+    "unknown. Where kestrelshare runs, any number of programs can listen; else only one, and the "
+    "main application is one.\n"
     "Ends with Ctrl-C, SIGTERM, --count, --duration or when the pipe is closed. Exit code: 0, or 1 "
     "when something could not be done.\n\n"
     "  kestrelctl telemetry\n"
@@ -167,7 +168,7 @@ void AddTelemetrySubcommand(CLI::App& app) {
   command->add_option("--listen", line->listen, "Where the daemon sends its telemetry")
       ->type_name("HOST:PORT")
       ->check(HostPortValidator())
-      ->capture_default_str();
+      ->default_str(kTelemetryPlaceText);
   command->add_flag("--json", line->json, "A JSON object per record, each on a line of its own");
   command->add_flag("--lines", line->lines, "A line per record, on a terminal, too");
   command->add_option("--count", line->count, "End after so many records")

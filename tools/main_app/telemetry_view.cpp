@@ -9,6 +9,7 @@
 
 #include "tools/common/foreign_text.h"
 #include "tools/common/host_port.h"
+#include "tools/main_app/telemetry_lines.h"
 
 namespace kestrelbridge::tools {
 namespace {
@@ -119,7 +120,7 @@ void TelemetryView::Take(const TelemetryRecord& record, UdpPeer sender, Time now
 
 std::string TelemetryView::Title(Time now) const {
   std::string title = "kestrelbridge telemetry from ";
-  title += sender_.port == 0 ? "nobody yet" : HostPortText(sender_);
+  title += sender_.address == 0 ? "nobody yet" : SenderText(sender_);
   if (now - last_record_ >= kSilence) {
     title += ", silent for " +
              std::to_string(std::chrono::duration_cast<seconds>(now - last_record_).count()) + " s";
