@@ -1,7 +1,7 @@
 # What `cmake --install` installs, and the Debian packages that cpack makes of it (scripts/package).
 #
 #   component   package             holds
-#   daemon      kestrelbridge       daemon, kestrelctl, service, manual pages, documentation, a clip
+#   daemon      kestrelbridge       daemon, kestrelshare, kestrelctl, service, manual pages, documentation, a clip
 #   dev         kestrelbridge-dev   the headers of the shared memory, for other programs
 #
 # The layout is Debian's, below any prefix. The prefix /usr stands for the system's own packages:
@@ -49,15 +49,17 @@ endfunction()
 # --- daemon -----------------------------------------------------------------------------------
 
 install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
-install(TARGETS kestrelctl RUNTIME DESTINATION bin)
+install(TARGETS kestrelctl kestrelshare RUNTIME DESTINATION bin)
 install_text(kestrelbridge.service.in lib/systemd/system daemon)
+install_text(kestrelbridge-share.service.in lib/systemd/system daemon)
 install(PROGRAMS packaging/lib/packet-filter packaging/lib/prepare-memory packaging/lib/redirect-rules
-        DESTINATION lib/kestrelbridge)
+        packaging/lib/telemetry-way DESTINATION lib/kestrelbridge)
 foreach(kind IN ITEMS sysusers tmpfiles)
   install(FILES packaging/systemd/${kind}.conf RENAME kestrelbridge.conf DESTINATION lib/${kind}.d)
 endforeach()
 install_text(default/kestrelbridge.in @sysconfdir@/default daemon KEEP)
 install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
+install_text(man/kestrelshare.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
 install(FILES packaging/completion/kestrelctl DESTINATION share/bash-completion/completions)
 install(FILES tools/clips/test-pattern-720p30.h264 DESTINATION share/kestrelbridge/clips)
@@ -137,7 +139,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME kestrelbridge)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SHLIBDEPS ON)
-# The group, and the files in /dev/shm.
+# The users, and the files in /dev/shm and /run.
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers, systemd | systemd-standalone-tmpfiles")
 # The phone app's way to the camera, and the packet filter.
 set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS "iptables, nftables")

@@ -62,12 +62,13 @@ units_of() {
 daemon_pid() { on_box systemctl show --value --property MainPID kestrelbridge; }
 restarts() { on_box systemctl show --value --property NRestarts kestrelbridge; }
 has_two_rules() { [[ "$(rules)" == 2 ]]; }
-has_filter() { on_box nft list tables | grep -q kestrelbridge; }
+# grep to its end: who still writes when it has gone would fail.
+has_filter() { on_box nft list tables | grep kestrelbridge >/dev/null; }
 has_rule() { [[ "$(rules)" -ge 1 ]]; }
-log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -q -- "$1"; }
+log_has() { on_box journalctl --no-pager --unit kestrelbridge --output cat | grep -- "$1" >/dev/null; }
 has_restarted_since() { [[ "$(restarts)" -gt $1 ]]; }
 switch_has_acted() {
-  on_box kestrelctl stats --json --count 1 | grep -q '"source":"remote_control","value":[1-9]'
+  on_box kestrelctl stats --json --count 1 | grep '"source":"remote_control","value":[1-9]' >/dev/null
 }
 rules() { on_box iptables -t nat -S PREROUTING 2>/dev/null | grep -c -- '--to-ports 9004' || true; }
 
@@ -94,10 +95,13 @@ expect_video() {
 
 step 'The service, as the package enabled it'
 wait_for 60 look systemctl is-active kestrelbridge || give_up 'the service did not start at boot'
-look systemctl is-enabled kestrelbridge || give_up 'the service is not enabled'
-on_box systemd-analyze verify --man=no /usr/lib/systemd/system/kestrelbridge.service || give_up 'the unit has faults'
-on_box systemd-analyze security --threshold=22 kestrelbridge.service | tail -n 1 ||
-  give_up 'the service may do too much'
+wait_for 10 look systemctl is-active kestrelbridge-share || give_up 'the share did not start at boot'
+for service in kestrelbridge kestrelbridge-share; do
+  look systemctl is-enabled $service || give_up "$service is not enabled"
+  on_box systemd-analyze verify --man=no /usr/lib/systemd/system/$service.service || give_up "the unit $service has faults"
+  on_box systemd-analyze security --threshold=22 $service.service | tail -n 1 ||
+    give_up "$service may do too much"
+done
 done_with 'It runs since the boot.'
 
 step 'With options, a camera and an access point'
@@ -218,16 +222,63 @@ memory_is_right || give_up "the second daemon changed something: $(on_box ls -l 
 wait "$camera"
 done_with 'Files of strangers are mended or replaced; the group reads and commands, others do not.'
 
+step 'Telemetry for many'
+camera 60
+main_app() { # SECONDS: a main application, in the background
+  on_box kestrelctl telemetry --listen 127.0.0.1:5000 --lines --duration "$1" >"$main_app_log" &
+  main_app=$!
+}
+main_app_log="$(mktemp)"
+telemetry_comes() { [[ "$(wc -l <"$main_app_log")" -gt $1 ]]; }
+share_pid() { on_box systemctl show --value --property MainPID kestrelbridge-share; }
+main_app 20
+wait_for 15 telemetry_comes 5 || give_up 'nothing comes to the main application'
+as_user stranger kestrelctl telemetry --lines --count 5 --duration 10 2>&1 | grep ' kestrelshare ' >/dev/null ||
+  give_up 'nothing comes to another program beside it'
+as_user pilot kestrelctl command iso 800 --wait >/dev/null || give_up 'a command by the share had no effect'
+if as_user stranger kestrelctl command iso 100 >/dev/null 2>&1; then give_up 'a stranger commands'; fi
+done_with 'It comes to port 5000 and to any number of others; the group commands.'
+[[ "$(on_box stat --format='%U %G %a' /run/kestrelbridge)" == 'root kestrelbridge-share 1775' ]] ||
+  give_up 'the folder is not as it should be'
+for attempt in 'rm -f metrics.prom' 'mv -f share.prom metrics.prom' ': >metrics.prom'; do
+  if as_user kestrelbridge-share sh -c "cd /run/kestrelbridge && $attempt" 2>/dev/null; then
+    give_up "the share may replace a file of the daemon's: $attempt"
+  fi
+done
+before="$(share_pid)"
+on_box sh -c "kill -KILL $before"
+restarted() { [[ "$(share_pid)" != 0 && "$(share_pid)" != "$before" ]]; }
+wait_for 5 restarted || give_up 'the share was not started again'
+lines="$(wc -l <"$main_app_log")"
+wait_for 3 telemetry_comes "$((lines + 5))" || give_up 'telemetry did not resume'
+wait "$main_app"
+done_with 'The share touches no file of the daemon, and is started again.'
+on_box sh -c 'echo KESTRELBRIDGE_SHARE=no >>/etc/default/kestrelbridge'
+on_box systemctl restart kestrelbridge kestrelbridge-share
+wait_for 10 look systemctl is-active kestrelbridge || give_up 'not started: without the share'
+if look systemctl is-active kestrelbridge-share; then give_up 'the share runs though it was turned off'; fi
+on_box kestrelctl telemetry --lines --count 3 --duration 15 2>&1 | grep ' 127.0.0.1:' >/dev/null ||
+  give_up 'without the share, no telemetry on port 5000'
+on_box sed -i /SHARE/d /etc/default/kestrelbridge
+on_box systemctl restart kestrelbridge kestrelbridge-share
+wait_for 10 look systemctl is-active kestrelbridge-share || give_up 'the share did not come back'
+kill "$camera" 2>/dev/null || true
+wait "$camera" || true
+rm "$main_app_log"
+done_with 'KESTRELBRIDGE_SHARE=no: straight to port 5000.'
+
 step 'Remove, install again, purge'
 on_box systemctl start kestrelbridge
 wait_for 10 has_rule || give_up 'no rule'
 on_box dpkg --remove kestrelbridge >/dev/null 2>&1
-if look systemctl is-active kestrelbridge; then give_up 'removed, and still running'; fi
+for service in kestrelbridge kestrelbridge-share; do
+  if look systemctl is-active $service; then give_up "$service is removed, and still running"; fi
+done
 [[ "$(rules)" == 0 ]] || give_up 'removed, and its rules are still there'
 look test -e /etc/default/kestrelbridge || give_up 'removing took the settings away'
 done_with 'Removed: stopped, its rules are gone, the settings stay.'
 on_box dpkg --install /root/kestrelbridge.deb >/dev/null 2>&1
-wait_for 10 look systemctl is-active kestrelbridge || give_up 'installed again, and not running'
+wait_for 10 look systemctl is-active kestrelbridge kestrelbridge-share || give_up 'installed again, and not running'
 wait_for 10 look test -e /dev/shm/shared_rc_raw || give_up 'installed again, and no block'
 done_with 'Installed again: it runs.'
 on_box dpkg --purge kestrelbridge >/dev/null 2>&1
@@ -235,5 +286,7 @@ for path in /run/kestrelbridge /dev/shm/kestrelbridge_framebuffer \
   /dev/shm/kestrelbridge_framebuffer_transcoding /dev/shm/shared_rc_raw /etc/default/kestrelbridge; do
   if look test -e "$path"; then give_up "purged, and $path is still there"; fi
 done
-if look getent group kestrelbridge; then give_up 'purged, and the group is still there'; fi
-done_with 'Purged: nothing in /run, /dev/shm and /etc, no group.'
+if on_box getent group | grep kestrelbridge || on_box getent passwd | grep kestrelbridge; then
+  give_up 'purged, and its users are still there'
+fi
+done_with 'Purged: nothing in /run, /dev/shm and /etc, no users.'

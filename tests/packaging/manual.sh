@@ -31,6 +31,8 @@ expect_same() {
 # The usage text is an interface, and stays as it was before this option.
 expect_same kestrelbridge "$({ help_options kestrelbridge && echo --low-latency; } | sort)" "$(page_options kestrelbridge.8.in)"
 
+expect_same kestrelshare "$(help_options kestrelshare)" "$(page_options kestrelshare.8.in)"
+
 subcommands="$("$bin/kestrelctl" --help | sed -nE '/^Subcommands:/,/^$/ s/^  ([a-z]+) .*/\1/p')"
 expect_same 'kestrelctl: subcommands' "$subcommands" \
   "$(sed -nE 's/^\.SS ([a-z]+)$/\1/p' "$pages/kestrelctl.1.in")"
