@@ -1,7 +1,9 @@
 // The writer of the frame ring, seen from another process.
 #include "video/frame_buffers.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -140,6 +142,22 @@ TEST(FrameBuffers, OurOwnBlockStaysWithItsGroupAndWithoutTheOthers) {
     EXPECT_EQ(after.st_mode & ALLPERMS, row.left);
     EXPECT_EQ(after.st_ino, before.st_ino);
   }
+}
+
+TEST(FrameBuffers, AnotherUsersBlockIsLeftToTheDaemonThatPublishesThere) {
+  const std::string path = std::string("/dev/shm/") + kFrameBlockName;
+  std::ofstream(path) << "a stranger's";
+  const int publishers = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(flock(publishers, LOCK_EX | LOCK_NB), 0);
+  if (chown(path.c_str(), 1234, 1234) != 0) {
+    std::puts("this user namespace knows no other user: it is our own, then");
+  }
+  CaptureStderr();
+  EXPECT_EQ(InitFrameBuffers(), -1);
+  EXPECT_NE(GetCapturedStderr().find("publishes here\n"), std::string::npos);
+  EXPECT_EQ(ReadFile(path), "a stranger's");
+  close(publishers);
+  std::filesystem::remove(path);
 }
 
 // Needs a second user. Where the namespace has none, scripts/check-package is the test.
