@@ -96,11 +96,12 @@ TEST_P(LogIntoFull, NobodyWaitsLinesAreWholeAndTheMissingOnesAreCounted) {
   const int given_flags = fcntl(ends[1], F_GETFL);
   const Ends gate = JournalLike();  // the process has gate[1]
   const Logger logger(ends, [&] {
-    rlimit no_descriptor_left{.rlim_cur = 3, .rlim_max = 3};
-    if (!GetParam().may_open_anew) {
-      setrlimit(RLIMIT_NOFILE, &no_descriptor_left);
-    }
+    rlimit given{};
+    getrlimit(RLIMIT_NOFILE, &given);
+    const rlimit no_descriptor_left{.rlim_cur = 3, .rlim_max = given.rlim_max};
+    setrlimit(RLIMIT_NOFILE, GetParam().may_open_anew ? &given : &no_descriptor_left);
     OpenLog();
+    setrlimit(RLIMIT_NOFILE, &given);
     std::array<std::thread, kThreads> threads;
     for (int i = 0; i < kThreads; ++i) {
       threads[static_cast<std::size_t>(i)] = std::thread(LogMuch, i);

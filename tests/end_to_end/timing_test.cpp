@@ -1,5 +1,7 @@
 // How often things happen: each period of the daemon, within five per cent, both ways. A machine
-// that is busy lets a thread run late, never early: hence the shortest of many intervals.
+// that is busy lets a thread run late, never early: hence the shortest of many intervals is held
+// against the upper bound. Now and then a thread sleeps in the middle of its round, too (for a
+// page, for a lock of the allocator), so the one in the middle is held against the lower bound.
 
 #include <gtest/gtest.h>
 
@@ -26,17 +28,19 @@ using Seconds = std::chrono::duration<double>;
 struct Moment {
   Clock::time_point not_before, not_after;
 };
-struct Interval {
-  Seconds least = Seconds::max(), most = Seconds::max();
-  void TakeShorter(Moment from, Moment to) {
-    least = std::min<Seconds>(least, to.not_before - from.not_after);
-    most = std::min<Seconds>(most, to.not_after - from.not_before);
+struct Intervals {
+  std::vector<Seconds> least, most;
+  void Take(Moment from, Moment to) {
+    least.emplace_back(to.not_before - from.not_after);
+    most.emplace_back(to.not_after - from.not_before);
   }
 };
 
-void ExpectPeriod(const Interval& shortest, Seconds period, const std::string& what) {
-  EXPECT_LE(shortest.least.count(), 1.05 * period.count()) << what;
-  EXPECT_GE(shortest.most.count(), 0.95 * period.count()) << what;
+void ExpectPeriod(Intervals seen, Seconds period, const std::string& what) {
+  ASSERT_FALSE(seen.most.empty()) << what;
+  std::ranges::sort(seen.most);
+  EXPECT_LE(std::ranges::min(seen.least).count(), 1.05 * period.count()) << what;
+  EXPECT_GE(seen.most[seen.most.size() / 2].count(), 0.95 * period.count()) << what;
 }
 
 // Looks until the condition holds.
@@ -74,11 +78,10 @@ std::uint64_t Sleeps(const std::string& status_path) {
   return key == std::string::npos ? 0 : std::stoull(status.substr(key + 25));
 }
 
-// A thread that has nothing to do but its round sleeps once a round. (Now and then it sleeps for
-// something else, which is soon over.)
-Interval ShortestRound(pid_t process, const std::string& thread, Seconds period, int rounds) {
+// A thread that has nothing to do but its round sleeps once a round.
+Intervals Rounds(pid_t process, const std::string& thread, Seconds period, int rounds) {
   const std::string status = ThreadStatus(process, thread);
-  Interval shortest;
+  Intervals seen;
   std::uint64_t sleeps = Sleeps(status);
   const auto next_sleep = [&] {
     return Observe([&] { return std::exchange(sleeps, Sleeps(status)) != sleeps; }, period / 200);
@@ -87,11 +90,11 @@ Interval ShortestRound(pid_t process, const std::string& thread, Seconds period,
   for (int round = 0; round < rounds; ++round) {
     const Moment next = next_sleep();
     if (next.not_after - last.not_before > period / 2) {
-      shortest.TakeShorter(last, next);
+      seen.Take(last, next);
     }
     last = next;
   }
-  return shortest;
+  return seen;
 }
 
 struct Round {
@@ -104,8 +107,7 @@ void ExpectRounds(pid_t process, const std::vector<Round>& rounds) {
   for (const Round& round : rounds) {
     observers.emplace_back([=] {
       const int count = std::max(4, static_cast<int>(Seconds(1.5) / round.period));
-      ExpectPeriod(ShortestRound(process, round.thread, round.period, count), round.period,
-                   round.thread);
+      ExpectPeriod(Rounds(process, round.thread, round.period, count), round.period, round.thread);
     });
   }
   for (std::thread& observer : observers) {
@@ -135,7 +137,7 @@ TEST(Timing, EveryThreadKeepsItsPeriod) {
 }
 
 TEST(Timing, TheStartPausesForASecond) {
-  Interval shortest;
+  Intervals seen;
   for (int start = 0; start < 3; ++start) {
     const auto before = Clock::now();
     ChildProcess daemon(DaemonCommand({"--verbose"}));
@@ -144,9 +146,9 @@ TEST(Timing, TheStartPausesForASecond) {
     };
     Moment pause_begins = said("Board supported");
     pause_begins.not_before = before;
-    shortest.TakeShorter(pause_begins, said("Using interface"));
+    seen.Take(pause_begins, said("Using interface"));
   }
-  ExpectPeriod(shortest, Seconds(1), "start-up");
+  ExpectPeriod(seen, Seconds(1), "start-up");
 }
 
 }  // namespace

@@ -21,8 +21,8 @@ class BitWriter {
     return U(length - 1, 0).U(length, code);
   }
   BitWriter& Se(std::int32_t value) {
-    return Ue(value > 0 ? static_cast<std::uint32_t>(2 * value - 1)
-                        : static_cast<std::uint32_t>(-2 * value));
+    const std::int64_t twice = 2 * std::int64_t{value};
+    return Ue(static_cast<std::uint32_t>(value > 0 ? twice - 1 : -twice));
   }
   std::size_t size() const { return bits_.size(); }
   std::vector<std::uint8_t> Bytes() const {
