@@ -10,10 +10,11 @@ namespace kestrelbridge::test {
 // How long a test waits for what should happen at once. Generous, because machines are slow and
 // busy and a deadline that is met costs nothing; KESTRELBRIDGE_DEADLINE_FACTOR multiplies it.
 inline std::chrono::milliseconds Patience() {
-  constexpr std::chrono::seconds kPatience{30};
+  constexpr std::chrono::duration<double> kPatience{30};
   const char* text = std::getenv("KESTRELBRIDGE_DEADLINE_FACTOR");
-  const int factor = text == nullptr ? 1 : std::atoi(text);
-  return kPatience * (factor > 0 ? factor : 1);
+  const double factor = text == nullptr ? 1 : std::atof(text);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(kPatience *
+                                                               (factor > 0 ? factor : 1));
 }
 
 // Asks every few milliseconds until the condition holds. Returns false when it still does not at
