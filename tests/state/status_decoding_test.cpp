@@ -79,6 +79,7 @@ TEST_F(StatusDecoding, NumbersOfAPushShowInTheTelemetryText) {
       {test::kSettings, 40, {0x01, 0x80, 0x19}, "shutter", "1/1.25"},
       {test::kSettings, 2, {0x03, 0x00, 0x02}, "shutter_set", "3.2\""},
       {test::kSettings, 40, {0xFF, 0x00, 0xFF}, "shutter", "255.255\""},
+      {test::kSettings, 40, {0xFF, 0x00, 0x00}, "shutter", "255\""},
       {test::kSettings, 40, {0x00, 0x00, 0x00}, "shutter", "0\""},
       {test::kSettings, 40, {0x00, 0x80, 0x05}, "shutter", "1/0.5"},
       {test::kSettings, 40, {0x05, 0x01, 0x00}, "shutter", ""},

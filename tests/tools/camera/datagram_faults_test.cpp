@@ -30,7 +30,8 @@ Passage Send(int datagrams, const tools::FaultRates& rates, std::uint64_t seed) 
   };
   for (int number = 0; number < datagrams; ++number) {
     Bytes datagram(8, static_cast<std::uint8_t>(number));
-    faults.Pass(datagram, arrive);
+    const tools::DatagramFate fate = faults.Pass(datagram, arrive);
+    EXPECT_FALSE(fate.lost && (fate.duplicated || fate.reordered || fate.corrupted));
   }
   faults.Flush(arrive);
   return passage;
