@@ -14,8 +14,8 @@
 #include "net/udp_endpoint.h"
 #include "support/child_process.h"
 #include "support/eventually.h"
+#include "support/peer_socket.h"
 #include "support/temporary_folder.h"
-#include "support/udp_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -33,7 +33,7 @@ TEST(ServiceWatchdog, AThreadHangsWhenItStaysInsideOneDatagramAndNotWhenItWaitsF
   };
   ASSERT_EQ(Open(endpoint, 0), 0);
   AttachBuffer(endpoint, buffer);
-  const UdpSocket sender;
+  const PeerSocket sender;
   ReceiveWatch watch{.counters = &counters};
   const auto send = [&](int count) {
     sender.Send(std::array<std::uint8_t, 1>{'x'},

@@ -12,7 +12,7 @@
 #include "camera/command_frame_sender.h"
 #include "camera/crc.h"
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 #include "tools/wire/packet_check.h"
 
 namespace kestrelbridge::test {
@@ -66,7 +66,7 @@ TEST(PacketFormat, AcknowledgementIsABareWrapper) {
 // A camera that has sent the sequence 3, and a command of 14 bytes whose sequence and CRC-16 the
 // caller left as rubbish.
 TEST(FrameSender, StampsWrapsAndCountsEveryCommand) {
-  UdpSocket camera;
+  PeerSocket camera;
   BeCameraAt(camera);
   CameraLink& link = GetCameraLink();
   link.port += 0x10000;  // packets go to the low 16 bits

@@ -43,9 +43,9 @@ UdpAddress LocalPort(std::uint16_t port) { return {.host = "127.0.0.1", .port = 
 // The real daemon, and the test as each of its neighbours.
 struct Stage {
   ScriptedCamera camera{kOtherCameraPort};
-  UdpSocket main_app{LocalPort(5000)};
-  UdpSocket phone;
-  UdpSocket stranger;
+  PeerSocket main_app{LocalPort(5000)};
+  PeerSocket phone;
+  PeerSocket stranger;
   ChildProcess daemon{DaemonCommandFor(kOtherCameraPort)};
 };
 
@@ -225,9 +225,9 @@ const Step kSteps[] = {
       {"sent bytes phone", kByMoreThan, 0}}},
     {"another phone, which takes over twice",
      [](Stage& stage) {
-       const UdpSocket other({.host = "127.0.0.2", .port = 0});
-       const UdpSocket same_with_another_port;
-       for (const UdpSocket* phone : std::initializer_list<const UdpSocket*>{
+       const PeerSocket other({.host = "127.0.0.2", .port = 0});
+       const PeerSocket same_with_another_port;
+       for (const PeerSocket* phone : std::initializer_list<const PeerSocket*>{
                 &stage.phone, &same_with_another_port, &other, &stage.phone, &other}) {
          phone->Send(Bytes(20), LocalPort(kPhonePort));
        }
@@ -386,7 +386,7 @@ void ChangeAddress(const char* verb, const char* address) {
 }
 
 // Whatever reaches its port counts as the camera's.
-void SpeakAsCamera(const UdpSocket& camera, const ChildProcess& daemon) {
+void SpeakAsCamera(const PeerSocket& camera, const ChildProcess& daemon) {
   for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
     if (bound.port != kPhonePort) {
       camera.Send(CommandDataDatagram(1, EmptyCommandData()), LocalPort(bound.port));
@@ -401,8 +401,8 @@ TEST(Counters, CountWhatCannotBeSent) {
   ChildProcess daemon(DaemonCommand({"--host", kNowhere, "--dst-host", kNowhere}));
   ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
   ChangeAddress("add", kPhone);
-  const UdpSocket phone({.host = kPhone, .port = 0});
-  const UdpSocket camera;
+  const PeerSocket phone({.host = kPhone, .port = 0});
+  const PeerSocket camera;
   std::map<std::string, std::uint64_t> counters;
   EXPECT_TRUE(Eventually([&] {
     phone.Send(Bytes(20), {.host = kPhone, .port = kPhonePort});
@@ -428,7 +428,7 @@ TEST(Counters, CountWhatTheKernelDroppedAndAreWrittenAsSoonAsThereIsAFolder) {
   std::filesystem::remove("/run/kestrelbridge");
   ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));  // nobody there, so no link to lose
   ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
-  const UdpSocket flood;
+  const PeerSocket flood;
   daemon.Kill(SIGSTOP);
   std::uint64_t drops = 0;
   std::uint64_t phone_drops = 0;

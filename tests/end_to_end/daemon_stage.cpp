@@ -178,7 +178,7 @@ testing::AssertionResult Serves(DaemonRun& run, RingWatcher& ring) {
   return testing::AssertionFailure() << "the unit did not get through:\n" << run.daemon.Error();
 }
 
-void SendAppText(const UdpSocket& main_application, std::string_view text) {
+void SendAppText(const PeerSocket& main_application, std::string_view text) {
   const auto telemetry = main_application.Receive();
   ASSERT_TRUE(telemetry) << "no telemetry";
   main_application.Send(Bytes(text.begin(), text.end()), telemetry->sender);

@@ -15,9 +15,9 @@
 #include "kestrelbridge/frame_block.h"
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
+#include "support/peer_socket.h"
 #include "support/sandbox.h"
 #include "support/temporary_folder.h"
-#include "support/udp_socket.h"
 
 namespace kestrelbridge::test {
 
@@ -78,7 +78,7 @@ class ScriptedCamera {
   int packets_received() const { return packets_received_; }
 
  private:
-  UdpSocket socket_;
+  PeerSocket socket_;
   UdpAddress daemon_;
   std::uint16_t sequence_ = 0;
   int packets_received_ = 0;
@@ -123,7 +123,7 @@ Bytes NewUnit(std::size_t size = 3000);
 testing::AssertionResult Serves(DaemonRun& run, RingWatcher& ring);
 
 // Sends a text as the main application does: to where telemetry comes from.
-void SendAppText(const UdpSocket& main_application, std::string_view text);
+void SendAppText(const PeerSocket& main_application, std::string_view text);
 
 inline constexpr char kTestPattern[] =
     KESTRELBRIDGE_SOURCE_DIR "/tools/clips/test-pattern-720p30.h264";

@@ -60,7 +60,7 @@ TEST_P(ExitUnderFullTraffic, IsTheDocumentedOne) {
   const Flood second(ports, BusyTraffic(2));
   const Flood third(ports, BusyTraffic(3));
   ASSERT_TRUE(Eventually([&] { return third.sent_per_port() > kFullTraffic; }));
-  const UdpSocket sender;
+  const PeerSocket sender;
   for (const auto& run : runs) {
     if (by_silence) {
       run->camera.FallSilent();

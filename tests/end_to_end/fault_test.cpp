@@ -106,7 +106,7 @@ void DaemonIsStoppedForAWhile() {
   ASSERT_TRUE(WaitForBridge(run.daemon.pid()));
   std::atomic<bool> talking{true};
   std::thread phone([&] {
-    const UdpSocket socket;
+    const PeerSocket socket;
     while (talking) {
       socket.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
       std::this_thread::sleep_for(milliseconds{50});
@@ -276,7 +276,7 @@ void MainApplicationIsAbsentAndReturns() {
   run.camera.Send(CommandDataDatagram(1, EmptyCommandData()));
   for (int visit = 0; visit < 2; ++visit) {
     PassTwoSeconds(run.camera);
-    const UdpSocket main_application({.host = "127.0.0.1", .port = 5000});
+    const PeerSocket main_application({.host = "127.0.0.1", .port = 5000});
     SendAppText(main_application, R"(!{"cmd":"shot"})");
     EXPECT_TRUE(CameraGetsCommand(run.camera, kShotId));
   }
@@ -292,8 +292,8 @@ void ServeAtOnce(const char* log_line = "Camera connection found") {
 }
 
 void PhonePortIsTaken() {
-  const UdpSocket phone;
-  UdpSocket taken({.host = "0.0.0.0", .port = kPhonePort});
+  const PeerSocket phone;
+  PeerSocket taken({.host = "0.0.0.0", .port = kPhonePort});
   ServeAtOnce("9004 cannot be had, so no phone app: Address already in use, see ss -ulnp");
   phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
   EXPECT_TRUE(taken.Receive()) << "the daemon has taken it from its owner";
@@ -342,7 +342,7 @@ void MetricsFileTakesForEver() {
   ASSERT_TRUE(WaitForBridge(run.daemon.pid())) << run.daemon.Error();
   ASSERT_TRUE(Eventually([] { return fs::exists(kMetricsPath); }));
   const StoppedThread writer(run.daemon.pid(), "metrics");
-  const UdpSocket phone;
+  const PeerSocket phone;
   for (int visit = 1; visit <= 2; ++visit) {
     phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
     EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found", Patience(), visit));
@@ -402,7 +402,7 @@ void ClockIsStepped(milliseconds step) {
   SetClock clock;
   DaemonRun run(clock.Daemon());
   ASSERT_TRUE(WaitForBridge(run.daemon.pid())) << run.daemon.Error();
-  const UdpSocket phone;
+  const PeerSocket phone;
   for (int visit = 1; visit <= 2; ++visit) {
     phone.Send(Bytes{1}, {.host = "127.0.0.1", .port = kPhonePort});
     ASSERT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found", Patience(), visit));

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 
@@ -36,7 +36,7 @@ class Flood {
   int sent_per_port() const { return sent_per_port_; }
 
  private:
-  const UdpSocket socket_;
+  const PeerSocket socket_;
   std::atomic<bool> stop_{false};
   std::atomic<int> sent_per_port_{0};
   std::thread thread_;

@@ -67,7 +67,7 @@ TEST(HostileDatagrams, OfEveryLengthOnEveryPortLeaveTheDaemonServing) {
   const std::vector<BoundPort> ports = UdpPortsOf(run.daemon.pid());
   ASSERT_EQ(ports.size(), 4U);
 
-  const UdpSocket enemy;
+  const PeerSocket enemy;
   std::mt19937 random(1);
   std::size_t waiting = 0;
   for (std::size_t length = 1; length <= kLongest; ++length) {

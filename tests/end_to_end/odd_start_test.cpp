@@ -108,7 +108,7 @@ TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
   EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
   EXPECT_EQ(CountLines(daemon.Error(), "there is no camera"), 1);
   // Nor does a stray datagram at the camera's end go round: it is followed by silence.
-  const UdpSocket stranger;
+  const PeerSocket stranger;
   for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
     if (bound.port != kPhonePort) {
       stranger.Send(Bytes(20), {.host = "127.0.0.1", .port = bound.port});
@@ -162,7 +162,7 @@ TEST(OddStart, TakesNoneOfItsOwnSocketsForThePhone) {
   EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
   EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_phone\""), 0U);
   EXPECT_EQ(CountLines(run.daemon.Error(), "DJI MIMO"), 0) << run.daemon.Error();
-  const UdpSocket phone;
+  const PeerSocket phone;
   phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhonePort});
   EXPECT_TRUE(run.daemon.WaitForLine("DJI MIMO connection found"));
 }

@@ -232,7 +232,7 @@ class PhoneSocket {
   }
 
  private:
-  UdpSocket socket_ = MakeOnHost<UdpSocket>("phone", UdpAddress{"10.42.0.2", 0});
+  PeerSocket socket_ = MakeOnHost<PeerSocket>("phone", UdpAddress{"10.42.0.2", 0});
 };
 
 class ScriptedPhoneNetwork : public PhoneNetwork {
@@ -334,7 +334,7 @@ TEST_F(ScriptedPhoneNetwork, TheDaemonLeavesTheTalkingToThePhoneForAsLongAsItIsT
     EXPECT_TRUE(TakeFromPhone());
   }
   EXPECT_EQ(FromDaemon(), from_daemon) << "the daemon talked, too";
-  SendAppText(MakeOnHost<UdpSocket>("box", UdpAddress{.host = "127.0.0.1", .port = 5000}),
+  SendAppText(MakeOnHost<PeerSocket>("box", UdpAddress{.host = "127.0.0.1", .port = 5000}),
               R"(!{"cmd":"record","param":"start"})");
   EXPECT_TRUE(TakeUntil(tools::PacketType::kCommand));
   EXPECT_EQ(FromDaemon(), from_daemon + 1);

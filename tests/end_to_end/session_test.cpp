@@ -25,7 +25,7 @@ TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
 
 TEST(Session, AsksForTheCameraAlsoWhileAPhoneIsThere) {
   DaemonRun run;
-  const UdpSocket phone;
+  const PeerSocket phone;
   int requests = 0;
   EXPECT_TRUE(Eventually([&] {
     const bool found = CountLines(run.daemon.Error(), "DJI MIMO connection found") > 0;
@@ -76,7 +76,7 @@ TEST(Session, KeepsTheLinkAliveOnceCommandDataHasArrived) {
 }
 
 TEST(Session, EndsWithCodeThreeAtAnEmptyDatagramOnAnyPort) {
-  const UdpSocket sender;
+  const PeerSocket sender;
   for (std::size_t index = 0, ports = 1; index < ports; ++index) {
     ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
     ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();

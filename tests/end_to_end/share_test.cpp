@@ -53,7 +53,7 @@ struct Ends {
   }
 
   ScriptedCamera camera{kOtherCameraPort};
-  UdpSocket main_app{{.host = "127.0.0.1", .port = 5000}};
+  PeerSocket main_app{{.host = "127.0.0.1", .port = 5000}};
 };
 
 TEST(SharedTelemetry, ResumesWhicheverOfThemStartsAgain) {
@@ -81,7 +81,7 @@ TEST(SharedTelemetry, ResumesWhicheverOfThemStartsAgain) {
 // While the main application has its place.
 TEST(SharedTelemetry, IsThereForTheToolsBesideAMainApplication) {
   ForgetEarlierRuns();
-  const UdpSocket main_app({.host = "127.0.0.1", .port = 5000});
+  const PeerSocket main_app({.host = "127.0.0.1", .port = 5000});
   ChildProcess share(ShareCommand());
   ASSERT_TRUE(Eventually([] { return access(kShareControlPath, F_OK) == 0; })) << share.Error();
   ChildProcess camera(CameraTool(kTestPattern, 30, {"--loop"}, kCameraPort));

@@ -48,7 +48,7 @@ class Telemetry : public testing::Test {
     return letters;
   }
 
-  UdpSocket main_application_{{.host = "127.0.0.1", .port = 5000}};
+  PeerSocket main_application_{{.host = "127.0.0.1", .port = 5000}};
   ScriptedCamera camera_;
   ChildProcess daemon_{DaemonCommand()};
 };

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "support/eventually.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -129,7 +129,7 @@ UdpEndpoint& StartEndpoint(bool clear_before_receive = false) {
   return endpoint;
 }
 
-void SendAndWait(const UdpSocket& sender, const UdpEndpoint& endpoint, std::size_t length = 1) {
+void SendAndWait(const PeerSocket& sender, const UdpEndpoint& endpoint, std::size_t length = 1) {
   const int before = datagrams;
   sender.Send(std::vector<std::uint8_t>(length, 0x42),
               {.host = "127.0.0.1", .port = LocalPort(endpoint)});
@@ -139,14 +139,14 @@ void SendAndWait(const UdpSocket& sender, const UdpEndpoint& endpoint, std::size
 TEST(UdpEndpoint, ReportsTheFirstDatagramAsFoundBeforeItIsHandedOver) {
   UdpEndpoint& endpoint = StartEndpoint();
   at_found.Set([&] { EXPECT_FALSE(LinkIsUp(endpoint)) << "first it is reported"; });
-  UdpSocket sender;
+  PeerSocket sender;
   SendAndWait(sender, endpoint, 5);
   EXPECT_EQ(last_length, 5U);
   EXPECT_EQ(LastSeen().sender, "127.0.0.1");
   EXPECT_EQ(last_port, sender.port());
   EXPECT_EQ(Peer(endpoint).port, sender.port());
   EXPECT_EQ(Peer(endpoint).address, htonl(INADDR_LOOPBACK));
-  UdpSocket second;
+  PeerSocket second;
   SendAndWait(second, endpoint, 5);
   EXPECT_EQ(Peer(endpoint).port, second.port()) << "the peer is followed to another port";
   EXPECT_EQ(Events(), "found datagram");
@@ -156,7 +156,7 @@ TEST(UdpEndpoint, LosesTheLinkAfterMoreThanItsTimeoutAndFindsItAgain) {
   UdpEndpoint& endpoint = StartEndpoint();
   CheckLink(endpoint);
   EXPECT_EQ(Events(), "") << "never up, so never lost";
-  UdpSocket sender;
+  PeerSocket sender;
   SendAndWait(sender, endpoint);
   at_lost.Set([&] {
     EXPECT_TRUE(LinkIsUp(endpoint)) << "first it is reported";
@@ -179,7 +179,7 @@ TEST(UdpEndpoint, LosesTheLinkAfterMoreThanItsTimeoutAndFindsItAgain) {
 
 TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
   UdpEndpoint& endpoint = StartEndpoint();
-  UdpSocket sender;
+  PeerSocket sender;
   SendAndWait(sender, endpoint);
   endpoint.on_lost = nullptr;
   clock_ms += 5000;
@@ -189,7 +189,7 @@ TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
 }
 
 TEST(UdpEndpoint, CutsALongDatagramToTheBufferAndTerminatesATextHoweverLongItIs) {
-  UdpSocket sender;
+  PeerSocket sender;
   SendAndWait(sender, StartEndpoint(), kBufferSize + 5000);
   EXPECT_EQ(last_length, kBufferSize);
   EXPECT_EQ(LastSeen().buffer[kBufferSize], kGuardByte);
@@ -206,7 +206,7 @@ TEST(UdpEndpoint, CutsALongDatagramToTheBufferAndTerminatesATextHoweverLongItIs)
 
 TEST(UdpEndpoint, SendsOnlyToDottedDecimalAddresses) {
   UdpEndpoint& endpoint = StartEndpoint();
-  UdpSocket receiver;
+  PeerSocket receiver;
   const std::array<std::uint8_t, 3> data = {1, 2, 3};
   EXPECT_EQ(SendTo(endpoint, data, "127.0.0.1", receiver.port()), 3);
   EXPECT_EQ(receiver.Receive()->bytes, (std::vector<std::uint8_t>{1, 2, 3}));
@@ -222,9 +222,9 @@ TEST(UdpEndpoint, SendsOnlyToDottedDecimalAddresses) {
 TEST(UdpEndpoint, ADatagramThatComesWhileTheLossIsReportedIsTheFirstOfTheNextLink) {
   for (const bool from_another : {false, true}) {
     UdpEndpoint& endpoint = StartEndpoint();
-    const UdpSocket first;
-    const UdpSocket second;
-    const UdpSocket& in_between = from_another ? second : first;
+    const PeerSocket first;
+    const PeerSocket second;
+    const PeerSocket& in_between = from_another ? second : first;
     SendAndWait(first, endpoint);
     clock_ms += 5000;
     at_lost.Set([&] { SendAndWait(in_between, endpoint); });
@@ -239,7 +239,7 @@ TEST(UdpEndpoint, ADatagramThatComesWhileTheLossIsReportedIsTheFirstOfTheNextLin
 
 TEST(UdpEndpoint, ALinkThatIsTakenDownWhileADatagramIsBeingRecordedIsFoundByIt) {
   UdpEndpoint& endpoint = StartEndpoint();
-  const UdpSocket sender;
+  const PeerSocket sender;
   SendAndWait(sender, endpoint);
   clock_ms += 5000;
   at_clock.Set([&] { CheckLink(endpoint); });  // the receive thread's look at the clock
@@ -252,7 +252,7 @@ TEST(UdpEndpoint, ALinkThatIsTakenDownWhileADatagramIsBeingRecordedIsFoundByIt) 
 TEST(UdpEndpoint, ADatagramThatComesWhileTheWatchdogReadsTheClockKeepsTheLink) {
   for (const std::uint32_t age_ms : {10U, 5000U}) {
     UdpEndpoint& endpoint = StartEndpoint();
-    const UdpSocket sender;
+    const PeerSocket sender;
     SendAndWait(sender, endpoint);
     clock_ms += age_ms;
     at_clock.Set([&] {  // the clock has been read already: the datagram is younger
@@ -267,14 +267,14 @@ TEST(UdpEndpoint, ADatagramThatComesWhileTheWatchdogReadsTheClockKeepsTheLink) {
 TEST(UdpEndpoint, ALinkIsNotStaleAtOnceWhenItTookLongToReportItAsFound) {
   UdpEndpoint& endpoint = StartEndpoint();
   at_found.Set([] { clock_ms += 5000; });
-  SendAndWait(UdpSocket(), endpoint);
+  SendAndWait(PeerSocket(), endpoint);
   CheckLink(endpoint);
   EXPECT_EQ(Events(), "found datagram");
 }
 
 TEST(UdpEndpoint, InputThatWaitsKeepsTheLinkForOneStepOfTheWatchdog) {
   UdpEndpoint& endpoint = StartEndpoint();
-  const UdpSocket sender;
+  const PeerSocket sender;
   const UdpAddress address = {.host = "127.0.0.1", .port = LocalPort(endpoint)};
   std::string expected = "found datagram";
   for (const int steps : {1, 2, 1, 3}) {  // and after each the link is up again

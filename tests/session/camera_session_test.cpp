@@ -17,8 +17,8 @@
 #include "session/camera_stream.h"
 #include "state/camera_state.h"
 #include "support/camera_datagrams.h"
+#include "support/peer_socket.h"
 #include "support/pushes.h"
-#include "support/udp_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -53,7 +53,7 @@ TEST(CameraSession, WhatCannotBeSentTakesANumberAllTheSame) {
        },
        GetCounters().app_command_frames},
   };
-  UdpSocket camera;
+  PeerSocket camera;
   for (const bool sendable : {true, false}) {
     BeCameraAt(camera);
     CameraLink& link = GetCameraLink();
@@ -89,10 +89,10 @@ TEST(CameraSession, CommandDataIsLookedAtOnceMoreThan500BytesHaveGathered) {
 
 // A push waits for whoever holds the record, and the phone for the push.
 TEST(CameraSession, ADatagramIsTakenInBeforeThePhoneGetsIt) {
-  UdpSocket camera;
+  PeerSocket camera;
   BeCameraAt(camera);
   ASSERT_EQ(InitPhoneAppBridge("127.0.0.1", camera.port(), "lo"), 0);
-  const UdpSocket phone;
+  const PeerSocket phone;
   phone.Send(Bytes(20), {.host = "127.0.0.1", .port = kPhoneAppPort});
   ASSERT_TRUE(Eventually(PhoneAppConnected));
   std::unique_lock record(GetCameraState().mutex);

@@ -11,7 +11,7 @@
 #include "kestrelbridge/frame_block.h"
 #include "session/camera_session.h"
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 #include "video/frame_buffers.h"
 
 namespace {
@@ -59,7 +59,7 @@ namespace kestrelbridge::test {
 namespace {
 
 TEST(DatagramPath, AllocatesNothingAndTakesNoLock) {
-  UdpSocket camera;
+  PeerSocket camera;
   BeCameraAt(camera);
   ASSERT_EQ(InitFrameBuffers(), 0);
   std::vector<Bytes> datagrams;

@@ -13,8 +13,8 @@
 #include "share/local_client.h"
 #include "support/camera_datagrams.h"
 #include "support/child_process.h"
+#include "support/peer_socket.h"
 #include "support/temporary_folder.h"
-#include "support/udp_socket.h"
 #include "tools/stats/metrics_reading.h"
 
 namespace kestrelbridge::test {
@@ -85,8 +85,8 @@ struct Stage {
   }
 
   TemporaryFolder folder;
-  UdpSocket daemon;
-  UdpSocket main_app{{.host = "127.0.0.1", .port = 5000}};
+  PeerSocket daemon;
+  PeerSocket main_app{{.host = "127.0.0.1", .port = 5000}};
   UdpAddress share_place;  // where the main application answers
   std::unique_ptr<ChildProcess> share;
 };
@@ -159,7 +159,7 @@ TEST(Share, RefusesWhatIsNoWholeCommandForADaemonThatIsThere) {
   ASSERT_TRUE(commander.Send(Bytes(100'000, '!')));
   ASSERT_TRUE(stage.main_app.Send({}, stage.share_place));  // would end the daemon
   ASSERT_TRUE(stage.main_app.Send(too_long, stage.share_place));
-  const UdpSocket stranger({.host = "127.0.0.2", .port = 0});
+  const PeerSocket stranger({.host = "127.0.0.2", .port = 0});
   ASSERT_TRUE(stranger.Send(BytesOf("not the main application's"), stage.share_place));
   ASSERT_TRUE(stage.main_app.Send(longest, stage.share_place));
   EXPECT_TRUE(stage.DaemonGets(longest)) << "the first that the daemon gets";

@@ -10,8 +10,8 @@
 #include "net/clock.h"
 #include "state/main_app_link_record.h"
 #include "state/status_decoding.h"
+#include "support/peer_socket.h"
 #include "support/pushes.h"
-#include "support/udp_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -143,7 +143,7 @@ TEST(Telemetry, TheTextGoesOutAsOneDatagramWithoutANulAndOnlyWhereItCan) {
   state.iso = 400;
   const std::string record = TextOf(BuildTextRecord(state));
   const int length = static_cast<int>(record.size());
-  const UdpSocket receiver;
+  const PeerSocket receiver;
   MainAppLink& link = GetMainAppLink();
   ASSERT_EQ(Open(link.command_endpoint, 0), 0);
   const struct {

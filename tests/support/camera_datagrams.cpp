@@ -18,7 +18,7 @@ constexpr std::uint8_t kNonIdrPicture = 0x41;
 
 }  // namespace
 
-void BeCameraAt(const UdpSocket& camera) {
+void BeCameraAt(const PeerSocket& camera) {
   CameraLink& link = GetCameraLink();
   if (Open(link.endpoint, 0) != 0) {
     throw std::runtime_error("the camera's endpoint cannot be opened");

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 
@@ -14,7 +14,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 // From now on what the daemon's pieces in this process send to the camera arrives at this socket,
 // numbered from 0.
-void BeCameraAt(const UdpSocket& camera);
+void BeCameraAt(const PeerSocket& camera);
 
 // A datagram of the camera: 20-byte transport wrapper and payload. Kinds: camera/packet_format.h.
 Bytes CameraDatagram(std::uint8_t kind, std::uint16_t sequence,

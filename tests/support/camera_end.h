@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 
@@ -29,7 +29,7 @@ class CameraEnd : public testing::Test {
   // What was logged since the last call.
   static std::string Log();
 
-  UdpSocket camera_;
+  PeerSocket camera_;
 
  private:
   std::uint16_t next_sequence_ = 0;

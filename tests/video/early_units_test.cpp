@@ -12,7 +12,7 @@
 #include "kestrelbridge/frame_block.h"
 #include "session/camera_stream.h"
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 #include "tools/camera/clip.h"
 #include "video/frame_buffers.h"
 #include "video/parameter_set_bits.h"
@@ -86,7 +86,7 @@ class Player {
     return packets;
   }
 
-  UdpSocket camera_;
+  PeerSocket camera_;
   std::uint64_t received_ = GetCounters().acknowledgements.Value();
 };
 

@@ -14,7 +14,7 @@
 #include "kestrelbridge/frame_block.h"
 #include "session/camera_stream.h"
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 #include "video/frame_buffers.h"
 #include "video/parameter_set_bits.h"
 
@@ -79,7 +79,7 @@ class UnitAssembly : public testing::Test {
     return log;
   }
 
-  UdpSocket camera_;
+  PeerSocket camera_;
   FrameBlockMapping mapping_;
   std::optional<FrameBlockReader> reader_;
 };

@@ -10,7 +10,7 @@
 
 #include "camera/packet_format.h"
 #include "support/camera_datagrams.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -54,8 +54,8 @@ TEST(SimulatedCamera, CountsAndTellsOfWhatItGets) {
   const tools::UdpSocket socket({.address = htonl(INADDR_LOOPBACK), .port = 0});
   tools::CameraJournal journal("");
   tools::SimulatedCamera camera({}, {}, socket, journal);
-  const UdpSocket daemon;
-  const UdpSocket stranger;
+  const PeerSocket daemon;
+  const PeerSocket stranger;
   Counters expected;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.line);

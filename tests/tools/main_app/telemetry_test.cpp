@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "support/child_process.h"
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 namespace kestrelbridge::test {
 namespace {
@@ -23,7 +23,7 @@ Datagram ToDatagram(const Record& record) {
 TEST(TelemetryCommand, PrintsALinePerRecordIntoAPipeAndEndsAfterItsCount) {
   ChildProcess telemetry(Kestrelctl({"telemetry", "--count", "5"}));
   ASSERT_TRUE(telemetry.WaitForLine("listening on 127.0.0.1:5000"));
-  const UdpSocket daemon;
+  const PeerSocket daemon;
   const std::string evil = "\aa\x1b[2J=\r,";
   const TextRecord text = BuildTextRecord({});
   const auto length = static_cast<std::ptrdiff_t>(text.length);

@@ -11,8 +11,6 @@
 #include "support/eventually.h"
 
 namespace kestrelbridge::test {
-// kestrelctl has a UdpSocket of its own, and the tests of its pieces link both.
-inline namespace test_support {
 
 struct UdpAddress {
   std::string host;  // dotted decimal
@@ -25,15 +23,15 @@ struct ReceivedDatagram {
   UdpAddress sender;
 };
 
-// Closed with its UdpSocket. Failures of the system throw and so fail the test. Send may be called
+// Closed with its PeerSocket. Failures of the system throw and so fail the test. Send may be called
 // by several threads at once.
-class UdpSocket {
+class PeerSocket {
  public:
   // Port 0: a free one.
-  explicit UdpSocket(const UdpAddress& local = {.host = "127.0.0.1", .port = 0});
-  UdpSocket(const UdpSocket&) = delete;
-  UdpSocket& operator=(const UdpSocket&) = delete;
-  ~UdpSocket();
+  explicit PeerSocket(const UdpAddress& local = {.host = "127.0.0.1", .port = 0});
+  PeerSocket(const PeerSocket&) = delete;
+  PeerSocket& operator=(const PeerSocket&) = delete;
+  ~PeerSocket();
 
   std::uint16_t port() const;
 
@@ -47,5 +45,4 @@ class UdpSocket {
   int socket_ = -1;
 };
 
-}  // namespace test_support
 }  // namespace kestrelbridge::test

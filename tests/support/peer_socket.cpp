@@ -1,4 +1,4 @@
-#include "support/udp_socket.h"
+#include "support/peer_socket.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -11,7 +11,6 @@
 #include <system_error>
 
 namespace kestrelbridge::test {
-inline namespace test_support {
 namespace {
 
 constexpr std::size_t kLongestDatagram = 65'535;
@@ -34,7 +33,7 @@ UdpAddress ToAddress(const sockaddr_in& address) {
 
 }  // namespace
 
-UdpSocket::UdpSocket(const UdpAddress& local) {
+PeerSocket::PeerSocket(const UdpAddress& local) {
   const sockaddr_in address = ToSockaddr(local);
   socket_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (socket_ == -1 ||
@@ -47,23 +46,23 @@ UdpSocket::UdpSocket(const UdpAddress& local) {
   setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
 }
 
-UdpSocket::~UdpSocket() { close(socket_); }
+PeerSocket::~PeerSocket() { close(socket_); }
 
-std::uint16_t UdpSocket::port() const {
+std::uint16_t PeerSocket::port() const {
   sockaddr_in address{};
   socklen_t size = sizeof address;
   getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
   return ntohs(address.sin_port);
 }
 
-bool UdpSocket::Send(std::span<const std::uint8_t> datagram, const UdpAddress& destination) const {
+bool PeerSocket::Send(std::span<const std::uint8_t> datagram, const UdpAddress& destination) const {
   const sockaddr_in address = ToSockaddr(destination);
   return sendto(socket_, datagram.data(), datagram.size(), 0,
                 reinterpret_cast<const sockaddr*>(&address),
                 sizeof address) == static_cast<ssize_t>(datagram.size());
 }
 
-std::optional<ReceivedDatagram> UdpSocket::Receive(std::chrono::milliseconds patience) const {
+std::optional<ReceivedDatagram> PeerSocket::Receive(std::chrono::milliseconds patience) const {
   pollfd waiting{.fd = socket_, .events = POLLIN, .revents = 0};
   if (poll(&waiting, 1, static_cast<int>(patience.count())) <= 0) {
     return std::nullopt;
@@ -82,5 +81,4 @@ std::optional<ReceivedDatagram> UdpSocket::Receive(std::chrono::milliseconds pat
   return received;
 }
 
-}  // namespace test_support
 }  // namespace kestrelbridge::test
