@@ -230,10 +230,10 @@ TEST(FrameBuffers, PayloadIsStoredBeforeItsHeaderAndThenTheIndexAndThenTheNumber
     ASSERT_NE(trap.address(), nullptr);
     EXPECT_GE(trap.address() - writers, SlotOffset(1) + kSlotHeaderSize) << "payload first";
   }
+  const auto unit = NumberedUnit(2, 200'000);
   bool whole = false;
-  const FirstTouch trap(writers, PROT_READ,
-                        [&] { whole = SlotHolds(block, 2, 2, NumberedUnit(2, 200'000)); });
-  PublishVideoUnit(NumberedUnit(2, 200'000));
+  const FirstTouch trap(writers, PROT_READ, [&] { whole = SlotHolds(block, 2, 2, unit); });
+  PublishVideoUnit(unit);
   EXPECT_TRUE(whole) << "the slot is whole before anything announces it";
   EXPECT_EQ(trap.address() - writers, kWriteIndexOffset);
 }
