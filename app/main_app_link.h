@@ -9,6 +9,6 @@ namespace kestrelbridge {
 // Opens both endpoints on free ports and starts the telemetry thread. `host` (dotted decimal, at
 // most 19 characters) and `port` are where telemetry goes. Returns 0, or -1 when an endpoint or a
 // thread cannot be had. Start-up, once.
-int InitMainAppLink(const char* host, std::int32_t port);
+[[nodiscard]] int InitMainAppLink(const char* host, std::int32_t port);
 
 }  // namespace kestrelbridge

@@ -23,7 +23,7 @@ Config& GetConfig();
 // Reads the command line into the configuration. Options may repeat, the last one wins. Returns 0,
 // or 1 after it printed the usage text: asked for, or because an option is unknown, lacks its
 // argument or has a text that is too long for its field. Main thread.
-int ParseOptions(int argc, char** argv);
+[[nodiscard]] int ParseOptions(int argc, char** argv);
 
 // Writes the usage text to standard error.
 void PrintUsage();

@@ -16,7 +16,7 @@ struct ReceiveWatch {
 
 // True when the thread has been inside one and the same datagram since the last look. One that
 // waits for a datagram does not hang, however long it waits.
-bool HasHung(ReceiveWatch& watch);
+[[nodiscard]] bool HasHung(ReceiveWatch& watch);
 
 // Says that start-up is through, once, and feeds the watchdog. Main thread, once a second.
 void FeedServiceWatchdog();

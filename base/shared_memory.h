@@ -18,7 +18,7 @@ struct SharedBlock {
 };
 
 // Opens the block of that name as it is. Returns a descriptor, close-on-exec, or -1 with errno set.
-int OpenSharedBlock(const char* name);
+[[nodiscard]] int OpenSharedBlock(const char* name);
 
 // A block that only this daemon is to write, or why it cannot be had.
 struct OwnBlock {
@@ -30,7 +30,7 @@ struct OwnBlock {
 // mode 0600 where there is none. Whatever else stands there was put there by somebody who would
 // read the video or cut the block short under our hands: it is removed when we may, with a line in
 // the log, unless another daemon publishes into it.
-OwnBlock OpenOwnBlock(const char* name);
+[[nodiscard]] OwnBlock OpenOwnBlock(const char* name);
 
 // Takes what others, neither owner nor group, may do with our block. Somebody else's stays as it
 // is.
@@ -38,7 +38,7 @@ void CloseToOthers(int descriptor);
 
 // Keeps the open block for this process alone, until it ends. False when another one has it:
 // `holder` is its number then, 0 when the system does not tell.
-bool TakeBlock(int descriptor, pid_t& holder);
+[[nodiscard]] bool TakeBlock(int descriptor, pid_t& holder);
 
 // Ends that, and closes the descriptor: mappings alone would keep the block taken.
 void LeaveBlock(int descriptor);
@@ -46,6 +46,6 @@ void LeaveBlock(int descriptor);
 // Gives the open block its size, reserves its memory, and maps it. Without the reservation a full
 // /dev/shm would show as a SIGBUS in flight; it comes before the size, so that a block that has its
 // size has its memory too. On failure the descriptor is closed.
-SharedBlock MapSharedBlock(int descriptor, std::size_t size);
+[[nodiscard]] SharedBlock MapSharedBlock(int descriptor, std::size_t size);
 
 }  // namespace kestrelbridge

@@ -9,6 +9,7 @@ namespace kestrelbridge {
 // network (base/capabilities.h): threads are what parses bytes from outside.
 // `name` is at most 15 characters. Returns 0, or -1 when the system has no
 // thread left; errno says why.
-int StartThread(pthread_t* thread, const char* name, void* (*body)(void*), void* argument);
+[[nodiscard]] int StartThread(pthread_t* thread, const char* name, void* (*body)(void*),
+                              void* argument);
 
 }  // namespace kestrelbridge

@@ -18,8 +18,8 @@ namespace kestrelbridge {
 // Installs the redirect rule and opens port 9004 for the phone app. `camera_host` is dotted
 // decimal. Returns 0, or -1 when the port or a thread cannot be had;
 // errno says why. Start-up, once.
-int InitPhoneAppBridge(const char* camera_host, std::int32_t camera_port,
-                       const char* access_point_interface);
+[[nodiscard]] int InitPhoneAppBridge(const char* camera_host, std::int32_t camera_port,
+                                     const char* access_point_interface);
 
 // True between the phone app's first datagram and more than a second of its silence. Any thread.
 bool PhoneAppConnected();

@@ -17,11 +17,12 @@ using RedirectCommand = std::array<char, kRedirectCommandSize>;
 // True for a name that may stand in a shell command as it is: letters, digits, '.', '_', '-', ':',
 // '@', '+' and blanks. Interface names and addresses are made of these; a name read from a file may
 // end in a blank. Any thread.
-bool IsPlainName(std::string_view name);
+[[nodiscard]] bool IsPlainName(std::string_view name);
 
 // The iptables command that redirects what the access point's side sends to the camera. Any thread.
-RedirectCommand FormatRedirectCommand(const char* camera_host, std::int32_t camera_port,
-                                      const char* access_point_interface);
+[[nodiscard]] RedirectCommand FormatRedirectCommand(const char* camera_host,
+                                                    std::int32_t camera_port,
+                                                    const char* access_point_interface);
 
 // Runs that command through the shell. Its result is not looked at: without iptables, or without
 // the rights, the daemon goes on without a phone. A name that the shell must not see is reported

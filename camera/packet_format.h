@@ -79,16 +79,17 @@ void SealCommandFrame(std::span<std::uint8_t> frame, std::uint16_t frame_sequenc
 // In the following, last_received is the sequence of the camera's latest datagram.
 
 // Asks the camera for its stream; the same 48 bytes every time.
-ConnectionRequest BuildConnectionRequest();
+[[nodiscard]] ConnectionRequest BuildConnectionRequest();
 
 // Tells the camera that the daemon is still there.
-Keepalive BuildKeepalive(std::uint16_t last_received, std::uint16_t frame_sequence);
+[[nodiscard]] Keepalive BuildKeepalive(std::uint16_t last_received, std::uint16_t frame_sequence);
 
 // Tells the camera that a video unit arrived whole.
-UnitAcknowledgement BuildUnitAcknowledgement(std::uint16_t last_received);
+[[nodiscard]] UnitAcknowledgement BuildUnitAcknowledgement(std::uint16_t last_received);
 
 // Wraps a sealed command frame of 2 to 255 bytes. Only the first kSentWrapperSize + frame.size()
 // bytes of the result are to be sent.
-CommandPacket BuildCommandPacket(std::span<const std::uint8_t> frame, std::uint16_t last_received);
+[[nodiscard]] CommandPacket BuildCommandPacket(std::span<const std::uint8_t> frame,
+                                               std::uint16_t last_received);
 
 }  // namespace kestrelbridge

@@ -22,6 +22,6 @@ void HandleRcValues(const RcValues& values, RcMemory& memory);
 // Maps the block and starts the thread, which idles until the camera has sent command data and then
 // looks at the block every 20 ms. A block that cannot be had is tried for again every second.
 // Returns 0, or -1 when there is no thread to be had. Start-up, once.
-int StartRemoteControl();
+[[nodiscard]] int StartRemoteControl();
 
 }  // namespace kestrelbridge

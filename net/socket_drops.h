@@ -13,6 +13,6 @@ struct SocketDrops {
 
 // Fills in the drops of these UDP sockets of the process, as the kernel's table has them; a socket
 // that is not open has none. Returns false when the table cannot be read. Any thread.
-bool ReadSocketDrops(std::span<SocketDrops> sockets);
+[[nodiscard]] bool ReadSocketDrops(std::span<SocketDrops> sockets);
 
 }  // namespace kestrelbridge

@@ -87,10 +87,10 @@ struct UdpEndpoint {
 // which waits for a buffer. Asks the kernel for socket buffers of 10,000,000 bytes; what it refuses
 // is logged and not fatal. Returns 0, or -1 when the socket or the thread cannot be had;
 // errno says why.
-int Open(UdpEndpoint& endpoint, std::uint16_t port);
+[[nodiscard]] int Open(UdpEndpoint& endpoint, std::uint16_t port);
 
 // True from Open on, for threads that may ask before it: they were started earlier. Any thread.
-bool IsOpen(const UdpEndpoint& endpoint);
+[[nodiscard]] bool IsOpen(const UdpEndpoint& endpoint);
 
 // Hands the endpoint its receive buffer, at most 65,535 bytes, and so sets it to work.
 void AttachBuffer(UdpEndpoint& endpoint, std::span<std::uint8_t> buffer);

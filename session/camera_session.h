@@ -16,7 +16,7 @@ namespace kestrelbridge {
 // Opens the camera's endpoint on a free port, sets its callbacks and starts the camera thread.
 // `host` is dotted decimal, at most 21 characters. Returns 0, or -1 when the endpoint or the thread
 // cannot be had. Start-up, once.
-int InitCameraLink(const char* host, std::int32_t port);
+[[nodiscard]] int InitCameraLink(const char* host, std::int32_t port);
 
 // Sends a connection request, a keepalive, or nothing, as the state of the session wants it. Camera
 // thread, once a second.

@@ -18,12 +18,13 @@ class StartError : public std::runtime_error {
 };
 
 // A UDP socket bound to the address; never waits. Throws StartError.
-OwnedDescriptor OpenUdpSocket(UdpPeer local);
+[[nodiscard]] OwnedDescriptor OpenUdpSocket(UdpPeer local);
 
 // A listening SOCK_SEQPACKET socket at the path, with that mode from its first moment on, and of
 // that group where there is one (an empty name: the process's own). A socket file that nobody
 // answers at is left over and replaced; one that somebody answers at, or a file of another kind, is
 // not. Throws StartError.
-OwnedDescriptor ListenAt(const std::string& path, mode_t mode, const std::string& group);
+[[nodiscard]] OwnedDescriptor ListenAt(const std::string& path, mode_t mode,
+                                       const std::string& group);
 
 }  // namespace kestrelbridge::share

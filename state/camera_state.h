@@ -96,7 +96,7 @@ static_assert(std::is_trivially_destructible_v<SharedCameraState>,
 SharedCameraState& GetCameraState();
 
 // A copy to work on at leisure. Any thread.
-CameraState SnapshotCameraState();
+[[nodiscard]] CameraState SnapshotCameraState();
 
 // Calls change(CameraState&) while the record is held. Keep it short. Any thread.
 template <typename Change>

@@ -35,9 +35,9 @@ using StatusRecord = std::array<std::uint8_t, kStatusRecordSize>;
 using HistogramRecord = std::array<std::uint8_t, kHistogramRecordSize>;
 
 // The records as bytes. Nothing is allocated. Any thread.
-TextRecord BuildTextRecord(const CameraState& state);
-StatusRecord BuildStatusRecord(const CameraState& state);
-HistogramRecord BuildHistogramRecord(const CameraState& state);
+[[nodiscard]] TextRecord BuildTextRecord(const CameraState& state);
+[[nodiscard]] StatusRecord BuildStatusRecord(const CameraState& state);
+[[nodiscard]] HistogramRecord BuildHistogramRecord(const CameraState& state);
 
 // Sends the text record. Returns the bytes sent, or -1; without a destination, the length of the
 // text (the record without its first byte). Telemetry thread.

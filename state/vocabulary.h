@@ -53,17 +53,19 @@ std::string_view ReportedWord(const Setting& setting, std::uint8_t code);
 double EvOfCode(std::uint8_t code);
 
 // To the camera: the code for a command's word; none when nothing is to be sent.
-std::optional<std::uint8_t> EncodeWord(const Setting& setting, std::string_view commanded);
+[[nodiscard]] std::optional<std::uint8_t> EncodeWord(const Setting& setting,
+                                                     std::string_view commanded);
 
 // To the camera, for settings that are commanded as numbers. What the camera doesn't have is 0,
 // for ISO the automatic; a value of exposure compensation must be exactly one of the 19.
 std::uint8_t EncodeResolution(int width, int height);
 std::uint8_t EncodeFramerate(int frames_per_second);
 std::uint8_t EncodeIso(int iso);
-std::optional<std::uint8_t> EncodeEv(double ev);
+[[nodiscard]] std::optional<std::uint8_t> EncodeEv(double ev);
 
 // As the camera itself would: the code for which ReportedWord gives this word.
-std::optional<std::uint8_t> CodeOfReportedWord(const Setting& setting, std::string_view reported);
+[[nodiscard]] std::optional<std::uint8_t> CodeOfReportedWord(const Setting& setting,
+                                                             std::string_view reported);
 
 // Exposure times, longest first: whole seconds and tenths end in a double quote, fractions of a
 // second are 1/N. On the wire they are numbers of 24 bits, see FormatShutter.

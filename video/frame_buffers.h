@@ -15,7 +15,7 @@ inline constexpr std::size_t kTranscodingBlockSize = 13'003'624;
 // reserves their memory, maps and initialises them. They outlive the process. Returns 0, or -1
 // after a line on standard error when a block cannot be opened, sized, reserved or mapped.
 // Start-up, once.
-int InitFrameBuffers();
+[[nodiscard]] int InitFrameBuffers();
 
 // Writes one whole access unit into the ring; does nothing for an empty unit, or before
 // InitFrameBuffers. Nothing is allocated or locked. Camera's receive thread.

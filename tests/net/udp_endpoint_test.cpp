@@ -29,7 +29,7 @@ std::atomic<std::uint32_t> clock_ms{0};
 
 std::mutex events_mutex;
 // "found" and "lost" in the order in which they were reported; "datagram" when it is the first.
-std::string events;
+std::string& events = *new std::string;
 
 // What happens next at a point of the code, once: interleavings are made on purpose.
 class Interlude {
@@ -50,10 +50,11 @@ class Interlude {
   }
   std::function<void()> play_;
 };
-Interlude at_clock;
-Interlude at_found;
-Interlude at_lost;
-Interlude at_datagram;
+// Never destroyed: the receive threads live as long as the process.
+Interlude& at_clock = *new Interlude;
+Interlude& at_found = *new Interlude;
+Interlude& at_lost = *new Interlude;
+Interlude& at_datagram = *new Interlude;
 
 void Note(const char* event) {
   const std::lock_guard lock(events_mutex);

@@ -293,7 +293,9 @@ pid_t StartRestlessWriter(std::uint32_t units_between_starts, std::uint8_t* sile
   std::mt19937 random(2);
   for (std::uint32_t number = 0;; ++number) {
     if (number % units_between_starts == 0) {
-      InitFrameBuffers();
+      if (InitFrameBuffers() != 0) {
+        _exit(1);
+      }
     }
     const auto unit = NumberedUnit(number, 50'000 + random() % 49'999);
     if (silent_block == nullptr) {

@@ -216,7 +216,7 @@ std::set<std::uint8_t*> WritersMappings() {
 TEST(FrameBuffers, PayloadIsStoredBeforeItsHeaderAndThenTheIndexAndThenTheNumber) {
   std::set<std::uint8_t*> mappings = WritersMappings();
   const std::set<std::uint8_t*> earlier = mappings;
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   mappings = WritersMappings();
   std::erase_if(mappings, [&](std::uint8_t* mapping) { return earlier.contains(mapping); });
   ASSERT_EQ(mappings.size(), 1U);
@@ -239,7 +239,7 @@ TEST(FrameBuffers, PayloadIsStoredBeforeItsHeaderAndThenTheIndexAndThenTheNumber
 }
 
 TEST(FrameBuffers, FirstUnitClearsTheBlockOnceAndGoesToSlot0) {
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   const MappedBlock block(kFrameBlockName);
   block.bytes()[10] = 0xAA;  // reserved: only a clear writes there
   PublishVideoUnit({});
@@ -254,7 +254,7 @@ TEST(FrameBuffers, FirstUnitClearsTheBlockOnceAndGoesToSlot0) {
 }
 
 TEST(FrameBuffers, SlotsAndNumbersGoRound) {
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   const MappedBlock block(kFrameBlockName);
   const struct {
     std::uint32_t published;
@@ -275,7 +275,7 @@ TEST(FrameBuffers, SlotsAndNumbersGoRound) {
 }
 
 TEST(FrameBuffers, ClearRequestEmptiesTheRingAndTheNumbersCarryOn) {
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   const MappedBlock block(kFrameBlockName);
   Publish(0, 5);
   StoreLe16(block.bytes(), kClearRequestOffset, 0x0100);  // any value but 0
@@ -288,7 +288,7 @@ TEST(FrameBuffers, ClearRequestEmptiesTheRingAndTheNumbersCarryOn) {
 }
 
 TEST(FrameBuffers, LongUnitIsCutIntoChunksAndCountsOnce) {
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   const MappedBlock block(kFrameBlockName);
   const auto unit = NumberedUnit(0, 2 * kChunkCapacity + 1);
   const std::span<const std::uint8_t> bytes = unit;
@@ -301,7 +301,7 @@ TEST(FrameBuffers, LongUnitIsCutIntoChunksAndCountsOnce) {
 }
 
 TEST(FrameBuffers, WriteIndexThatLeadsOutOfTheRingIsTakenAs0) {
-  InitFrameBuffers();
+  ASSERT_EQ(InitFrameBuffers(), 0);
   const MappedBlock block(kFrameBlockName);
   Publish(0, 3);
   std::uint16_t sequence = 3;
