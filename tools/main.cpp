@@ -22,10 +22,10 @@
 
 namespace {
 
-using AddCommand = void (*)(CLI::App& app);
+using AddSubcommand = void (*)(CLI::App& app);
 
 // In the order in which --help lists them.
-constexpr AddCommand kCommands[] = {
+constexpr AddSubcommand kSubcommands[] = {
     kestrelbridge::tools::AddCameraSubcommand,    kestrelbridge::tools::AddVideoSubcommand,
     kestrelbridge::tools::AddTelemetrySubcommand, kestrelbridge::tools::AddCommandSubcommand,
     kestrelbridge::tools::AddRcSubcommand,        kestrelbridge::tools::AddPhoneSubcommand,
@@ -33,13 +33,14 @@ constexpr AddCommand kCommands[] = {
 };
 
 // CLI11 itself would only say that a subcommand is missing.
-void RefuseUnknownCommand(const CLI::App& app, const std::string& word) {
+void RefuseUnknownSubcommand(const CLI::App& app, const std::string& word) {
   std::string known;
-  for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; })) {
-    if (command->get_name() == word) {
+  for (const CLI::App* const subcommand :
+       app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (subcommand->get_name() == word) {
       return;
     }
-    known += (known.empty() ? "" : ", ") + command->get_name();
+    known += (known.empty() ? "" : ", ") + subcommand->get_name();
   }
   throw kestrelbridge::tools::ToolError("there is no subcommand \"" +
                                         kestrelbridge::tools::PrintableText(word) +
@@ -61,12 +62,12 @@ void CheckStandardOutput() {
 int Run(int argc, char** argv) {
   CLI::App app("Stand-ins for the neighbours of kestrelbridge.", "kestrelctl");
   app.require_subcommand(1);
-  for (const AddCommand add_command : kCommands) {
-    add_command(app);
+  for (const AddSubcommand add_subcommand : kSubcommands) {
+    add_subcommand(app);
   }
   app.set_version_flag("--version", "kestrelctl " KESTRELBRIDGE_VERSION);
   if (argc > 1 && argv[1][0] != '-') {
-    RefuseUnknownCommand(app, argv[1]);
+    RefuseUnknownSubcommand(app, argv[1]);
   }
   try {
     app.parse(argc, argv);  // runs the subcommand
