@@ -44,6 +44,19 @@ TEST(CommandFrame, NeedsEverythingRight) {
   EXPECT_EQ(FrameLengthAt(wrong_crc8), 0U) << "the CRC-16 alone is not enough";
 }
 
+// Wherever in the batch, also where start bytes that open nothing stand before it.
+TEST(CommandFrame, IsFoundBehindAnyNumberOfStrayStartBytes) {
+  static int found = 0;
+  found = 0;
+  for (int strays = 0; strays < 5; ++strays) {
+    Bytes batch(static_cast<std::size_t>(strays), kFrameStart);
+    const Bytes frame = MakeFrame(20);
+    batch.insert(batch.end(), frame.begin(), frame.end());
+    ScanCommandFrames(batch, [](std::span<const std::uint8_t>) { ++found; });
+    EXPECT_EQ(found, strays + 1);
+  }
+}
+
 TEST(CommandFrame, IsNeverSeenInStumps) {
   for (const int length : {0x00, 0x01, 0x02, 0x03, 0x0C, 0xFF}) {
     for (std::size_t size = 0; size <= 5; ++size) {

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <mutex>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "base/counters.h"
@@ -54,14 +56,18 @@ TEST(CameraSession, WhatCannotBeSentTakesANumberAllTheSame) {
        GetCounters().app_command_frames},
   };
   PeerSocket camera;
-  for (const bool sendable : {true, false}) {
+  for (const char* trouble : {"", "no address", "no socket"}) {
     BeCameraAt(camera);
     CameraLink& link = GetCameraLink();
+    const bool sendable = *trouble == '\0';
     if (!sendable) {
       std::snprintf(link.host, sizeof link.host, "nowhere");
     }
+    if (std::string_view(trouble) == "no socket") {
+      link.endpoint.socket = -1;
+    }
     for (const auto& row : rows) {
-      SCOPED_TRACE(row.packet);
+      SCOPED_TRACE(std::string(row.packet) + " " + trouble);
       link.command_data_received = row.command_data_received;
       const std::uint16_t number = link.outgoing_packet_counter;
       const std::uint64_t sent = row.counter.Value();
