@@ -83,15 +83,18 @@ TEST(StartUp, ShowsUpTo99CharactersOfTheBoardModel) {
   umount("/sys");
 }
 
-// ThreadSanitizer has a thread of its own in the process; unlike the daemon's, it has no name of
-// its own.
-bool IsTheSanitizers([[maybe_unused]] const std::filesystem::path& task,
-                     [[maybe_unused]] pid_t process) {
+// ThreadSanitizer and qemu have a thread of their own in the process; unlike the daemon's, it has
+// no name of its own.
+bool IsForeign(const std::filesystem::path& task, pid_t process) {
+  const std::filesystem::path main_thread = "/proc/" + std::to_string(process);
 #ifdef __SANITIZE_THREAD__
-  return task.filename() != std::to_string(process) && ReadFile(task / "comm") == "kestrelbridge\n";
+  const bool has_foreign_ones = true;
 #else
-  return false;
+  const std::string program = std::filesystem::read_symlink(main_thread / "exe").filename();
+  const bool has_foreign_ones = program.starts_with("qemu-");
 #endif
+  return has_foreign_ones && task.filename() != main_thread.filename() &&
+         ReadFile(task / "comm") == ReadFile(main_thread / "comm");
 }
 
 // What all threads of the process may do, put together, as the kernel tells it.
@@ -99,7 +102,7 @@ std::uint64_t CapabilitiesOf(pid_t process) {
   std::uint64_t all = 0;
   for (const auto& task :
        std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
-    if (IsTheSanitizers(task, process)) {
+    if (IsForeign(task, process)) {
       continue;
     }
     std::ifstream status(task.path() / "status");
