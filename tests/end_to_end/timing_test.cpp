@@ -67,16 +67,21 @@ Moment Observe(Condition condition, Seconds between_looks) {
   }
 }
 
-// The status file of the process's one thread of that name.
+// The status file of the process's one thread of that name. On a slow machine it gets its name some
+// time after others already do their work.
 std::string ThreadStatus(pid_t process, const std::string& name) {
-  for (const auto& task :
-       std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
-    if (ReadFile(task.path() / "comm") == name + "\n") {
-      return task.path() / "status";
+  std::string status;
+  const bool found = Eventually([&] {
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+      if (ReadFile(task.path() / "comm") == name + "\n") {
+        status = task.path() / "status";
+      }
     }
-  }
-  ADD_FAILURE() << "no thread " << name;
-  return "";
+    return !status.empty();
+  });
+  EXPECT_TRUE(found) << "no thread " << name;
+  return status;
 }
 
 // How often the thread has gone to sleep.
