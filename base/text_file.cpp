@@ -11,7 +11,7 @@
 namespace kestrelbridge {
 namespace {
 
-constexpr mode_t kLeftToTheUmask = 0666;
+// Other users' programs read these files: so it is for us to say, not for the umask.
 constexpr mode_t kReadableForAll = 0644;
 
 // Who may write the folder may put anything in a file's place. A link would lead us to a file that
@@ -43,10 +43,12 @@ bool WriteWhole(int file, std::string_view text) {
 }  // namespace
 
 int WriteTextFile(const char* path, std::string_view text) {
-  const int file = OpenPlainFile(path, O_WRONLY | O_CREAT, kLeftToTheUmask);
+  const int file = OpenPlainFile(path, O_WRONLY | O_CREAT, kReadableForAll);
   if (file == -1) {
     return -1;
   }
+  // Of another user's file the mode is his to choose.
+  [[maybe_unused]] const bool opened_to_all = fchmod(file, kReadableForAll) == 0;
   // A full disk shows as a short file; no retry.
   [[maybe_unused]] const bool written = ftruncate(file, 0) == 0 && WriteWhole(file, text);
   close(file);

@@ -52,8 +52,14 @@ install(TARGETS kestrelbridge RUNTIME DESTINATION sbin)
 install(TARGETS kestrelctl kestrelshare RUNTIME DESTINATION bin)
 install_text(kestrelbridge.service.in lib/systemd/system daemon)
 install_text(kestrelbridge-share.service.in lib/systemd/system daemon)
-install(PROGRAMS packaging/lib/packet-filter packaging/lib/prepare-memory packaging/lib/redirect-rules
-        packaging/lib/telemetry-way DESTINATION lib/kestrelbridge)
+install(PROGRAMS packaging/lib/access-point packaging/lib/packet-filter packaging/lib/prepare-memory
+        packaging/lib/redirect-rules packaging/lib/telemetry-way DESTINATION lib/kestrelbridge)
+install(CODE [[
+  set(rule "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/lib/kestrelbridge/rule")
+  file(MAKE_DIRECTORY "${rule}")
+  file(RELATIVE_PATH target "${CMAKE_INSTALL_PREFIX}/lib/kestrelbridge/rule" /usr/sbin/iptables-nft)
+  file(CREATE_LINK "${target}" "${rule}/iptables" SYMBOLIC)
+]] COMPONENT daemon)
 foreach(kind IN ITEMS sysusers tmpfiles)
   install(FILES packaging/systemd/${kind}.conf RENAME kestrelbridge.conf DESTINATION lib/${kind}.d)
 endforeach()
@@ -68,6 +74,7 @@ file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
 foreach(document IN ITEMS README.md bench/README.md fuzz/README.md tools/clips/README.md ${documents})
   install_document(${document})
 endforeach()
+install(PROGRAMS packaging/examples/90-kestrelbridge DESTINATION ${doc_dir}/examples)
 install(FILES docs/example/main_application.cpp DESTINATION ${doc_dir}/docs/example)
 
 # --- dev --------------------------------------------------------------------------------------
@@ -91,6 +98,7 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/kestrelbridge-config-version.cmake
         DESTINATION ${cmake_dir} COMPONENT dev)
 install_text(kestrelbridge.pc.in share/pkgconfig dev)
 install(DIRECTORY include/kestrelbridge DESTINATION include COMPONENT dev)
+install(PROGRAMS packaging/examples/90-kestrelbridge DESTINATION ${doc_dir}/examples)
 install(FILES docs/example/main_application.cpp DESTINATION ${dev_doc_dir}/examples COMPONENT dev)
 install(FILES packaging/debian/copyright DESTINATION ${dev_doc_dir} COMPONENT dev)
 
