@@ -31,25 +31,6 @@ std::multiset<std::string> Matches(const std::string& text, const char* pattern)
   return matches;
 }
 
-TEST(MetricsFile, IsNeverSeenHalf) {
-  const std::string path = "/run/replaced";
-  const std::string texts[] = {std::string(20'000, 'a'), std::string(9'000, 'b')};
-  ASSERT_EQ(ReplaceTextFile(path.c_str(), texts[0]), 0);
-  std::atomic<bool> reading{true};
-  std::thread writer([&] {
-    for (int i = 0; reading; ++i) {
-      EXPECT_EQ(ReplaceTextFile(path.c_str(), texts[i % 2]), 0);
-    }
-  });
-  std::set<std::string> seen;
-  for (int i = 0; i < 2'000 || seen.size() < 2; ++i) {
-    seen.insert(ReadFile(path));
-  }
-  reading = false;
-  writer.join();
-  EXPECT_EQ(seen, (std::set<std::string>{texts[0], texts[1]}));
-}
-
 TEST(MetricsFile, StaysAsItWasWhenTheDiskIsFull) {
   std::filesystem::create_directory("/run/small");
   ASSERT_EQ(mount("tmpfs", "/run/small", "tmpfs", 0, "size=16k"), 0);

@@ -57,15 +57,5 @@ TEST(CommandFrame, IsFoundBehindAnyNumberOfStrayStartBytes) {
   }
 }
 
-TEST(CommandFrame, IsNeverSeenInStumps) {
-  for (const int length : {0x00, 0x01, 0x02, 0x03, 0x0C, 0xFF}) {
-    for (std::size_t size = 0; size <= 5; ++size) {
-      Bytes stump = {0x55, static_cast<std::uint8_t>(length), 0x04, 0x00, 0x00};
-      stump.resize(size);
-      EXPECT_EQ(FrameLengthAt(stump), 0U) << size << " bytes, length " << length;
-    }
-  }
-}
-
 }  // namespace
 }  // namespace kestrelbridge::test

@@ -70,49 +70,6 @@ TEST_F(AppCommands, EveryCommandRunsItsOperation) {
   }
 }
 
-// 41 words, each with the codes of its size and rate.
-TEST_F(AppCommands, ResolutionWordsAreThoseThatTheCameraTakes) {
-  const struct {
-    std::string word, code, rates;
-  } sizes[] = {{"4096x2160", "16", " 25 24 "},
-               {"4000x3000", "30", " 30 25 24 "},
-               {"3840x2160", "10", " 60 50 48 30 25 24 "},
-               {"2720x2040", "34", " 30 25 24 "},
-               {"2720x1530", "1F", " 60 50 48 30 25 24 "},
-               {"2704x1520", "18", " 30 25 24 "},
-               {"1920x1080", "0A", " 240 200 120 100 60 50 48 30 25 24 "},
-               {"1280x720", "04", " 240 200 60 50 48 30 25 24 "}};
-  int accepted = 0;
-  for (const auto& size : sizes) {
-    for (const auto& [rate, code] : TextPairs{{"24", "01"},
-                                              {"25", "02"},
-                                              {"30", "03"},
-                                              {"48", "04"},
-                                              {"50", "05"},
-                                              {"60", "06"},
-                                              {"90"},
-                                              {"100", "0A"},
-                                              {"120", "07"},
-                                              {"200", "13"},
-                                              {"240", "08"},
-                                              {"0"},
-                                              {"-30"},
-                                              {"60 "},
-                                              {""}}) {
-      const std::string word = size.word + "@" + rate;
-      Run(R"({"cmd":"video_resolution","param":")" + word + "\"}");
-      const std::string codes = size.code + " " + code;
-      const bool is_known = size.rates.find(" " + rate + " ") != std::string::npos;
-      EXPECT_EQ(Sent(), is_known ? "[02 18 " + codes + " 00 00 00][02 AF " + codes + "]" : "");
-      accepted += is_known ? 1 : 0;
-    }
-  }
-  EXPECT_EQ(accepted, 41);
-  for (const char* word : {"", "1920x1080", "01920x1080@60", "1920X1080@60"}) {
-    EXPECT_EQ(Run(R"({"cmd":"video_resolution","param":")"s + word + "\"}"), "") << word;
-  }
-}
-
 TEST_F(AppCommands, TextsThatStillTakeAPhoto) {
   for (const std::string& json :
        {R"({"CMD":"shot"})"s, R"({"cmd":"shot"}xyz)"s,

@@ -42,44 +42,6 @@ class RcBlockTest : public CameraEnd {
   RcValues values_;
 };
 
-TEST_F(RcBlockTest, IsCreatedWhenMissingAndGetsItsSizeWhateverItWas) {
-  EXPECT_TRUE(OpenRcBlock(block_));
-  EXPECT_EQ(Log(), kCreating);
-  struct stat status {};
-  ASSERT_EQ(stat(kPath, &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0600U);
-  ASSERT_TRUE(Read());
-  EXPECT_EQ(values_.channels, RcValues{}.channels);
-  EXPECT_FALSE(values_.slider_enabled);
-  for (const std::size_t size : {0U, 1U, 1503U, 1504U, 5000U}) {
-    std::ofstream(kPath, std::ios::binary) << std::string(size, '\0');
-    EXPECT_TRUE(OpenRcBlock(block_));
-    EXPECT_EQ(SizeOfBlock(), 1504);
-    EXPECT_EQ(Log(), kOpened);
-    EXPECT_TRUE(Read());
-  }
-}
-
-TEST_F(RcBlockTest, ShowsWhatAnotherProcessWrites) {
-  ASSERT_TRUE(OpenRcBlock(block_));
-  std::fstream owner(kPath, std::ios::binary | std::ios::in | std::ios::out);
-  const double value = -0.75;
-  owner.seekp(1480).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
-  ASSERT_TRUE(Read());
-  EXPECT_EQ(values_.channels[185], -0.75);
-  EXPECT_EQ(values_.channels[184], 0);
-  for (const int byte : {1490, 1491}) {
-    owner.seekp(byte).put('\x80').flush();
-    ASSERT_TRUE(Read());
-    EXPECT_TRUE(values_.slider_enabled) << byte;
-    owner.seekp(byte).put('\0').flush();
-  }
-  owner.seekp(1488).write("\xFF\xFF", 2);
-  owner.seekp(1492).write("\xFF\xFF", 2).flush();
-  ASSERT_TRUE(Read());
-  EXPECT_FALSE(values_.slider_enabled);
-}
-
 // By who made it, not by what it holds.
 TEST_F(RcBlockTest, LostAndAllZeroLetsTheSwitchesGoUnlessTheDaemonMadeItAnew) {
   constexpr std::size_t kSwitch = 139;
@@ -131,21 +93,6 @@ TEST_F(RcBlockTest, LostAndAllZeroLetsTheSwitchesGoUnlessTheDaemonMadeItAnew) {
     EXPECT_EQ(values.channels[0], 0) << "written, and all zero again: " << row.what_happens;
   }
   SentFrames();
-}
-
-TEST_F(RcBlockTest, MadeAnewByTheDaemonLetsGoOfItsSwitchesWhenSomebodyWritesZeroes) {
-  ASSERT_TRUE(OpenRcBlock(block_));
-  StoreRcChannel(block_.bytes, 139, 1);
-  ASSERT_TRUE(Read());
-  RemoveBlock();
-  EXPECT_FALSE(Read());
-  ASSERT_TRUE(OpenRcBlock(block_));
-  ASSERT_TRUE(Read());
-  EXPECT_EQ(values_.channels[139], 1);
-  EXPECT_TRUE(Eventually([&] {  // the time of a file has ticks
-    std::ofstream(kPath, std::ios::binary | std::ios::in) << std::string(1504, '\0');
-    return Read() && values_.channels[139] == 0;
-  }));
 }
 
 TEST_F(RcBlockTest, ThatEveryUserMayWriteIsSaidAtEachOpening) {

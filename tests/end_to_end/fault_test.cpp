@@ -174,7 +174,6 @@ void SharedMemoryIsFull(std::uint64_t free_bytes) {
   EXPECT_TRUE(daemon.Error().ends_with("\nFailed to init telemetry buffer\n")) << daemon.Error();
 }
 void NoRoomForTheRing() { SharedMemoryIsFull(1'000'000); }
-void RoomForTheRingOnly() { SharedMemoryIsFull(kFrameBlockSize + 1'000'000); }
 
 void RingHeaderIsOverwritten() {
   DaemonRun run;
@@ -361,14 +360,6 @@ void RunFolderIsMissing() {
   ServeAtOnce();
 }
 
-void FoldersStandInPlaceOfFiles() {
-  for (const char* path :
-       {kBoardSupportedPath, kAccessPointInterfacePath, kVideoWidthPath, kVideoHeightPath}) {
-    fs::create_directory(path);
-  }
-  ServeAtOnce();
-}
-
 // --- the clock
 // ------------------------------------------------------------------------------------
 
@@ -425,21 +416,6 @@ void ClockIsStepped(milliseconds step) {
 }
 void ClockStepsForward() { ClockIsStepped(std::chrono::hours{1}); }
 void ClockStepsBack() { ClockIsStepped(-std::chrono::hours{1}); }
-
-// The camera's next datagram shows that it is there; the watchdog may look before.
-void ClockStepsWhileTheCameraStreams() {
-  SetClock clock;
-  std::optional<DaemonRun> run(std::in_place, clock.Daemon());
-  ASSERT_TRUE(run->camera.Connect());
-  RingWatcher ring;
-  for (int round = 0; round < 20 && run->daemon.IsRunning(); ++round) {
-    clock.Step(std::chrono::hours{round % 2 == 0 ? 1 : -1});
-    run->camera.SendUnit(NewUnit());
-    run->camera.SendNextHeader();
-    Eventually([&] { return !run->daemon.IsRunning() || !ring.Next(milliseconds{0}).empty(); });
-  }
-  ExpectToServeOrToBeMended(run, ring, clock.Daemon());
-}
 
 // --- strangers
 // ------------------------------------------------------------------------------------
@@ -514,7 +490,6 @@ const FaultRow kFaults[] = {
      DaemonIsStoppedForAWhile},
     {"KilledInTheMiddleOfAUnit", "readers only ever get whole units", KilledInTheMiddleOfAUnit},
     {"NoRoomForTheRing", "exit code 2 and a line that says why", NoRoomForTheRing},
-    {"RoomForTheRingOnly", "exit code 2 and a line that says why", RoomForTheRingOnly},
     {"RingHeaderIsOverwritten", "the next unit gets through", RingHeaderIsOverwritten},
     {"ReaderStalls", "the daemon does not wait; the reader loses units and knows how many",
      ReaderStalls},
@@ -526,11 +501,8 @@ const FaultRow kFaults[] = {
     {"RunIsReadOnly", "the video does not depend on it", RunIsReadOnly},
     {"MetricsFileTakesForEver", "no watchdog depends on it", MetricsFileTakesForEver},
     {"RunFolderIsMissing", "the video does not depend on it", RunFolderIsMissing},
-    {"FoldersStandInPlaceOfFiles", "the video does not depend on it", FoldersStandInPlaceOfFiles},
     {"ClockStepsForward", "counts as elapsed time: links are lost", ClockStepsForward},
     {"ClockStepsBack", "counts as elapsed time: links are lost", ClockStepsBack},
-    {"ClockStepsWhileTheCameraStreams", "goes on, or loses its camera as documented",
-     ClockStepsWhileTheCameraStreams},
     {"GarbageOnEveryPort", "serves as before once it is over", GarbageOnEveryPort},
 };
 INSTANTIATE_TEST_SUITE_P(Table, Fault, testing::ValuesIn(kFaults),

@@ -92,34 +92,6 @@ TEST(OddStart, SaysWhichAddressCannotBeSentTo) {
   }
 }
 
-// The box's own address, and the port that the phone app's datagrams come to.
-TEST(OddStart, DoesNotTakeItselfForThePhoneOfItsOwnCamera) {
-  ForgetEarlierRuns();
-  ChildProcess daemon(DaemonCommand());
-  const auto value = [](const char* name, const char* label) {
-    return tools::ReadMetrics(kMetricsPath).Value(name, label).value_or(0);
-  };
-  ASSERT_TRUE(WaitForBridge(daemon.pid())) << daemon.Error();
-  EXPECT_TRUE(daemon.WaitForLine("there is no camera, see --host and --port"));
-  EXPECT_TRUE(Eventually([&] {
-    return std::filesystem::exists(kMetricsPath) &&
-           value("kestrelbridge_received_datagrams_total", "link=\"phone\"") >= 3;
-  }));
-  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_camera\""), 0U);
-  EXPECT_EQ(CountLines(daemon.Error(), "there is no camera"), 1);
-  // Nor does a stray datagram at the camera's end go round: it is followed by silence.
-  const PeerSocket stranger;
-  for (const BoundPort& bound : UdpPortsOf(daemon.pid())) {
-    if (bound.port != kPhonePort) {
-      stranger.Send(Bytes(20), {.host = "127.0.0.1", .port = bound.port});
-    }
-  }
-  EXPECT_EQ(daemon.WaitForExit(), ExitedWith(1)) << daemon.Error();
-  // The metrics were written between the datagram and the loss of the camera, a second later.
-  EXPECT_GE(value("kestrelbridge_received_datagrams_total", "link=\"camera\""), 1U);
-  EXPECT_EQ(value("kestrelbridge_relayed_datagrams_total", "direction=\"to_phone\""), 0U);
-}
-
 // A datagram from any port of this host, also from one that belongs to another program.
 void SendInTheNameOf(std::uint16_t source_port, std::uint16_t destination_port) {
   Bytes datagram(8 + 20);  // ports, length, and no check sum

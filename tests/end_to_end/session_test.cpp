@@ -14,15 +14,6 @@
 namespace kestrelbridge::test {
 namespace {
 
-TEST(Session, AsksForTheCameraEverySecondForAsLongAsItTakes) {
-  ScriptedCamera camera;
-  ChildProcess daemon(DaemonCommand());
-  for (int request = 0; request < 3; ++request) {
-    EXPECT_EQ(tools::CheckPacket(camera.Receive()).type, tools::PacketType::kConnectionRequest);
-  }
-  EXPECT_TRUE(daemon.IsRunning());
-}
-
 TEST(Session, AsksForTheCameraAlsoWhileAPhoneIsThere) {
   DaemonRun run;
   const PeerSocket phone;

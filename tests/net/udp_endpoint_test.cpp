@@ -178,17 +178,6 @@ TEST(UdpEndpoint, LosesTheLinkAfterMoreThanItsTimeoutAndFindsItAgain) {
   EXPECT_EQ(Peer(endpoint).port, sender.port());
 }
 
-TEST(UdpEndpoint, KeepsThePeerOfALinkWhoseOwnerDoesNotAskForItsLoss) {
-  UdpEndpoint& endpoint = StartEndpoint();
-  PeerSocket sender;
-  SendAndWait(sender, endpoint);
-  endpoint.on_lost = nullptr;
-  clock_ms += 5000;
-  CheckLink(endpoint);
-  EXPECT_FALSE(LinkIsUp(endpoint));
-  EXPECT_EQ(Peer(endpoint).port, sender.port());
-}
-
 TEST(UdpEndpoint, CutsALongDatagramToTheBufferAndTerminatesATextHoweverLongItIs) {
   PeerSocket sender;
   SendAndWait(sender, StartEndpoint(), kBufferSize + 5000);

@@ -97,64 +97,6 @@ TEST_F(StatusDecoding, NumbersOfAPushShowInTheTelemetryText) {
   }
 }
 
-TEST_F(StatusDecoding, CodesAndRawNumbersAreKeptBesideTheirTexts) {
-  for (const std::size_t length :
-       {test::kStatus, test::kSettings, test::kBattery, test::kHistogram}) {
-    Bytes payload(length - 13);
-    std::iota(payload.begin(), payload.end(), std::uint8_t{0});  // each byte is its own offset
-    DecodeStatusFrame(PushWith(length, {{0, payload}}));
-  }
-  const CameraState state = SnapshotCameraState();
-  const std::vector<std::uint32_t> bytes = {
-      state.status_byte_0,    state.status_byte_31,   state.status_byte_2,  state.camera_model_code,
-      state.camera_mode_code, state.resolution_code,  state.framerate_code, state.wb_code,
-      state.wb_temp_code,     state.shot_mode_code,   state.iso_set_code,   state.ae,
-      state.color_mode_code,  state.image_mode_code,  state.ratio_code,     state.video_std_code,
-      state.antiflicker_code, state.battery_charging, state.histogram[0],   state.histogram[63]};
-  EXPECT_EQ(bytes, (std::vector<std::uint32_t>{0, 31, 2,  33, 4,  13, 14, 23, 24, 12,
-                                               5, 1,  31, 20, 10, 1,  32, 1,  0,  63}));
-  const std::vector<std::uint32_t> numbers = {
-      state.sd_free_mb,   state.shots_left, state.rec_time_left_s, state.rec_time_s,
-      state.aperture_raw, state.iso,        state.shutter_set_raw, state.shutter_raw};
-  EXPECT_EQ(numbers, (std::vector<std::uint32_t>{0x0C0B0A09, 0x100F0E0D, 0x14131211, 0x1E1D, 0x2726,
-                                                 0x2C2B, 0x040302, 0x2A2928}));
-  EXPECT_EQ(state.wb_temp, 2400.0F);
-  EXPECT_EQ(state.wb_temp_set, 0.0F) << "asked for by commands only";
-}
-
-TEST_F(StatusDecoding, AByteThatNoFieldReadsChangesNothing) {
-  struct Row {
-    std::size_t push;
-    std::set<std::size_t> read;
-  };
-  const Row rows[] = {
-      {test::kStatus, {0, 2, 4, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 29, 30, 31, 33}},
-      {test::kSettings,
-       {2, 3, 4, 5, 6, 10, 12, 13, 14, 20, 23, 24, 31, 32, 38, 39, 40, 41, 42, 43, 44, 55, 56}},
-      {test::kBattery, {0, 39}},
-  };
-  for (const Row& row : rows) {
-    DecodeStatusFrame(Push(row.push));
-    const auto before = Visible();
-    for (std::size_t offset = 0; offset < row.push - 13; ++offset) {
-      bool changed = false;
-      for (int value = 1; value < 256 && !changed; ++value) {
-        DecodeStatusFrame(PushWith(row.push, {{offset, {static_cast<std::uint8_t>(value)}}}));
-        changed = Visible() != before;
-      }
-      EXPECT_EQ(changed, row.read.contains(offset)) << row.push << " payload byte " << offset;
-      DecodeStatusFrame(Push(row.push));
-    }
-  }
-}
-
-TEST_F(StatusDecoding, AShutterValueThatMeansNothingLeavesTheWordBefore) {
-  DecodeStatusFrame(PushWith(test::kSettings, {{40, {0x40, 0x9F, 0x00}}}));
-  DecodeStatusFrame(PushWith(test::kSettings, {{40, {0x05, 0x01, 0x00}}}));
-  EXPECT_EQ(test::Item(test::TelemetryText(), "shutter"), "1/8000");
-  EXPECT_EQ(SnapshotCameraState().shutter_raw, 0x000105U);
-}
-
 TEST_F(StatusDecoding, APushIsKnownByItsLengthAndTheStatusPushAlsoByItsCommand) {
   const auto untouched = Visible();
   for (std::size_t length = 13; length < 256; ++length) {

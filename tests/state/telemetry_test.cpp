@@ -24,15 +24,6 @@ std::string TextOf(const TextRecord& record) {
           record.buffer.begin() + static_cast<std::ptrdiff_t>(record.length)};
 }
 
-TEST(Telemetry, BeforeAnyPushTheTextHoldsZerosAndEmptyTexts) {
-  EXPECT_EQ(TextOf(BuildTextRecord({})),
-            "\x07"
-            "camera_detected=0,camera_model=,camera_mode=,sd=,shots_left=0,rec_time_left=,"
-            "rec_time=,voltage=0,battery_level=0,battery_level=0,battery_charging=0,shot_mode=,"
-            "resolution=,framerate=,format=@,ae=0,aperture=,shutter=,shutter_set=,iso=0,iso_set=,"
-            "ev=,image_mode=,color_mode=,wb=,wb_temp=0,ratio=,video_std=,antiflicker=,");
-}
-
 TEST(Telemetry, PushesMakeTheWholeTextByteForByte) {
   const Bytes status = PushWith(test::kStatus, {{4, {1}},
                                                 {9, {0xF8, 0xE8, 0x00, 0x00}},   // 59640 MB
@@ -63,29 +54,6 @@ TEST(Telemetry, PushesMakeTheWholeTextByteForByte) {
               "wb_temp=5600,ratio=16:9,video_std=NTSC,antiflicker=50 Hz,");
     EXPECT_EQ(SnapshotCameraState().wb_temp_set, 1800.0F);
   }
-}
-
-TEST(Telemetry, ARecordAtItsLimitsKeepsAllOfItsItems) {
-  CameraState state;
-  const auto fill = [](auto&... texts) {
-    (std::fill(std::begin(texts), std::end(texts) - 1, 'x'), ...);
-  };
-  fill(state.camera_model, state.camera_mode, state.sd, state.rec_time, state.rec_time_left,
-       state.shot_mode, state.resolution, state.framerate, state.image_mode, state.aperture,
-       state.shutter, state.shutter_set, state.iso_set, state.ev, state.color_mode, state.wb,
-       state.ratio, state.video_std, state.antiflicker);
-  state.camera_detected = state.ae = state.battery_charging = 0xFF;
-  state.battery_level = INT8_MIN;
-  state.voltage = INT16_MIN;
-  state.shots_left = 0x80000000;
-  state.iso = UINT16_MAX;
-  state.wb_temp = 25'500;
-  const std::string text = TextOf(BuildTextRecord(state));
-  EXPECT_EQ(std::ranges::count(text, ','), 29);
-  EXPECT_TRUE(text.ends_with(",antiflicker=xxxxxxxxx,"));
-  EXPECT_LT(text.size(), 800U);
-  EXPECT_EQ(test::Item(text, "shots_left"), "-2147483648");
-  EXPECT_EQ(test::Item(text, "voltage"), "-32768");
 }
 
 TEST(Telemetry, StatusAndHistogramRecordsCarryTheCamerasBytes) {

@@ -90,13 +90,6 @@ TEST(Vocabulary, EveryCodeOfThe256ShowsItsWordInTheTelemetryText) {
   }
 }
 
-TEST(Vocabulary, ExposureCompensationIsAlsoANumber) {
-  for (int code = 0; code < 256; ++code) {
-    const auto ev = static_cast<std::uint8_t>(code);
-    EXPECT_EQ(EvOfCode(ev), std::atof(ReportedWord(kEv, ev).data())) << code;
-  }
-}
-
 TEST(Vocabulary, EachOfThe57ShutterWordsIsReadBackFromItsThreeBytes) {
   for (const std::string_view word : kShutterWords) {
     char text[10] = "";

@@ -113,26 +113,6 @@ TEST_F(FrameRing, ReaderBeginsWithWhatComesOrWithTheOldestAtMost100Back) {
   }
 }
 
-TEST_F(FrameRing, UnitCountsOnceItsNumberIsPublished) {
-  Publish(5);
-  FrameBlockReader reader = Attach();
-  Publish(1);
-  EXPECT_EQ(Drain(reader), "5-5");
-  Publish(1);
-  // As between the writer's last two stores: the slot is announced, the unit's number is not.
-  StoreLe16(block_->bytes(), kLastSequenceOffset, 5);
-  FrameBlockReader live = Attach(Start::kLive);
-  FrameBlockReader oldest = Attach(Start::kOldest);
-  for (FrameBlockReader* each : {&reader, &live, &oldest}) {
-    EXPECT_EQ(Drain(*each), "none");
-  }
-  StoreLe16(block_->bytes(), kLastSequenceOffset, 6);
-  EXPECT_EQ(Drain(reader), "6-6");
-  EXPECT_EQ(Drain(live), "none");
-  EXPECT_EQ(Drain(oldest), "0-6");
-  EXPECT_EQ(CountersOf(reader), "lost 0, laps 0, restarts 0");
-}
-
 enum class Event { kNone, kClear, kRestart, kRestartWhileReaderLooks };
 
 TEST_F(FrameRing, ReaderGoesOnAfterALapAClearAndARestart) {
@@ -202,29 +182,6 @@ const Damage kDamages[] = {
     {"all ones", [](auto block) { std::ranges::fill(block.subspan(2), std::uint8_t{0xFF}); }},
     {"header zero", [](auto block) { std::ranges::fill(block.first(24), std::uint8_t{0}); }},
 };
-
-TEST_F(FrameRing, DamageHidesUnitsUntilTheDaemonsNextOne) {
-  for (const Damage& damage : kDamages) {
-    SCOPED_TRACE(damage.what);
-    StartDaemon();
-    Publish(49);
-    FrameBlockReader attached = Attach();
-    Publish(1);
-    damage.inflict(block_->bytes());
-    FrameBlockReader late = Attach();
-    const std::string taken = Drain(attached);
-    EXPECT_TRUE(taken == "none" || (taken == "49-49" && !damage.to_the_unit)) << taken;
-    EXPECT_EQ(Drain(late), "none");
-    EXPECT_FALSE(attached.Wait({}) || late.Wait({})) << "would spin";
-    Publish(1);
-    Drain(attached);
-    Drain(late);
-    Publish(1);
-    EXPECT_EQ(Drain(attached), "51-51");
-    EXPECT_EQ(Drain(late), "51-51");
-    EXPECT_EQ(attached.counters().restarts, 0U);
-  }
-}
 
 TEST_F(FrameRing, UnitThatChangesWhileItIsCopiedIsNotHandedOut) {
   const struct {

@@ -84,20 +84,6 @@ TEST(ParameterSet, WalksOverEachScalingListToItsOwnEnd) {
   }
 }
 
-TEST(ParameterSet, WalksOverAPictureOrderCycle) {
-  BitWriter bits = ParameterSetStart(66);
-  bits.Ue(0).Ue(1).U(1, 0).Se(-5).Se(9).Ue(3).Se(1).Se(-2).Se(70000).Ue(1).U(1, 0);
-  bits.Ue(19).Ue(14).U(1, 1).U(1, 1).U(1, 0).U(1, 1);
-  EXPECT_EQ(Parse(bits.Bytes()), "320x240");
-}
-
-TEST(ParameterSet, TakesTheLongestExpGolombCodes) {
-  BitWriter bits;
-  bits.U(8, 66).U(16, 0);
-  bits.U(33, 0).U(32, 0xFFFFFFFF);  // 33 prefix bits all 0, then 32 value bits: modulo 2^32
-  EXPECT_EQ(Parse(ParameterSetTail(bits, 20, 15).Bytes()), "320x240");
-}
-
 TEST(ParameterSet, ElementsAreReadByHandUntilTheDataEnds) {
   const std::vector<std::int32_t> values = {0, 1, -1, 2, -2, 3, 100, -100, INT32_MAX, -INT32_MAX};
   BitWriter bits;
