@@ -128,6 +128,16 @@ bool TakeBlock(int descriptor, pid_t& holder) {
   return false;
 }
 
+pid_t HolderOfBlock(const char* name) {
+  const int descriptor = shm_open(name, O_RDONLY | O_NOFOLLOW, 0);
+  if (descriptor == -1) {
+    return 0;
+  }
+  const pid_t holder = HolderOf(descriptor);
+  close(descriptor);
+  return holder;
+}
+
 void LeaveBlock(int descriptor) {
   flock(descriptor, LOCK_UN);
   close(descriptor);

@@ -40,6 +40,10 @@ void CloseToOthers(int descriptor);
 // `holder` is its number then, 0 when the system does not tell.
 [[nodiscard]] bool TakeBlock(int descriptor, pid_t& holder);
 
+// Which process has taken the block of that name; 0: none, or none that this user may ask about.
+// Takes nothing itself, so that a daemon that starts meanwhile is not refused.
+[[nodiscard]] pid_t HolderOfBlock(const char* name);
+
 // Ends that, and closes the descriptor: mappings alone would keep the block taken.
 void LeaveBlock(int descriptor);
 

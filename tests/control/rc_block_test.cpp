@@ -26,11 +26,6 @@ constexpr char kOpened[] = "Shared raw RC mem opened\n";
 constexpr char kCreating[] = "Creating new shared raw RC\n";
 constexpr char kLost[] = "Shared raw RC mem was cut short or removed, opening it again\n";
 
-off_t SizeOfBlock() {
-  struct stat status {};
-  return stat(kPath, &status) == 0 ? status.st_size : -1;
-}
-
 class RcBlockTest : public CameraEnd {
  protected:
   RcBlockTest() { RemoveBlock(); }

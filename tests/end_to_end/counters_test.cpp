@@ -14,7 +14,7 @@
 
 #include "base/run_paths.h"
 #include "end_to_end/daemon_stage.h"
-#include "tools/stats/metrics_reading.h"
+#include "tools/common/metrics_reading.h"
 
 namespace kestrelbridge::test {
 namespace {

@@ -204,7 +204,7 @@ std::vector<std::string> CameraTool(const std::string& clip_path, int units_per_
 }
 
 std::vector<std::string> VideoTool(const std::string& output_path) {
-  return Kestrelctl({"video", "--output", output_path});
+  return Kestrelctl({"video", "--output", output_path, "--force"});
 }
 
 bool WaitUntilWatching(const ChildProcess& video_tool) {

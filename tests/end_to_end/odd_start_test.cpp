@@ -17,7 +17,7 @@
 #include "end_to_end/daemon_stage.h"
 #include "kestrelbridge/rc_block.h"
 #include "support/mapped_block.h"
-#include "tools/stats/metrics_reading.h"
+#include "tools/common/metrics_reading.h"
 
 namespace kestrelbridge::test {
 namespace {

@@ -15,7 +15,7 @@
 #include "support/child_process.h"
 #include "support/peer_socket.h"
 #include "support/temporary_folder.h"
-#include "tools/stats/metrics_reading.h"
+#include "tools/common/metrics_reading.h"
 
 namespace kestrelbridge::test {
 namespace {

@@ -165,7 +165,7 @@ void RunCamera(CommandLine& line) {
     line.camera.silence_after = duration<double>(line.silence_after_s);
   }
   line.camera.start = StartModel(line.assignments);
-  const auto clip = ReadClip(line.clip);
+  const auto clip = ReadClip(line.clip.empty() ? DefaultClip() : line.clip);
   const auto units = CutClip(clip);
   WarnOfShortStartCodes(units);
   CameraJournal journal(line.journal);
@@ -183,8 +183,10 @@ void AddStreamOptions(CLI::App& command, CommandLine& line) {
       ->type_name("HOST:PORT")
       ->check(HostPortValidator())
       ->capture_default_str();
-  command.add_option("--clip", line.clip, "H.264 file to stream, Annex B byte stream")
-      ->required()
+  command
+      .add_option(
+          "--clip", line.clip,
+          "H.264 file to stream, Annex B byte stream (default: the test pattern that comes along)")
       ->type_name("FILE");
   command.add_option("--fps", line.camera.units_per_second, "Access units a second")
       ->check(NumberBetween(0.1, 20'000))
@@ -247,7 +249,7 @@ void AddCameraSubcommand(CLI::App& app) {
                          "Simulated camera: streams an H.264 clip to the daemon, pushes its state, "
                          "checks and obeys what comes back");
   command->footer(
-      "Ctrl-C ends it with the summary. Try: kestrelctl camera --clip clip.h264 --loop, and beside "
+      "Ctrl-C ends it with the summary. Try: kestrelctl camera --loop, and beside "
       "it: kestrelbridge --host 127.0.0.1 --port 9010");
   const auto line = std::make_shared<CommandLine>();
   AddStreamOptions(*command, *line);

@@ -9,4 +9,7 @@ namespace kestrelbridge::tools {
 // lets that one through.
 CLI::Validator NumberBetween(double lowest, double highest);
 
+// The same for options that count: digits only.
+CLI::Validator WholeNumberBetween(double lowest, double highest);
+
 }  // namespace kestrelbridge::tools

@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "tools/common/tool_error.h"
 
@@ -31,10 +33,19 @@ void Output::Write(const std::string& text) {
   }
 }
 
+bool HasScreen() {
+  const char* const term = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) == 1 && term != nullptr && std::string_view(term) != "dumb";
+}
+
 void Screen::Draw(std::vector<std::string> lines) {
   std::string text = started_ ? "\x1b[H" : "\x1b[?25l\x1b[2J\x1b[H";  // the cursor is hidden
   started_ = true;
-  lines.resize(std::min(lines.size(), Rows()));
+  if (const std::size_t rows = Rows(); lines.size() > rows) {
+    const std::size_t hidden = lines.size() - rows + 1;
+    lines.resize(rows - 1);
+    lines.push_back(std::to_string(hidden) + " more rows; a higher window shows them");
+  }
   text += "\x1b[?7l";  // a line too long is cut, not wrapped
   for (std::size_t row = 0; row < lines.size(); ++row) {
     text += (row == 0 ? "" : "\r\n") + lines[row] + "\x1b[K";

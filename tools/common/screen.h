@@ -18,7 +18,11 @@ class Output {
   bool closed_ = false;
 };
 
-// The view on a terminal, drawn over itself. Nothing is drawn before something has arrived.
+// Whether standard output is a terminal on which a view can be drawn; TERM=dumb is none.
+[[nodiscard]] bool HasScreen();
+
+// The view on a terminal, drawn over itself. Where there are more lines than rows, the last row
+// says how many. Nothing is drawn before something has arrived.
 class Screen {
  public:
   explicit Screen(Output& output) : output_(output) {}

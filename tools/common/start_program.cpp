@@ -29,7 +29,7 @@ constexpr int kCannotStart = 127;
     CPU_SET(static_cast<std::size_t>(start.core), &cores);
     sched_setaffinity(0, sizeof cores, &cores);
   }
-  dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+  dup2(start.input != -1 ? start.input : open("/dev/null", O_RDONLY), STDIN_FILENO);
   dup2(start.output, STDOUT_FILENO);
   dup2(start.error, STDERR_FILENO);
   close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);  // also what whoever started us left open

@@ -1,6 +1,7 @@
 #include "tools/common/video_output.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,7 +14,17 @@
 
 namespace kestrelbridge::tools {
 
-VideoOutput::VideoOutput(const std::string& path) : name_(path) {
+namespace {
+
+// Earlier video. A pipe or a device has none.
+bool HoldsSomething(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
+}
+
+}  // namespace
+
+VideoOutput::VideoOutput(const std::string& path, bool may_replace) : name_(path) {
   if (path.empty()) {
     return;
   }
@@ -21,6 +32,9 @@ VideoOutput::VideoOutput(const std::string& path) : name_(path) {
     name_ = "standard output";
     descriptor_ = STDOUT_FILENO;
   } else {
+    if (!may_replace && HoldsSomething(path)) {
+      throw ToolError(path + " exists, and has something in it: --force replaces it");
+    }
     constexpr mode_t kFileMode = 0666;  // less what the user's mask takes away
     descriptor_ =
         open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kFileMode);
@@ -31,7 +45,7 @@ VideoOutput::VideoOutput(const std::string& path) : name_(path) {
   if (isatty(descriptor_) == 1) {
     throw ToolError(name_ +
                     " is a terminal and no place for video: use --output FILE, --stats, or a pipe, "
-                    "as in kestrelctl video | ffplay -f h264 -");
+                    "as kestrelctl watch does");
   }
 }
 

@@ -12,9 +12,10 @@ namespace kestrelbridge::tools {
 // One thread.
 class VideoOutput {
  public:
-  // A path, "-" for standard output, "" for nowhere. An existing file is replaced. Throws ToolError
-  // when the file cannot be opened, or is a terminal: video there is of no use to anybody.
-  explicit VideoOutput(const std::string& path);
+  // A path, "-" for standard output, "" for nowhere. Throws ToolError when the file cannot be
+  // opened, has something in it that may not be replaced, or is a terminal: video there is of no
+  // use to anybody.
+  explicit VideoOutput(const std::string& path, bool may_replace = false);
   VideoOutput(const VideoOutput&) = delete;
   VideoOutput& operator=(const VideoOutput&) = delete;
   ~VideoOutput();

@@ -51,7 +51,7 @@ CommandRequest Request(const CommandLine& line) {
     return {.json = line.json, .effect = {}};
   }
   if (line.words.empty()) {
-    throw ToolError("which command? --help lists them; a text behind --json must not be empty");
+    throw ToolError("which command? --help lists them; a text behind --text must not be empty");
   }
   if (line.force) {
     return {.json = JsonOfWords(line.words), .effect = {}};
@@ -157,7 +157,7 @@ void RunCommand(const CommandLine& line) {
     throw ToolError("--wait: telemetry does not show an effect of this command" +
                     std::string(line.json.empty() && !line.force
                                     ? ""
-                                    : " (with --json and --force none is known)"));
+                                    : " (with --text and --force none is known)"));
   }
   const auto to = ParseHostPort(line.to);
   if (to && !line.wait) {
@@ -193,7 +193,7 @@ std::string Footer() {
          "  kestrelctl command record start\n"
          "  kestrelctl command iso 400 --wait\n"
          "  kestrelctl command wb custom 5600\n"
-         "  kestrelctl command --json '{\"cmd\":\"shot\"}' --to 127.0.0.1:40000";
+         "  kestrelctl command --text '{\"cmd\":\"shot\"}' --to 127.0.0.1:40000";
 }
 
 }  // namespace
@@ -207,10 +207,12 @@ void AddCommandSubcommand(CLI::App& app) {
           ->type_name("WORD");
   auto* const force =
       command->add_flag("--force", line->force, "Send words that no command is known to take");
-  command->add_option("--json", line->json, "Send this text, as it is, behind the marker \"!\"")
-      ->type_name("TEXT")
+  command->add_option("--text", line->json, "Send this text, as it is, behind the marker \"!\"")
+      ->type_name("JSON")
       ->excludes(words)
       ->excludes(force);
+  // What it was called before --json came to mean output everywhere.
+  command->add_option("--json", line->json, "")->group("")->excludes(words)->excludes(force);
   command->add_flag("--wait", line->wait, "Stay until the telemetry shows the effect");
   command
       ->add_option("--timeout", line->timeout_s,
@@ -218,14 +220,15 @@ void AddCommandSubcommand(CLI::App& app) {
       ->check(NumberBetween(0.1, kMaxSeconds))
       ->type_name("SECONDS")
       ->capture_default_str();
-  command->add_option("--repeat", line->times, "Send it so many times")
-      ->check(NumberBetween(1, kMaxTimes))
-      ->type_name("TIMES");
+  auto* const repeat = command->add_option("--repeat", line->times, "Send it so many times")
+                           ->check(WholeNumberBetween(1, kMaxTimes))
+                           ->type_name("TIMES");
   command
       ->add_option("--rate", line->times_per_second,
                    "With --repeat: so many times a second (default: as fast as they go)")
       ->check(NumberBetween(0.001, kMaxRate))
-      ->type_name("NUMBER");
+      ->type_name("NUMBER")
+      ->needs(repeat);
   command->add_option("--listen", line->listen, "Where the daemon sends its telemetry")
       ->type_name("HOST:PORT")
       ->check(HostPortValidator())

@@ -14,6 +14,7 @@
 #include "tools/common/number_option.h"
 #include "tools/common/run_end.h"
 #include "tools/common/screen.h"
+#include "tools/common/text_layout.h"
 #include "tools/common/tool_error.h"
 #include "tools/main_app/telemetry_lines.h"
 #include "tools/main_app/telemetry_socket.h"
@@ -74,7 +75,7 @@ struct Run {
         end(line.duration_s),
         screen(output),
         view(Clock::now()),
-        on_screen(!line.json && !line.lines && isatty(STDOUT_FILENO) == 1) {}
+        on_screen(!line.json && !line.lines && HasScreen()) {}
 
   const CommandLine& line;
   TelemetrySocket telemetry;
@@ -117,7 +118,7 @@ bool ShowArrived(Run& run) {
 void Redraw(Run& run) {
   if (run.records != 0) {
     const auto now = Clock::now();
-    run.screen.Draw(run.view.Lines(now));
+    run.screen.Draw(run.view.Lines(now, WidthOf(STDOUT_FILENO)));
     run.next_draw = now + kRedrawPeriod;
   }
 }
@@ -172,7 +173,7 @@ void AddTelemetrySubcommand(CLI::App& app) {
   command->add_flag("--json", line->json, "A JSON object per record, each on a line of its own");
   command->add_flag("--lines", line->lines, "A line per record, on a terminal, too");
   command->add_option("--count", line->count, "End after so many records")
-      ->check(NumberBetween(1, kMaxRecords))
+      ->check(WholeNumberBetween(1, kMaxRecords))
       ->type_name("RECORDS");
   command->add_option("--duration", line->duration_s, "End after so many seconds, waiting included")
       ->check(NumberBetween(0.01, kMaxSeconds))

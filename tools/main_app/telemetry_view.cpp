@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
 #include <span>
 #include <string_view>
+#include <utility>
 
 #include "tools/common/foreign_text.h"
 #include "tools/common/host_port.h"
+#include "tools/common/text_layout.h"
 #include "tools/main_app/telemetry_lines.h"
 
 namespace kestrelbridge::tools {
@@ -75,10 +78,22 @@ bool IsShown(std::string_view key) {
          std::ranges::count(kRightColumn, key, &Cell::key) != 0;
 }
 
-// Eight heights of one character, after none.
+// Eight heights of one character, after none; and what comes near to them in plain characters.
 constexpr const char* kBlocks[] = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+constexpr const char* kPlainBlocks[] = {" ", ".", ".", ":", ":", "+", "+", "#", "#"};
 constexpr unsigned kLevelsPerRow = std::size(kBlocks) - 1;
 constexpr unsigned kHistogramRows = 4;
+
+// As the first of the variables that is set says.
+bool HasUtf8() {
+  for (const char* const variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    if (const char* const value = std::getenv(variable); value != nullptr && value[0] != '\0') {
+      const std::string_view locale = value;
+      return locale.find("UTF-8") != locale.npos || locale.find("utf8") != locale.npos;
+    }
+  }
+  return false;
+}
 
 // The largest value fills the height, and none but 0 is invisible.
 unsigned Level(unsigned value, unsigned largest) {
@@ -87,13 +102,24 @@ unsigned Level(unsigned value, unsigned largest) {
 
 std::string HistogramRow(std::span<const std::uint8_t> values, unsigned largest,
                          unsigned rows_below) {
+  const auto& blocks = HasUtf8() ? kBlocks : kPlainBlocks;
   std::string row;
   for (const std::uint8_t value : values) {
     const unsigned level = Level(value, largest);
     const unsigned below = rows_below * kLevelsPerRow;
-    row += kBlocks[level <= below ? 0 : std::min(level - below, kLevelsPerRow)];
+    row += blocks[level <= below ? 0 : std::min(level - below, kLevelsPerRow)];
   }
   return row;
+}
+
+// Neighbours become one, the larger of them, until all fit.
+std::vector<std::uint8_t> Narrowed(std::span<const std::uint8_t> values, std::size_t width) {
+  const std::size_t group = (values.size() + width - 1) / width;
+  std::vector<std::uint8_t> narrowed;
+  for (; !values.empty(); values = values.subspan(std::min(group, values.size()))) {
+    narrowed.push_back(*std::ranges::max_element(values.first(std::min(group, values.size()))));
+  }
+  return narrowed;
 }
 
 }  // namespace
@@ -148,45 +174,62 @@ std::string TelemetryView::Rates(Time now) {
   return text;
 }
 
-void TelemetryView::AppendItems(std::vector<std::string>& lines) const {
+void TelemetryView::AppendItems(std::vector<std::string>& lines, std::size_t width) const {
   std::vector<Cell> left(std::begin(kLeftColumn), std::end(kLeftColumn));
   for (const TelemetryItem& item : text_.items) {
     if (left.size() < std::size(kLeftColumn) + kMostOtherItems && !IsShown(item.key)) {
       left.push_back({left.size() == std::size(kLeftColumn) ? "other" : "", item.key});
     }
   }
-  const std::span right(kRightColumn);
-  constexpr std::size_t kLeftWidth = kLeftWidths.title + kLeftWidths.key + kLeftWidths.value;
+  std::span<const Cell> right(kRightColumn);
+  if (width < kUsualWidth) {
+    left.insert(left.begin() + std::size(kLeftColumn), right.begin(), right.end());
+    right = {};
+  }
+  ColumnWidths widths = kLeftWidths;
+  widths.value = std::min(widths.value, width - widths.title - widths.key);
   for (std::size_t row = 0; row < std::max(left.size(), right.size()); ++row) {
-    const std::string line =
-        row < left.size() ? CellText(left[row], kLeftWidths, text_) : std::string(kLeftWidth, ' ');
+    const std::string line = row < left.size()
+                                 ? CellText(left[row], widths, text_)
+                                 : std::string(widths.title + widths.key + widths.value, ' ');
     lines.push_back(line + (row < right.size() ? CellText(right[row], kRightWidths, text_) : ""));
   }
 }
 
-void TelemetryView::AppendHistogram(std::vector<std::string>& lines, Time now) const {
+void TelemetryView::AppendHistogram(std::vector<std::string>& lines, Time now,
+                                    std::size_t width) const {
   if (histogram_.type != RecordType::kHistogram || now - last_histogram_ >= kHistogramLife) {
     lines.push_back("histogram none");
     return;
   }
-  const unsigned largest = *std::ranges::max_element(histogram_.histogram);
+  constexpr std::size_t kBesideIt = 14;
+  const auto values = Narrowed(histogram_.histogram, width - kBesideIt);
+  const unsigned largest = *std::ranges::max_element(values);
   for (unsigned row = 0; row < kHistogramRows; ++row) {
     const std::string scale = row == 0 ? std::to_string(largest) : "";
     lines.push_back(Padded(row == 0 ? "histogram" : "", 10) + Padded(scale, 4) +
-                    HistogramRow(histogram_.histogram, largest, kHistogramRows - 1 - row));
+                    HistogramRow(values, largest, kHistogramRows - 1 - row));
   }
 }
 
-std::vector<std::string> TelemetryView::Lines(Time now) {
-  std::vector<std::string> lines = {Title(now), Rates(now), ""};
-  AppendItems(lines);
+std::vector<std::string> TelemetryView::Lines(Time now, std::size_t width) {
+  std::vector<std::string> lines;
+  const auto append = [&](const std::string& text) {
+    for (std::string& line : BrokenLines(text, width)) {
+      lines.push_back(std::move(line));
+    }
+  };
+  append(Title(now));
+  append(Rates(now));
+  lines.emplace_back("");
+  AppendItems(lines, width);
   char status[80];
-  std::snprintf(status, sizeof status, "status   byte 0: 0x%02X   byte 31: 0x%02X   byte 2: 0x%02X",
+  std::snprintf(status, sizeof status, "status  byte 0: 0x%02X,  byte 31: 0x%02X,  byte 2: 0x%02X",
                 unsigned{status_.status_byte_0}, unsigned{status_.status_byte_31},
                 unsigned{status_.status_byte_2});
   lines.emplace_back("");
-  lines.emplace_back(status);
-  AppendHistogram(lines, now);
+  append(status);
+  AppendHistogram(lines, now, width);
   return lines;
 }
 

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -21,8 +22,9 @@ class TelemetryView {
 
   void Take(const TelemetryRecord& record, UdpPeer sender, Time now);
 
-  // The page as it is to be seen, at most 80 columns wide, its most important lines first.
-  std::vector<std::string> Lines(Time now);
+  // The page as it is to be seen, its most important lines first: in two columns of items where the
+  // width is 80 or more, in one where it is less, down to 40.
+  std::vector<std::string> Lines(Time now, std::size_t width);
 
  private:
   using Counts = std::array<std::uint64_t, kRecordTypeCount>;
@@ -33,8 +35,8 @@ class TelemetryView {
 
   [[nodiscard]] std::string Title(Time now) const;
   [[nodiscard]] std::string Rates(Time now);
-  void AppendItems(std::vector<std::string>& lines) const;
-  void AppendHistogram(std::vector<std::string>& lines, Time now) const;
+  void AppendItems(std::vector<std::string>& lines, std::size_t width) const;
+  void AppendHistogram(std::vector<std::string>& lines, Time now, std::size_t width) const;
 
   TelemetryRecord text_;
   TelemetryRecord status_;

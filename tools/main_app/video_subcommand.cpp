@@ -16,6 +16,7 @@
 
 #include "kestrelbridge/frame_block.h"
 #include "tools/common/number_option.h"
+#include "tools/common/quiet_ring.h"
 #include "tools/common/run_end.h"
 #include "tools/common/tool_error.h"
 #include "tools/common/video_output.h"
@@ -29,12 +30,14 @@ using Unit = std::vector<std::uint8_t>;
 // The daemon wakes us for a unit; so long at most it takes until we see Ctrl-C or a closed pipe.
 constexpr std::chrono::milliseconds kRingWait{50};
 constexpr std::chrono::milliseconds kBlockPause{10};
-constexpr std::chrono::seconds kQuiet{1};  // without a unit: is it still the daemon's ring?
+constexpr std::chrono::seconds kQuiet{1};      // without a unit: is it still the daemon's ring?
+constexpr std::chrono::seconds kLongQuiet{2};  // somebody waits, and should know why
 constexpr double kMaxSeconds = 1e7;
 constexpr double kMaxUnits = 1e15;
 
 struct CommandLine {
   std::string output;
+  bool force = false;
   bool statistics = false;
   bool oldest = false;
   bool live = false;
@@ -49,6 +52,7 @@ struct Run {
   RunEnd end;
   VideoStatistics statistics;
   FrameBlockReader::Counters earlier{};  // of rings that were removed under us
+  bool quiet_said = false;
 
   // Whose closed pipe ends the run.
   [[nodiscard]] int Watched() const {
@@ -124,14 +128,24 @@ FrameBlockReader::Counters AllCounters(const FrameBlockReader& reader, const Run
   return all;
 }
 
+// Once, at the first long silence.
+void SayWhyQuiet(Run& run) {
+  if (!run.quiet_said) {
+    std::fprintf(stderr, "no access unit for %d seconds: %s\n",
+                 static_cast<int>(kLongQuiet.count()), WhyTheRingIsQuiet(kFrameBlockName).c_str());
+  }
+  run.quiet_said = true;
+}
+
 enum class RingEnd { kRunIsOver, kRingIsGone };
 
 RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& run) {
   Unit unit;
   auto quiet_from = RunEnd::Clock::now();
+  auto last_unit = quiet_from;
   for (;;) {
     while (reader.Next(unit)) {
-      quiet_from = RunEnd::Clock::now();
+      quiet_from = last_unit = RunEnd::Clock::now();
       if (!PassOn(unit, run) || run.end.Wait({}, -1)) {
         return RingEnd::kRunIsOver;  // a flood of units must not hide the end
       }
@@ -141,6 +155,9 @@ RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& 
         return RingEnd::kRingIsGone;
       }
       quiet_from = RunEnd::Clock::now();
+    }
+    if (RunEnd::Clock::now() - last_unit > kLongQuiet) {
+      SayWhyQuiet(run);
     }
     if (run.line.statistics && !run.statistics.Report(AllCounters(reader, run))) {
       return RingEnd::kRunIsOver;
@@ -173,7 +190,7 @@ void RunVideo(const CommandLine& line) {
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
   const std::string output = line.output.empty() && !line.statistics ? "-" : line.output;
   Run run = {.line = line,
-             .output = VideoOutput(output),
+             .output = VideoOutput(output, line.force),
              .end = RunEnd(line.duration_s),
              .statistics = VideoStatistics(output == "-" ? stderr : stdout)};
   for (bool is_first = true;; is_first = false) {
@@ -198,18 +215,18 @@ void RunVideo(const CommandLine& line) {
 constexpr char kFooter[] =
     "Where it begins: a player needs a sequence parameter set, so a running ring is read from the "
     "newest unit on that opens with one, at most 100 units back; without such a unit, from the "
-    "next unit on. Statistics alone begin with the next unit, too. A player that shows units as "
-    "they come has caught up at once: ffplay -f h264 "
-    "-fflags nobuffer -flags low_delay -framedrop. A ring that appears, or begins anew with the "
-    "daemon, is read from its first unit on.\n"
+    "next unit on. Statistics alone begin with the next unit, too. A ring that appears, or begins "
+    "anew with the daemon, is read from its first unit on. To watch it: kestrelctl watch, whose "
+    "--print shows what to pipe it into.\n"
     "A ring of an earlier run stays until the daemon starts again; what it holds counts as old, "
     "see --live.\n\n"
     "Ends with Ctrl-C, SIGTERM or when the pipe is closed, and sums up on standard error. Exit "
     "code: 0, or 1 when something could not be done.\n\n"
-    "  kestrelctl video | ffplay -f h264 -\n"
     "  kestrelctl video --output flight.h264 --stats";
 
 }  // namespace
+
+void StreamVideoToStandardOutput() { RunVideo({.output = "-"}); }
 
 void AddVideoSubcommand(CLI::App& app) {
   CLI::App* const command = app.add_subcommand(
@@ -220,6 +237,7 @@ void AddVideoSubcommand(CLI::App& app) {
                    "Write the video, Annex B, to this file; - is standard output, which is the "
                    "default without --stats")
       ->type_name("FILE");
+  command->add_flag("--force", line->force, "Replace the file, should it exist");
   command->add_flag("--stats", line->statistics,
                     "A line a second on standard output: frames per second, bit rate, units lost, "
                     "restarts of the daemon, picture size (on standard error with --output -)");
@@ -231,7 +249,7 @@ void AddVideoSubcommand(CLI::App& app) {
                  "nothing before the camera's next parameter set")
       ->excludes(oldest);
   command->add_option("--count", line->count, "End after so many units")
-      ->check(NumberBetween(1, kMaxUnits))
+      ->check(WholeNumberBetween(1, kMaxUnits))
       ->type_name("UNITS");
   command->add_option("--duration", line->duration_s, "End after so many seconds, waiting included")
       ->check(NumberBetween(0.01, kMaxSeconds))

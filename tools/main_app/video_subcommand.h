@@ -7,4 +7,7 @@ namespace kestrelbridge::tools {
 
 void AddVideoSubcommand(CLI::App& app);
 
+// What `kestrelctl video` does by default, until the pipe is closed or a signal comes.
+void StreamVideoToStandardOutput();
+
 }  // namespace kestrelbridge::tools

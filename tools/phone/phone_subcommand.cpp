@@ -31,6 +31,7 @@ struct CommandLine {
   std::uint16_t local_port = 0;
   double duration_s = 0;
   std::string output;
+  bool force = false;
   double silence_after_s = 0;
   CLI::Option* silence_option = nullptr;
   bool no_acknowledge = false;
@@ -82,7 +83,7 @@ void RunPhone(CommandLine& line) {
     throw ToolError("--to " + line.to + ": port 0 cannot be sent to");
   }
   RunEnd end(line.duration_s);
-  VideoOutput output(line.output);
+  VideoOutput output(line.output, line.force);
   const UdpSocket socket(UdpPeer{.port = line.local_port});
   bool reader_gone = false;
   SimulatedPhone phone(line.phone, socket,
@@ -141,6 +142,7 @@ void AddPhoneSubcommand(CLI::App& app) {
                    "Write every whole unit to this file; - is standard output, and the report goes "
                    "to standard error then")
       ->type_name("FILE");
+  command->add_flag("--force", line->force, "Replace the file, should it exist");
   command->callback([line] { RunPhone(*line); });
 }
 

@@ -12,10 +12,11 @@
 #include <utility>
 
 #include "base/run_paths.h"
+#include "tools/common/metrics_reading.h"
 #include "tools/common/number_option.h"
 #include "tools/common/run_end.h"
 #include "tools/common/screen.h"
-#include "tools/stats/metrics_reading.h"
+#include "tools/common/text_layout.h"
 
 namespace kestrelbridge::tools {
 namespace {
@@ -37,7 +38,7 @@ struct Run {
       : line(command_line),
         end(line.duration_s),
         screen(output),
-        on_screen(!line.json && isatty(STDOUT_FILENO) == 1) {}
+        on_screen(!line.json && HasScreen()) {}
 
   const CommandLine& line;
   RunEnd end;
@@ -64,7 +65,8 @@ void Print(Run& run) {
 
 // The title tells more as time goes by, so it is drawn anew also without news.
 void Draw(Run& run) {
-  run.screen.Draw(MetricsLines(*run.latest, run.before, MetricsReading::Time::clock::now(), true));
+  run.screen.Draw(MetricsLines(*run.latest, run.before, MetricsReading::Time::clock::now(), true,
+                               WidthOf(STDOUT_FILENO)));
 }
 
 void SayWhenStale(Run& run) {
@@ -124,7 +126,7 @@ void AddStatsSubcommand(CLI::App& app) {
       ->capture_default_str();
   command->add_flag("--json", line->json, "A JSON object per second, each on a line of its own");
   command->add_option("--count", line->count, "End after so many tables")
-      ->check(NumberBetween(1, kMaxReadings))
+      ->check(WholeNumberBetween(1, kMaxReadings))
       ->type_name("TABLES");
   command->add_option("--duration", line->duration_s, "End after so many seconds")
       ->check(NumberBetween(0.01, kMaxSeconds))

@@ -1,4 +1,4 @@
-#include "tools/stats/metrics_reading.h"
+#include "tools/common/metrics_reading.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -98,16 +98,31 @@ std::string Title(const MetricsReading& now, MetricsReading::Time clock) {
   return title + "; links up:" + (links.empty() ? " none" : PrintableText(links));
 }
 
-std::string CounterLine(const Metric& metric, const std::optional<double>& rate) {
-  char numbers[80];
-  std::snprintf(numbers, sizeof numbers, "%20llu", static_cast<unsigned long long>(metric.value));
-  std::string line = PrintableText(ShortName(metric.name));
-  line.resize(std::max<std::size_t>(line.size(), 26), ' ');
-  line += " " + PrintableText(LabelValue(metric.label));
-  line.resize(std::max<std::size_t>(line.size(), 43), ' ');
-  line += numbers;
-  std::snprintf(numbers, sizeof numbers, "%14.1f", rate.value_or(0));
-  return line + (rate ? numbers : "             -");
+constexpr std::size_t kNameWidth = 43;  // of a counter, with its label
+constexpr std::size_t kTotalWidth = 20;
+constexpr std::size_t kRateWidth = 14;
+constexpr std::size_t kLineWidth = kNameWidth + kTotalWidth + kRateWidth;
+
+std::string Right(const std::string& text, std::size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
+void AppendCounter(std::vector<std::string>& lines, const Metric& metric,
+                   const std::optional<double>& rate, std::size_t width) {
+  std::string name = PrintableText(ShortName(metric.name));
+  name.resize(std::max<std::size_t>(name.size(), width < kLineWidth ? 0 : 26), ' ');
+  name += " " + PrintableText(LabelValue(metric.label));
+  std::array<char, 40> shown_rate{};
+  std::snprintf(shown_rate.data(), shown_rate.size(), "%.1f", rate.value_or(0));
+  const std::string numbers = Right(std::to_string(metric.value), kTotalWidth) +
+                              Right(rate ? shown_rate.data() : "-", kRateWidth);
+  if (width < kLineWidth) {
+    lines.push_back(name);
+    lines.push_back(numbers);
+  } else {
+    name.resize(std::max(name.size(), kNameWidth), ' ');
+    lines.push_back(name + numbers);
+  }
 }
 
 // ,"link":"camera" for link="camera".
@@ -199,9 +214,12 @@ std::optional<double> Rate(const Metric& metric, const MetricsReading& now,
 
 std::vector<std::string> MetricsLines(const MetricsReading& now,
                                       const std::optional<MetricsReading>& before,
-                                      MetricsReading::Time clock, bool hide_zeros) {
-  std::vector<std::string> lines = {
-      Title(now, clock), std::string(58, ' ') + "total" + std::string(6, ' ') + "a second"};
+                                      MetricsReading::Time clock, bool hide_zeros,
+                                      std::size_t width) {
+  std::vector<std::string> lines = BrokenLines(Title(now, clock), width);
+  const std::size_t name_width = width < kLineWidth ? 0 : kNameWidth;
+  lines.push_back(std::string(name_width, ' ') + Right("total", kTotalWidth) +
+                  Right("a second", kRateWidth));
   int hidden = 0;
   for (const Metric& metric : now.metrics) {
     if (!metric.is_counter) {
@@ -210,7 +228,7 @@ std::vector<std::string> MetricsLines(const MetricsReading& now,
     if (hide_zeros && metric.value == 0) {
       ++hidden;
     } else {
-      lines.push_back(CounterLine(metric, Rate(metric, now, before)));
+      AppendCounter(lines, metric, Rate(metric, now, before), width);
     }
   }
   if (hidden != 0) {
