@@ -59,7 +59,7 @@ start_everybody() {
 telemetry_for() {
   "$bin/kestrelctl" telemetry --json --duration "$1" 2>>"$out/telemetry.log" |
     tee -a "$out/telemetry.log" | grep --line-buffered '"type":"text"' |
-    sed -u 's/.*"camera_model":"\([^"]*\)".*"battery_level":"\([^"]*\)".*"format":"\([^"]*\)".*"iso":"\([^"]*\)".*/         telemetry: \1, \3, ISO \4, battery \2 %/'
+    sed -u 's/.*"camera_model":"\([^"]*\)".*"battery_level":"\{0,1\}\([^",]*\)"\{0,1\}.*"format":"\([^"]*\)".*"iso":"\{0,1\}\([^",]*\)"\{0,1\},.*/         telemetry: \1, \3, ISO \4, battery \2 %/'
 }
 
 # The telemetry of a few seconds, beside the statistics of the video.
@@ -81,7 +81,7 @@ records() { grep -c "\"type\":\"$1\"" "$out/telemetry.log" || true; }
 # value_of KEY: from the latest text record.
 value_of() {
   grep '"type":"text"' "$out/telemetry.log" | tail -n 1 |
-    sed -n "s/.*\"$1\":\"\([^\"]*\)\".*/\1/p"
+    sed -n "s/.*\"$1\":\"\{0,1\}\([^\",]*\).*/\1/p"
 }
 
 check_telemetry() {

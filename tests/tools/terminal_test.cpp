@@ -117,6 +117,28 @@ TEST(Terminal, MistakesAreNamedWithWhatMayHaveBeenMeant) {
   EXPECT_EQ(ReadFile(flight), "an earlier flight");
 }
 
+TEST(Terminal, JsonIsOutputEverywhereWithATime) {
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  const struct {
+    std::vector<std::string> words;
+    std::string part;
+  } rows[] = {
+      {{"video", "--stats", "--json", "--duration", "3"}, R"("frames_per_second":0.0,)"},
+      {{"rc", "--json", "record=0.5"}, R"("channel":139,"name":"record","value":0.5})"},
+      {{"rc", "--json"}, R"({"channel":139,"name":"record","value":0.5},)"},
+      {{"phone", "--json", "--to", "127.0.0.1:9", "--duration", "3"}, R"(,"datagrams":0,)"},
+      {{"stats", "--json", "--count", "1"}, R"("value":18446744073709551615)"},
+  };
+  for (const auto& row : rows) {
+    WriteMetrics();
+    ChildProcess tool(Kestrelctl(row.words));
+    EXPECT_EQ(tool.WaitForExit(), ExitedWith(0)) << tool.Error();
+    EXPECT_GE(CountLines(tool.Output(), row.part), 1) << row.part << tool.Output();
+    EXPECT_EQ(CountLines(tool.Output(), "{\"time\":"), CountLines(tool.Output(), ""))
+        << tool.Output();
+  }
+}
+
 TEST(Terminal, ARingThatNobodyWritesIsExplained) {
   shm_unlink(kFrameBlockName);
   ChildProcess nothing(Kestrelctl({"doctor"}));

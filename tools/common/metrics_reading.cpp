@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "tools/common/foreign_text.h"
+#include "tools/common/json_text.h"
 #include "tools/common/tool_error.h"
 
 namespace kestrelbridge::tools {
@@ -241,7 +242,7 @@ std::string MetricsJson(const MetricsReading& now, const std::optional<MetricsRe
   char time[40];
   std::snprintf(time, sizeof time, "%.3f",
                 duration<double>(now.written.time_since_epoch()).count());
-  std::string json = std::string(R"({"written":)") + time + R"(,"metrics":[)";
+  std::string json = "{" + JsonTime() + R"(,"written":)" + time + R"(,"metrics":[)";
   for (const Metric& metric : now.metrics) {
     json += json.ends_with('[') ? "" : ",";
     json += R"({"name":)" + JsonString(metric.name) + JsonLabel(metric.label) + R"(,"value":)" +

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "tools/common/unit_schedule.h"
 
@@ -44,6 +45,14 @@ template <typename Counters>
 void PrintSummaryLines(std::FILE* file, const auto& lines, const Counters& counters) {
   for (const SummaryLine<Counters>& line : lines) {
     std::fprintf(file, "%s: %llu\n", line.key, Ull(counters.*line.counter));
+  }
+}
+
+// "key":value of each, with a comma before it.
+template <typename Counters>
+void AppendJsonMembers(std::string& json, const auto& lines, const Counters& counters) {
+  for (const SummaryLine<Counters>& line : lines) {
+    json += std::string(",\"") + line.key + "\":" + std::to_string(counters.*line.counter);
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "tools/common/foreign_text.h"
 #include "tools/common/host_port.h"
+#include "tools/common/json_text.h"
 
 namespace kestrelbridge::tools {
 namespace {
@@ -52,11 +53,16 @@ std::string PlainContent(const TelemetryRecord& record) {
 std::string JsonItems(const TelemetryRecord& record) {
   std::string json;
   for (const TelemetryItem& item : record.items) {
-    if (item.key != "type" && item.key != "sender") {
-      json += "," + JsonString(item.key) + ":" + JsonString(item.value);
+    if (item.key != "time" && item.key != "type" && item.key != "sender") {
+      json += "," + JsonString(item.key) + ":" + JsonValue(item.value);
     }
   }
   return json;
+}
+
+std::string JsonHead(std::string_view type, UdpPeer sender) {
+  return "{" + JsonTime() + ",\"type\":" + JsonString(type) +
+         ",\"sender\":" + JsonString(SenderText(sender));
 }
 
 // Each member with a comma before it.
@@ -90,8 +96,28 @@ std::string PlainLine(const TelemetryRecord& record, UdpPeer sender) {
 }
 
 std::string JsonLine(const TelemetryRecord& record, UdpPeer sender) {
-  return "{\"type\":" + JsonString(RecordTypeName(record.type)) +
-         ",\"sender\":" + JsonString(SenderText(sender)) + JsonContent(record) + "}";
+  return JsonHead(RecordTypeName(record.type), sender) + JsonContent(record) + "}";
+}
+
+std::string PlainState(const TelemetryRecord& text, const TelemetryRecord& status,
+                       const TelemetryRecord& histogram, UdpPeer sender) {
+  std::string lines = "sender=" + SenderText(sender) + "\n";
+  for (const TelemetryItem& item : text.items) {
+    lines += PrintableText(item.key) + "=" + PrintableText(item.value) + "\n";
+  }
+  lines += "status_byte_0=" + std::to_string(status.status_byte_0) +
+           "\nstatus_byte_31=" + std::to_string(status.status_byte_31) +
+           "\nstatus_byte_2=" + std::to_string(status.status_byte_2);
+  if (histogram.type == RecordType::kHistogram) {
+    lines += "\nhistogram=" + PlainContent(histogram);
+  }
+  return lines;
+}
+
+std::string JsonState(const TelemetryRecord& text, const TelemetryRecord& status,
+                      const TelemetryRecord& histogram, UdpPeer sender) {
+  return JsonHead("state", sender) + JsonContent(text) + JsonContent(status) +
+         (histogram.type == RecordType::kHistogram ? JsonContent(histogram) : "") + "}";
 }
 
 }  // namespace kestrelbridge::tools

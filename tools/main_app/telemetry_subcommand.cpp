@@ -35,6 +35,7 @@ struct CommandLine {
   std::string listen;  // empty: see TelemetrySocket
   bool json = false;
   bool lines = false;
+  bool once = false;
   std::uint64_t count = 0;  // 0: no limit
   double duration_s = 0;
 };
@@ -75,7 +76,7 @@ struct Run {
         end(line.duration_s),
         screen(output),
         view(Clock::now()),
-        on_screen(!line.json && !line.lines && HasScreen()) {}
+        on_screen(!line.json && !line.lines && !line.once && HasScreen()) {}
 
   const CommandLine& line;
   TelemetrySocket telemetry;
@@ -84,10 +85,29 @@ struct Run {
   Output output;
   Screen screen;
   TelemetryView view;
+  TelemetryRecord text, status, histogram;  // the latest, for --once
   const bool on_screen;
   std::uint64_t records = 0;
+  bool is_shown = false;  // with --once
   Clock::time_point next_draw;
 };
+
+// True when all of the state is there, which has been printed then.
+bool ShowWholeState(const ReceivedRecord& received, Run& run) {
+  const TelemetryRecord& record = received.record;
+  TelemetryRecord unknown;
+  TelemetryRecord& place = record.type == RecordType::kText        ? run.text
+                           : record.type == RecordType::kStatus    ? run.status
+                           : record.type == RecordType::kHistogram ? run.histogram
+                                                                   : unknown;
+  place = record;
+  if (run.text.type != RecordType::kText || run.status.type != RecordType::kStatus) {
+    return false;
+  }
+  const auto make_text = run.line.json ? JsonState : PlainState;
+  run.output.Write(make_text(run.text, run.status, run.histogram, received.sender) + '\n');
+  return true;
+}
 
 void Show(const ReceivedRecord& received, Run& run, Clock::time_point now) {
   if (run.on_screen) {
@@ -103,8 +123,15 @@ bool ShowArrived(Run& run) {
   while (const auto received = run.telemetry.Take()) {
     const auto now = Clock::now();
     run.silence.HasArrived(now);
-    Show(*received, run, now);
     ++run.records;
+    if (run.line.once) {
+      if (ShowWholeState(*received, run)) {
+        run.is_shown = true;
+        return false;
+      }
+      continue;
+    }
+    Show(*received, run, now);
     if (run.output.closed() || run.records == run.line.count || run.end.Wait({}, -1)) {
       return false;
     }
@@ -148,6 +175,9 @@ void RunTelemetry(const CommandLine& line) {
     Redraw(run);  // the last record, too
     run.screen.Close();
   }
+  if (line.once && !run.is_shown) {
+    throw ToolError("no text and status record have arrived on " + run.telemetry.Place());
+  }
 }
 
 constexpr char kFooter[] =
@@ -172,9 +202,13 @@ void AddTelemetrySubcommand(CLI::App& app) {
       ->default_str(kTelemetryPlaceText);
   command->add_flag("--json", line->json, "A JSON object per record, each on a line of its own");
   command->add_flag("--lines", line->lines, "A line per record, on a terminal, too");
-  command->add_option("--count", line->count, "End after so many records")
-      ->check(WholeNumberBetween(1, kMaxRecords))
-      ->type_name("RECORDS");
+  auto* const count = command->add_option("--count", line->count, "End after so many records")
+                          ->check(WholeNumberBetween(1, kMaxRecords))
+                          ->type_name("RECORDS");
+  command
+      ->add_flag("--once", line->once,
+                 "Print the whole state, a key=value per line, once it has come, and end")
+      ->excludes(count);
   command->add_option("--duration", line->duration_s, "End after so many seconds, waiting included")
       ->check(NumberBetween(0.01, kMaxSeconds))
       ->type_name("SECONDS");

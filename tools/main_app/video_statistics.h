@@ -1,4 +1,4 @@
-// What is seen of the live video, for a human: a line a second, a line at the end.
+// What is seen of the live video: a line a second, for people or as JSON; a line at the end.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ namespace kestrelbridge::tools {
 // Prints to `stream`. One thread.
 class VideoStatistics {
  public:
-  explicit VideoStatistics(std::FILE* stream) : stream_(stream) {}
+  VideoStatistics(std::FILE* stream, bool json) : stream_(stream), json_(json) {}
 
   // The first second begins.
   void Start() { start_ = last_ = RunEnd::Clock::now(); }
@@ -30,6 +30,7 @@ class VideoStatistics {
 
  private:
   std::FILE* stream_;
+  bool json_;
   RunEnd::Clock::time_point start_{};
   RunEnd::Clock::time_point last_{};
   std::uint64_t units_ = 0, bytes_ = 0;

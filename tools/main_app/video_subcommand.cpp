@@ -39,6 +39,7 @@ struct CommandLine {
   std::string output;
   bool force = false;
   bool statistics = false;
+  bool json = false;
   bool oldest = false;
   bool live = false;
   std::uint64_t count = 0;  // 0: no limit
@@ -192,7 +193,7 @@ void RunVideo(const CommandLine& line) {
   Run run = {.line = line,
              .output = VideoOutput(output, line.force),
              .end = RunEnd(line.duration_s),
-             .statistics = VideoStatistics(output == "-" ? stderr : stdout)};
+             .statistics = VideoStatistics(output == "-" ? stderr : stdout, line.json)};
   for (bool is_first = true;; is_first = false) {
     FrameBlockMapping mapping;
     bool waited = false;
@@ -238,9 +239,12 @@ void AddVideoSubcommand(CLI::App& app) {
                    "default without --stats")
       ->type_name("FILE");
   command->add_flag("--force", line->force, "Replace the file, should it exist");
-  command->add_flag("--stats", line->statistics,
-                    "A line a second on standard output: frames per second, bit rate, units lost, "
-                    "restarts of the daemon, picture size (on standard error with --output -)");
+  auto* const statistics = command->add_flag(
+      "--stats", line->statistics,
+      "A line a second on standard output: frames per second, bit rate, units lost, "
+      "restarts of the daemon, picture size (on standard error with --output -)");
+  command->add_flag("--json", line->json, "With --stats: a JSON object a second")
+      ->needs(statistics);
   auto* const oldest = command->add_flag("--oldest", line->oldest,
                                          "Begin with all that the ring holds, at most 100 units");
   command

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tools/common/host_port.h"
+#include "tools/common/json_text.h"
 #include "tools/common/number_option.h"
 #include "tools/common/run_end.h"
 #include "tools/common/stream_report.h"
@@ -35,6 +36,7 @@ struct CommandLine {
   double silence_after_s = 0;
   CLI::Option* silence_option = nullptr;
   bool no_acknowledge = false;
+  bool json = false;
   PhoneOptions phone;
 };
 
@@ -65,6 +67,15 @@ constexpr SummaryLine<PhoneCounters> kPhoneSummary[] = {
     {"send_failures", &PhoneCounters::send_failures},
 };
 
+// All counters, and the bit rate since the last line.
+void ReportJson(std::FILE* file, const SimulatedPhone& phone, const ReportClock& clock) {
+  std::string members;
+  AppendJsonMembers(members, kStreamSummary, phone.Stream());
+  AppendJsonMembers(members, kPhoneSummary, phone.Counters());
+  std::fprintf(file, "{%s,\"seconds\":%.0f,\"megabits_per_second\":%.2f%s}\n", JsonTime().c_str(),
+               clock.seconds(), clock.megabits_per_second(), members.c_str());
+}
+
 void PrintSummary(std::FILE* file, const SimulatedPhone& phone) {
   std::fprintf(file, "summary\n");
   PrintSummaryLines(file, kStreamSummary, phone.Stream());
@@ -88,7 +99,7 @@ void RunPhone(CommandLine& line) {
   bool reader_gone = false;
   SimulatedPhone phone(line.phone, socket,
                        [&](auto unit) { reader_gone = reader_gone || !output.Write(unit, end); });
-  std::fprintf(report, "sending to %s from port %u\n", line.to.c_str(),
+  std::fprintf(line.json ? stderr : report, "sending to %s from port %u\n", line.to.c_str(),
                unsigned{socket.Local().port});
   // Whose closed pipe ends the run.
   const int watched = output.descriptor() != -1 ? output.descriptor() : STDOUT_FILENO;
@@ -98,13 +109,13 @@ void RunPhone(CommandLine& line) {
     const SteadyTime now = steady_clock::now();
     phone.Send(now);
     if (clock.IsDue(phone.Stream().bytes, now)) {
-      Report(report, phone, clock);
+      (line.json ? ReportJson : Report)(report, phone, clock);
     }
     const auto pause = std::min(phone.NextSend(), clock.NextReport()) - now;
     ended = reader_gone || end.WaitForInput(socket.Descriptor(), pause, watched);
   }
   output.Close();
-  PrintSummary(report, phone);
+  PrintSummary(line.json ? stderr : report, phone);
 }
 
 }  // namespace
@@ -143,6 +154,8 @@ void AddPhoneSubcommand(CLI::App& app) {
                    "to standard error then")
       ->type_name("FILE");
   command->add_flag("--force", line->force, "Replace the file, should it exist");
+  command->add_flag("--json", line->json,
+                    "A JSON object a second with all counters; the summary goes to standard error");
   command->callback([line] { RunPhone(*line); });
 }
 

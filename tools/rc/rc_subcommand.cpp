@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "control/rc_block.h"
+#include "tools/common/foreign_text.h"
+#include "tools/common/json_text.h"
 #include "tools/common/number_option.h"
 #include "tools/common/run_end.h"
 #include "tools/common/tool_error.h"
@@ -32,6 +34,7 @@ struct CommandLine {
   double slider = 0;
   bool no_slider = false;
   bool watch = false;
+  bool json = false;
   double hold_ms = 0;
   double duration_s = 0;
   CLI::Option* slider_option = nullptr;
@@ -52,9 +55,26 @@ void Open(RcBlock& block) {
   }
 }
 
-void SetChannels(const RcBlock& block, const std::vector<RcAssignment>& assignments) {
+// "channel":139,"name":"record","value":1
+std::string JsonChannel(std::size_t channel, double value) {
+  return "\"channel\":" + std::to_string(channel) +
+         ",\"name\":" + JsonString(RcChannelName(channel)) + ",\"value\":" + JsonNumber(value);
+}
+
+// An object of its own, with further members, each behind a comma.
+void PrintJson(const std::string& members) {
+  std::printf("{%s,%s}\n", JsonTime().c_str(), members.c_str());
+}
+
+constexpr const char* JsonBool(bool value) { return value ? "true" : "false"; }
+
+void SetChannels(const RcBlock& block, const std::vector<RcAssignment>& assignments, bool json) {
   for (const RcAssignment& assignment : assignments) {
     StoreRcChannel(block.bytes, assignment.channel, assignment.value);
+    if (json) {
+      PrintJson(JsonChannel(assignment.channel, assignment.value));
+      continue;
+    }
     std::printf("%zu %s = %g\n", assignment.channel, RcChannelName(assignment.channel).c_str(),
                 assignment.value);
   }
@@ -66,10 +86,18 @@ void SetSlider(const RcBlock& block, const CommandLine& line) {
   if (line.HasSlider()) {
     StoreRcChannel(block.bytes, kRcEvSlider, line.slider);
     StoreRcSliderEnabled(block.bytes, 1);
+    if (line.json) {
+      PrintJson(JsonChannel(kRcEvSlider, line.slider) + R"(,"slider_in_force":true)");
+      return;
+    }
     std::printf("%zu %s = %g, in force\n", kRcEvSlider, RcChannelName(kRcEvSlider).c_str(),
                 line.slider);
   } else if (line.no_slider) {
     StoreRcSliderEnabled(block.bytes, 0);
+    if (line.json) {
+      PrintJson(R"("slider_in_force":false)");
+      return;
+    }
     std::printf("%s is not in force\n", RcChannelName(kRcEvSlider).c_str());
   }
 }
@@ -83,13 +111,27 @@ void HoldAndRelease(const RcBlock& block, const CommandLine& line,
   for (RcAssignment& assignment : assignments) {
     assignment.value = 0;
   }
-  SetChannels(block, assignments);
+  SetChannels(block, assignments, line.json);
 }
 
-void List(RcBlock& block) {
+void PrintJsonList(const RcValues& values) {
+  std::string channels;
+  for (const RcChannel& channel : RcChannels()) {
+    channels += (channels.empty() ? "{" : ",{") +
+                JsonChannel(channel.number, values.channels[channel.number]) + "}";
+  }
+  PrintJson("\"channels\":[" + channels +
+            "],\"slider_in_force\":" + JsonBool(values.slider_enabled));
+}
+
+void List(RcBlock& block, bool json) {
   RcValues values;
   if (!ReadRcBlock(block, values)) {
     throw ToolError(std::string("the block /dev/shm") + kRcBlockName + " has just gone");
+  }
+  if (json) {
+    PrintJsonList(values);
+    return;
   }
   std::printf("channel  name             value     does\n");
   for (const RcChannel& channel : RcChannels()) {
@@ -104,19 +146,27 @@ bool IsSame(double left, double right) {
   return std::bit_cast<std::uint64_t>(left) == std::bit_cast<std::uint64_t>(right);
 }
 
-void PrintChanges(const RcValues& before, const RcValues& now) {
+void PrintChanges(const RcValues& before, const RcValues& now, bool json) {
   for (std::size_t channel = 0; channel < kRcChannelCount; ++channel) {
-    if (!IsSame(before.channels[channel], now.channels[channel])) {
+    if (IsSame(before.channels[channel], now.channels[channel])) {
+      continue;
+    }
+    if (json) {
+      PrintJson(JsonChannel(channel, now.channels[channel]) +
+                ",\"before\":" + JsonNumber(before.channels[channel]));
+    } else {
       std::printf("%zu %s: %g -> %g\n", channel, RcChannelName(channel).c_str(),
                   before.channels[channel], now.channels[channel]);
     }
   }
-  if (before.slider_enabled != now.slider_enabled) {
+  if (before.slider_enabled != now.slider_enabled && json) {
+    PrintJson(std::string("\"slider_in_force\":") + JsonBool(now.slider_enabled));
+  } else if (before.slider_enabled != now.slider_enabled) {
     std::printf("slider in force: %s\n", now.slider_enabled ? "yes" : "no");
   }
 }
 
-void Watch(RcBlock& block, RunEnd& end) {
+void Watch(RcBlock& block, RunEnd& end, bool json) {
   std::fprintf(stderr, "watching /dev/shm%s\n", kRcBlockName);
   RcValues before;
   ReadRcBlock(block, before);
@@ -129,7 +179,7 @@ void Watch(RcBlock& block, RunEnd& end) {
       Open(block);
       continue;
     }
-    PrintChanges(before, now);
+    PrintChanges(before, now, json);
     before = now;
   }
 }
@@ -152,15 +202,15 @@ void RunRc(const CommandLine& line) {
   RcBlock block;
   Open(block);
   RunEnd end(line.duration_s);
-  SetChannels(block, assignments);
+  SetChannels(block, assignments, line.json);
   SetSlider(block, line);
   if (line.hold_ms > 0) {
     HoldAndRelease(block, line, assignments, end);
   }
   if (line.watch) {
-    Watch(block, end);
+    Watch(block, end, line.json);
   } else if (!line.Sets()) {
-    List(block);
+    List(block, line.json);
   }
 }
 
@@ -207,6 +257,7 @@ void AddRcSubcommand(CLI::App& app) {
       ->check(NumberBetween(1, kMaxHoldMs))
       ->type_name("MILLISECONDS");
   command->add_flag("--watch", line->watch, "Print every change of any channel");
+  command->add_flag("--json", line->json, "JSON objects, each on a line of its own");
   command->add_option("--duration", line->duration_s, "End after so many seconds")
       ->check(NumberBetween(0.01, kMaxSeconds))
       ->type_name("SECONDS");

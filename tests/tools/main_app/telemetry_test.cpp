@@ -44,5 +44,24 @@ TEST(TelemetryCommand, PrintsALinePerRecordIntoAPipeAndEndsAfterItsCount) {
   }
 }
 
+TEST(TelemetryCommand, PrintsTheWholeStateOnceAsJsonWithNumbersAsNumbers) {
+  ChildProcess telemetry(Kestrelctl({"telemetry", "--once", "--json"}));
+  ASSERT_TRUE(telemetry.WaitForLine("listening on 127.0.0.1:5000"));
+  const PeerSocket daemon;
+  const std::string text = "\aiso=400,ev=-1.3,shutter=1/50,id=007,time=1,big=12345678901234567,";
+  for (const Datagram& datagram :
+       {ToDatagram(BuildHistogramRecord({})), Datagram(text.begin(), text.end()),
+        ToDatagram(BuildStatusRecord({}))}) {
+    ASSERT_TRUE(daemon.Send(datagram, {.host = "127.0.0.1", .port = 5000}));
+  }
+  EXPECT_EQ(telemetry.WaitForExit(), ExitedWith(0));
+  EXPECT_TRUE(telemetry.Output().starts_with("{\"time\":")) << telemetry.Output();
+  EXPECT_EQ(CountLines(telemetry.Output(), R"(,"iso":400,"ev":-1.3,"shutter":"1/50","id":"007",)"
+                                           R"("big":"12345678901234567","status_byte_0":0,)"),
+            1)
+      << telemetry.Output();
+  EXPECT_EQ(CountLines(telemetry.Output(), R"("histogram":[0,0,)"), 1) << telemetry.Output();
+}
+
 }  // namespace
 }  // namespace kestrelbridge::test
