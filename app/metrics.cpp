@@ -194,6 +194,12 @@ void AppendGauges(std::string& text, const Links& links, std::time_t start) {
   for (const Link& link : links) {
     AppendLine(text, kLinkUp, link.labels, LinkIsUp(link.endpoint) ? 1 : 0);
   }
+  constexpr char kCommandPort[] = "kestrelbridge_command_port";
+  AppendHead(text, kCommandPort, "gauge", "UDP port that takes the main application's commands.");
+  AppendLine(text, kCommandPort, "", LocalPort(GetMainAppLink().command_endpoint));
+  constexpr char kBuildInfo[] = "kestrelbridge_build_info";
+  AppendHead(text, kBuildInfo, "gauge", "Always 1; the label tells the daemon's version.");
+  AppendLine(text, kBuildInfo, R"({version=")" KESTRELBRIDGE_VERSION R"("})", 1);
   constexpr char kStart[] = "kestrelbridge_start_time_seconds";
   AppendHead(text, kStart, "gauge", "When the daemon started, in seconds since 1970.");
   AppendLine(text, kStart, "", static_cast<std::uint64_t>(start));

@@ -422,6 +422,17 @@ TEST(Counters, CountWhatCannotBeSent) {
   }
 }
 
+TEST(CommandPort, IsFoundInTheMetricsBesideAMainApplication) {
+  ForgetEarlierRuns();
+  const PeerSocket main_app(LocalPort(5000));
+  ChildProcess daemon(DaemonCommandFor(kOtherCameraPort));
+  EXPECT_TRUE(Eventually([&] {
+    ChildProcess command(Kestrelctl({"command", "iso", "400"}));
+    return command.WaitForExit() == ExitedWith(0);
+  })) << daemon.Error();
+  EXPECT_TRUE(Eventually([] { return ReadCounters()["received datagrams main app"] > 0; }));
+}
+
 // The folder of the metrics is made late, and nothing is said of it.
 TEST(Counters, CountWhatTheKernelDroppedAndAreWrittenAsSoonAsThereIsAFolder) {
   ForgetEarlierRuns();

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/run_paths.h"
 #include "tools/common/foreign_text.h"
 #include "tools/common/json_text.h"
 #include "tools/common/tool_error.h"
@@ -198,6 +199,18 @@ MetricsReading ReadMetrics(const std::string& path) {
                     std::string(kPrefix) + "...");
   }
   return reading;
+}
+
+std::optional<MetricsReading> FreshMetrics() {
+  try {
+    MetricsReading reading = ReadMetrics(kMetricsPath);
+    if (!Staleness(reading, MetricsReading::Time::clock::now())) {
+      return reading;
+    }
+  } catch (const ToolError&) {
+    // No file is an answer, too.
+  }
+  return std::nullopt;
 }
 
 std::optional<double> Rate(const Metric& metric, const MetricsReading& now,

@@ -35,6 +35,9 @@ std::vector<Metric> ParseMetrics(std::string_view text);
 // Throws ToolError when the file cannot be read.
 MetricsReading ReadMetrics(const std::string& path);
 
+// What the daemon of this box writes; nothing where none has written for some seconds.
+std::optional<MetricsReading> FreshMetrics();
+
 // A second's worth of the counter between the two readings; nothing where that cannot be told: for
 // a gauge, without an earlier reading, or when another daemon wrote it.
 std::optional<double> Rate(const Metric& metric, const MetricsReading& now,

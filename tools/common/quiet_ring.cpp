@@ -1,30 +1,10 @@
 #include "tools/common/quiet_ring.h"
 
-#include <chrono>
-#include <cstdint>
-#include <optional>
-
 #include "base/run_paths.h"
 #include "base/shared_memory.h"
 #include "tools/common/metrics_reading.h"
-#include "tools/common/tool_error.h"
 
 namespace kestrelbridge::tools {
-namespace {
-
-std::optional<MetricsReading> FreshMetrics() {
-  try {
-    MetricsReading reading = ReadMetrics(kMetricsPath);
-    if (!Staleness(reading, MetricsReading::Time::clock::now())) {
-      return reading;
-    }
-  } catch (const ToolError&) {
-    // No file is an answer, too.
-  }
-  return std::nullopt;
-}
-
-}  // namespace
 
 std::string WhyTheRingIsQuiet(const char* block_name) {
   if (HolderOfBlock(block_name) == 0) {

@@ -18,6 +18,7 @@
 #include "tools/common/foreign_text.h"
 #include "tools/common/host_port.h"
 #include "tools/common/local_socket.h"
+#include "tools/common/metrics_reading.h"
 #include "tools/common/number_option.h"
 #include "tools/common/tool_error.h"
 #include "tools/main_app/command_forms.h"
@@ -130,6 +131,16 @@ void SendByShare(const std::string& json, const CommandLine& line) {
   SendCommand([&](auto datagram) { return control.Send(datagram); }, json, kShareControlPath, line);
 }
 
+// Of this box's daemon, as it tells in its metrics.
+std::optional<UdpPeer> CommandPlace() {
+  const auto metrics = FreshMetrics();
+  const std::uint64_t port = metrics ? metrics->Value("kestrelbridge_command_port").value_or(0) : 0;
+  if (port == 0 || port > UINT16_MAX) {
+    return std::nullopt;
+  }
+  return ParseHostPort("127.0.0.1:" + std::to_string(port));
+}
+
 void WaitForEffect(TelemetrySocket& telemetry, const CommandEffect& effect, TelemetryRecord before,
                    double timeout_s) {
   EffectWatch watch(effect, std::move(before));
@@ -164,11 +175,22 @@ void RunCommand(const CommandLine& line) {
     SendByUdp(UdpSocket(UdpPeer{}), request.json, *to, line);  // any address, any port
     return;
   }
-  TelemetrySocket telemetry(line.listen,
-                            line.wait ? "the effect can't be watched meanwhile: leave out --wait, "
-                                        "and say with --to HOST:PORT where the daemon listens"
-                                      : "say with --to HOST:PORT where the daemon listens: it is "
-                                        "the sender of the telemetry");
+  std::optional<TelemetrySocket> socket;
+  try {
+    socket.emplace(line.listen, line.wait
+                                    ? "the effect can't be watched meanwhile: leave out --wait, "
+                                      "and say with --to HOST:PORT where the daemon listens"
+                                    : "say with --to HOST:PORT where the daemon listens: it is "
+                                      "the sender of the telemetry");
+  } catch (const AddressInUseError&) {
+    const auto place = line.listen.empty() && !line.wait ? CommandPlace() : std::nullopt;
+    if (!place) {
+      throw;
+    }
+    SendByUdp(UdpSocket(UdpPeer{}), request.json, *place, line);
+    return;
+  }
+  TelemetrySocket& telemetry = *socket;
   ReceivedRecord first = FirstRecord(telemetry, line.wait);
   if (telemetry.Udp() != nullptr) {
     SendByUdp(*telemetry.Udp(), request.json, to.value_or(first.sender), line);
@@ -186,7 +208,9 @@ std::string Footer() {
   return "Commands, with the words that they take:\n" + CommandFormsText() +
          "\nThe daemon's command port is where its telemetry comes from, and so changes with each "
          "start of the daemon; it is learnt from a datagram of the telemetry. Where kestrelshare "
-         "runs, the command goes by way of it, beside the main application. Nobody acknowledges "
+         "runs, the command goes by way of it, beside the main application; else the daemon's "
+         "metrics "
+         "tell the port. Nobody acknowledges "
          "a command: the telemetry shows what the camera did, see --wait.\n"
          "Exit code: 0; 1 when something is wrong with the command or the network; 3 when the "
          "effect was waited for and not seen.\n\n"

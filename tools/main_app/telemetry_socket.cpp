@@ -21,10 +21,11 @@ TelemetrySocket::TelemetrySocket(const std::string& listen, const char* advice) 
   try {
     udp_.emplace(local);
   } catch (const AddressInUseError&) {
-    throw ToolError(HostPortText(local) +
-                    ": address in use, probably by the main application (\"ss -ulnp\" names the "
-                    "program); " +
-                    advice);
+    throw AddressInUseError(
+        HostPortText(local) +
+        ": address in use, probably by the main application (\"ss -ulnp\" names the "
+        "program); " +
+        advice);
   }
 }
 

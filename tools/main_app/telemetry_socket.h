@@ -28,8 +28,8 @@ struct ReceivedRecord {
 class TelemetrySocket {
  public:
   // Listens at `listen` (HOST:PORT); empty: at the share's socket where a share runs, else at the
-  // main application's place. Throws ToolError when it cannot. When somebody else listens there,
-  // the text says who that probably is, and `advice` what to do about it.
+  // main application's place. Throws ToolError when it cannot, AddressInUseError when somebody else
+  // listens there: the text says who that probably is, and `advice` what to do about it.
   TelemetrySocket(const std::string& listen, const char* advice);
 
   // The next record that has arrived; nothing when there is none. A share that has ended is looked
