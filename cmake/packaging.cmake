@@ -67,7 +67,17 @@ install_text(default/kestrelbridge.in @sysconfdir@/default daemon KEEP)
 install_text(man/kestrelbridge.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelshare.8.in share/man/man8 daemon COMPRESS)
 install_text(man/kestrelctl.1.in share/man/man1 daemon COMPRESS)
-install(FILES packaging/completion/kestrelctl DESTINATION share/bash-completion/completions)
+install(FILES packaging/completion/kestrelbridge packaging/completion/kestrelctl
+        DESTINATION share/bash-completion/completions)
+# Debian keeps site-functions for the administrator, whose place is /usr/local.
+set(zsh_dir share/zsh/site-functions)
+if(for_system)
+  set(zsh_dir share/zsh/vendor-completions)
+endif()
+install(FILES packaging/completion/_kestrelbridge packaging/completion/_kestrelctl
+        DESTINATION ${zsh_dir})
+install(FILES packaging/completion/kestrelbridge.fish packaging/completion/kestrelctl.fish
+        DESTINATION share/fish/vendor_completions.d)
 install(FILES tools/clips/test-pattern-720p30.h264 DESTINATION share/kestrelbridge/clips)
 install(FILES CHANGELOG.md CONTRIBUTING.md packaging/debian/copyright DESTINATION ${doc_dir})
 file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)

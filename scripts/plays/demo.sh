@@ -21,9 +21,15 @@ readonly received=$out/received.h264 picture=$out/last-picture.png
 # shellcheck source=scripts/lib/play.sh
 source scripts/lib/play.sh
 
+rc_block=/dev/shm/shared_rc_raw # the daemon makes it where there is none
+[[ ! -e $rc_block ]] || rc_block=''
+# Too short for commands, each of which waits for its effect.
+is_short=$((stream_seconds < 12))
+
 clean_up() {
   trap - EXIT
   stop_all
+  rm -f ${rc_block:+"$rc_block"}
   # There was no block before the demo: scripts/demo has seen to that.
   rm -f /dev/shm/kestrelbridge_framebuffer /dev/shm/kestrelbridge_framebuffer_transcoding
   rm -f "$out/expected.h264"
@@ -32,6 +38,8 @@ trap clean_up EXIT
 trap 'exit 130' INT TERM HUP
 
 # --- the play ---------------------------------------------------------------------------------
+
+camera_is_found_or_gone() { has_line daemon 'Camera connection found' || has_ended camera; }
 
 start_everybody() {
   rm -f "$out"/*.log "$received" "$picture"
@@ -50,8 +58,10 @@ start_everybody() {
   start daemon "${daemon[@]}"
   say "daemon             ${daemon[*]##*/}"
 
-  wait_for 10 has_line daemon 'Camera connection found' ||
-    give_up 'the daemon found no camera within ten seconds'
+  wait_for 10 camera_is_found_or_gone || give_up 'the daemon found no camera within ten seconds'
+  if has_ended camera && ! has_line daemon 'Camera connection found'; then
+    fail "the simulated camera did not start: $(tail -n 1 "$out/camera.log")"
+  fi
   done_with 'The daemon found the camera.'
 }
 
@@ -64,7 +74,7 @@ telemetry_for() {
 
 # The telemetry of a few seconds, beside the statistics of the video.
 watch_video() {
-  local seconds=$((stream_seconds > 12 ? stream_seconds - 10 : 2))
+  local seconds=$((is_short ? stream_seconds : stream_seconds > 12 ? stream_seconds - 10 : 2))
   telemetry_for "$seconds" &
   pids[telemetry]=$!
   "$bin/kestrelctl" video --stats --live --duration "$seconds" > >(sed -u 's/^/    /') 2>&1 &
@@ -89,6 +99,10 @@ check_telemetry() {
   texts="$(records text)" statuses="$(records status)" histograms="$(records histogram)"
   say "$(value_of camera_model) in $(value_of camera_mode) mode:" \
     "$texts text, $statuses status and $histograms histogram records"
+  if ((stream_seconds < 4)); then # a text record comes once a second, and the tools take time to start
+    done_with 'So much came in so short a time.'
+    return
+  fi
   [[ $texts -ge 1 && $statuses -ge $((texts * 3)) && $histograms -ge 1 ]] ||
     give_up 'text, status and histogram records should have come, five times as many of the latter'
   [[ $(value_of camera_detected) == 1 ]] || give_up 'the telemetry knows no camera'
@@ -103,6 +117,10 @@ command_camera() {
 }
 
 command_and_look() {
+  if ((is_short)); then
+    say 'Left out: they need a camera that streams for 12 seconds or more.'
+    return
+  fi
   command_camera iso 800
   command_camera wb cloudy
   command_camera record start

@@ -6,6 +6,8 @@ set -euo pipefail
 PATH="$(realpath "$1"):$PATH"
 # shellcheck source=packaging/completion/kestrelctl
 source "$(dirname "${BASH_SOURCE[0]}")/../../packaging/completion/kestrelctl"
+# shellcheck source=packaging/completion/kestrelbridge
+source "$(dirname "${BASH_SOURCE[0]}")/../../packaging/completion/kestrelbridge"
 cd "$(dirname "${BASH_SOURCE[0]}")/consumer"
 failures=0
 
@@ -13,7 +15,7 @@ failures=0
 # expect_only LINE [WORD...]: they and nothing else.
 offer() {
   COMP_LINE="$1" COMP_POINT=${#1}
-  _kestrelctl
+  "_${1%% *}"
 }
 expect() {
   local word
@@ -42,4 +44,15 @@ expect_only 'kestrelctl camera --set color_mode=black' 'black\ white'
 expect_only 'kestrelctl command camera mode ph' photo
 expect_only 'kestrelctl command iso 6' 6400
 expect 'kestrelctl command iso ' auto --wait
+expect_only 'kestrelctl help vid' video
+expect_only 'kestrelbridge --dst' --dst-host= --dst-port=
+expect_only 'kestrelbridge --iface=l' lo
+expect_only 'kestrelbridge --host '
+
+# In all three shells the daemon's options are those of its usage text, which does not grow.
+due="$({ kestrelbridge --help 2>&1 || true; } | sed -nE 's/^ *-. \| --([a-z][a-z-]*).*/\1/p' | { cat && echo low-latency; } | sort)"
+for file in kestrelbridge _kestrelbridge kestrelbridge.fish; do
+  named="$(grep -oE '(--|-l )[a-z][a-z-]+' "../../../packaging/completion/$file" | sed -E 's/^(--|-l )//' | sort -u)"
+  diff <(echo "$due") <(echo "$named") || { echo "$file: < is in --help, > in the completion" && failures=1; }
+done
 exit $failures
