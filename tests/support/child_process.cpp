@@ -1,5 +1,6 @@
 #include "support/child_process.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,10 +16,12 @@
 namespace kestrelbridge::test {
 namespace {
 
-// A file without a name. Unlike a pipe it is never full, so the program never waits for us.
+// A file without a name. Unlike a pipe it is never full, so the program never waits for us. Of such
+// a file the kernel does not guard the position: two threads that write at the same moment would
+// write to the same place, but for O_APPEND.
 int MakeFile() {
   const int file = memfd_create("output", MFD_CLOEXEC);
-  if (file == -1) {
+  if (file == -1 || fcntl(file, F_SETFL, O_APPEND) != 0) {
     throw std::system_error(errno, std::generic_category(), "memfd_create");
   }
   return file;
