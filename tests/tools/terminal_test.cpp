@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kestrelbridge/frame_block.h"
+#include "support/camera_datagrams.h"
 #include "support/child_process.h"
 #include "support/peer_socket.h"
 #include "support/temporary_folder.h"
@@ -148,8 +149,15 @@ TEST(Terminal, ARingThatNobodyWritesIsExplained) {
   std::filesystem::remove("/run/kestrelbridge/metrics.prom");
   ChildProcess video(Kestrelctl({"video", "--stats"}));
   EXPECT_TRUE(
-      video.WaitForLine("no access unit for 2 seconds: a daemon holds the ring, and tells "
-                        "nothing in /run/kestrelbridge/metrics.prom"));
+      video.WaitForLine(": a daemon holds the ring, and tells nothing in "
+                        "/run/kestrelbridge/metrics.prom"));
+  EXPECT_EQ(CountLines(video.Error(), "no access unit for 2 seconds, since "), 1) << video.Error();
+  const TemporaryFolder folder;
+  ChildProcess recorder(Kestrelctl({"video", "--output", folder.File("a.h264")}));
+  EXPECT_TRUE(Eventually([&recorder] {
+    PublishVideoUnit(MakeUnit(1000, 1));
+    return CountLines(recorder.Error(), "units come, but no keyframe since ") == 1;
+  })) << recorder.Error();
   ChildProcess doctor(Kestrelctl({"doctor", "--json"}));
   EXPECT_EQ(doctor.WaitForExit(), ExitedWith(2));
   EXPECT_TRUE(doctor.Output().starts_with("{\"time\":")) << doctor.Output();

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -54,6 +55,8 @@ struct Run {
   VideoStatistics statistics;
   FrameBlockReader::Counters earlier{};  // of rings that were removed under us
   bool quiet_said = false;
+  std::optional<RunEnd::Clock::time_point> keyframe_missed_from{};  // the first unit, until then
+  bool keyframe_seen = false;
 
   // Whose closed pipe ends the run.
   [[nodiscard]] int Watched() const {
@@ -101,6 +104,12 @@ bool PassOn(const Unit& unit, Run& run) {
     return false;
   }
   run.statistics.CountUnit(unit.size());
+  if (!run.keyframe_seen && OpensWithParameterSet(unit)) {
+    run.keyframe_seen = true;
+    run.keyframe_missed_from.reset();
+  } else if (run.statistics.units() == 1 && run.output.descriptor() != -1) {
+    run.keyframe_missed_from = RunEnd::Clock::now();
+  }
   return run.statistics.units() != run.line.count;
 }
 
@@ -129,13 +138,35 @@ FrameBlockReader::Counters AllCounters(const FrameBlockReader& reader, const Run
   return all;
 }
 
+// The time of day at that moment.
+std::string ClockText(RunEnd::Clock::time_point then) {
+  const auto ago = std::chrono::duration_cast<std::chrono::seconds>(RunEnd::Clock::now() - then);
+  const std::time_t seconds = std::time(nullptr) - static_cast<std::time_t>(ago.count());
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char text[16];
+  return {text, std::strftime(text, sizeof text, "%H:%M:%S", &local)};
+}
+
 // Once, at the first long silence.
-void SayWhyQuiet(Run& run) {
+void SayWhyQuiet(Run& run, RunEnd::Clock::time_point last_unit) {
   if (!run.quiet_said) {
-    std::fprintf(stderr, "no access unit for %d seconds: %s\n",
-                 static_cast<int>(kLongQuiet.count()), WhyTheRingIsQuiet(kFrameBlockName).c_str());
+    std::fprintf(stderr, "no access unit for %d seconds, since %s: %s\n",
+                 static_cast<int>(kLongQuiet.count()), ClockText(last_unit).c_str(),
+                 WhyTheRingIsQuiet(kFrameBlockName).c_str());
   }
   run.quiet_said = true;
+}
+
+// Once: whoever waits for a picture may wait for long.
+void SayWhenNoKeyframe(Run& run) {
+  if (run.keyframe_missed_from && RunEnd::Clock::now() - *run.keyframe_missed_from > kLongQuiet) {
+    std::fprintf(stderr,
+                 "access units come, but no keyframe since %s: a player shows nothing before a "
+                 "unit that opens with a parameter set\n",
+                 ClockText(*run.keyframe_missed_from).c_str());
+    run.keyframe_missed_from.reset();
+  }
 }
 
 enum class RingEnd { kRunIsOver, kRingIsGone };
@@ -158,8 +189,9 @@ RingEnd Follow(FrameBlockReader& reader, const FrameBlockMapping& mapping, Run& 
       quiet_from = RunEnd::Clock::now();
     }
     if (RunEnd::Clock::now() - last_unit > kLongQuiet) {
-      SayWhyQuiet(run);
+      SayWhyQuiet(run, last_unit);
     }
+    SayWhenNoKeyframe(run);
     if (run.line.statistics && !run.statistics.Report(AllCounters(reader, run))) {
       return RingEnd::kRunIsOver;
     }
