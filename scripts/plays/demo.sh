@@ -60,7 +60,7 @@ start_everybody() {
 
   wait_for 10 camera_is_found_or_gone || give_up 'the daemon found no camera within ten seconds'
   if has_ended camera && ! has_line daemon 'Camera connection found'; then
-    fail "the simulated camera did not start: $(tail -n 1 "$out/camera.log")"
+    fail "the simulated camera did not start: $(grep -m 1 "^kestrelctl: " "$out/camera.log" || tail -n 1 "$out/camera.log")"
   fi
   done_with 'The daemon found the camera.'
 }
