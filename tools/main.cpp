@@ -16,6 +16,7 @@
 #include "tools/common/suggestion.h"
 #include "tools/common/text_layout.h"
 #include "tools/common/tool_error.h"
+#include "tools/demo/demo_subcommand.h"
 #include "tools/doctor/doctor_subcommand.h"
 #include "tools/main_app/command_subcommand.h"
 #include "tools/main_app/telemetry_subcommand.h"
@@ -32,9 +33,9 @@ using AddSubcommand = void (*)(CLI::App& app);
 
 // In the order in which --help lists them.
 constexpr AddSubcommand kSubcommands[] = {
-    AddCameraSubcommand,    AddVideoSubcommand,   AddWatchSubcommand,
-    AddTelemetrySubcommand, AddCommandSubcommand, AddRcSubcommand,
-    AddPhoneSubcommand,     AddStatsSubcommand,   AddDoctorSubcommand,
+    AddCameraSubcommand,  AddVideoSubcommand, AddWatchSubcommand, AddTelemetrySubcommand,
+    AddCommandSubcommand, AddRcSubcommand,    AddPhoneSubcommand, AddStatsSubcommand,
+    AddDoctorSubcommand,  AddDemoSubcommand,
 };
 
 std::vector<std::string> SubcommandNames(const CLI::App& app) {

@@ -104,6 +104,8 @@ for service in kestrelbridge kestrelbridge-share; do
 done
 done_with 'It runs since the boot.'
 
+on_box kestrelctl demo --seconds 3 | tail -n 1 || give_up 'the demo does not play from the installed files'
+
 step 'With options, a camera and an access point'
 nsenter --target "$box" --net -- ip address add 192.168.2.1/32 dev lo
 join_access_point
@@ -266,6 +268,16 @@ kill "$camera" 2>/dev/null || true
 wait "$camera" || true
 rm "$main_app_log"
 done_with 'KESTRELBRIDGE_SHARE=no: straight to port 5000.'
+
+step 'The doctor'
+# Two findings are the stage's: no Wi-Fi, no clock from the network.
+findings="$(on_box kestrelctl doctor || true)"
+for line in 'ok  *service' 'ok  *ring' 'ok  *port 9004' 'ok  *redirect rule'; do
+  grep -qE "^$line" <<<"$findings" || give_up "the doctor does not see: $line in $findings"
+done
+as_user stranger kestrelctl doctor --json | grep '"check":"ring","health":"warning"' >/dev/null ||
+  give_up 'the doctor does not see that a stranger may not read the ring'
+done_with 'It sees service, ring, port and rule, and who may not read.'
 
 step 'Remove, install again, purge'
 on_box systemctl start kestrelbridge

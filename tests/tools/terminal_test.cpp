@@ -168,5 +168,12 @@ TEST(Terminal, ARingThatNobodyWritesIsExplained) {
   }
 }
 
+TEST(Terminal, TheDemoPlaysInNamespacesOfItsOwn) {
+  ChildProcess demo(Kestrelctl({"demo", "--seconds", "2"}));
+  EXPECT_EQ(demo.WaitForExit(2 * Patience()), ExitedWith(0)) << demo.Output() << demo.Error();
+  EXPECT_EQ(CountLines(demo.Output(), "came through, each as the camera sent it"), 1);
+  EXPECT_FALSE(std::filesystem::exists("/run/received.h264"));
+}
+
 }  // namespace
 }  // namespace kestrelbridge::test

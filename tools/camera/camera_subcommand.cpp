@@ -16,6 +16,7 @@
 #include "tools/camera/camera_journal.h"
 #include "tools/camera/clip.h"
 #include "tools/camera/simulated_camera.h"
+#include "tools/common/default_clip.h"
 #include "tools/common/host_port.h"
 #include "tools/common/number_option.h"
 #include "tools/common/stop_signal.h"

@@ -4,10 +4,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <system_error>
 
 #include "tools/common/tool_error.h"
 
@@ -41,24 +39,7 @@ const char* KindOf(std::span<const std::uint8_t> clip) {
   return IsH265(clip) ? "is H.265" : "holds no H.264 access unit";
 }
 
-// Where the clip is that comes with kestrelctl, from its program's folder: installed, or in a
-// build.
-constexpr std::array kDefaultClips = {"../share/kestrelbridge/clips/test-pattern-720p30.h264",
-                                      "../../tools/clips/test-pattern-720p30.h264"};
-
 }  // namespace
-
-std::string DefaultClip() {
-  std::error_code unknown;
-  const auto program = std::filesystem::read_symlink("/proc/self/exe", unknown);
-  for (const char* const clip : kDefaultClips) {
-    const auto path = (program.parent_path() / clip).lexically_normal();
-    if (std::filesystem::exists(path, unknown)) {
-      return path;
-    }
-  }
-  throw ToolError("which clip? The one that comes with kestrelctl is not there: --clip FILE");
-}
 
 std::vector<std::uint8_t> ReadClip(const std::string& path) {
   errno = 0;

@@ -11,9 +11,6 @@
 
 namespace kestrelbridge::tools {
 
-// The path of the clip that comes with kestrelctl. Throws ToolError when it is not there.
-std::string DefaultClip();
-
 // The file's bytes. Throws ToolError when it cannot be read.
 std::vector<std::uint8_t> ReadClip(const std::string& path);
 
