@@ -22,7 +22,7 @@ namespace {
 struct Player {
   std::vector<std::string> command;
   const char* package;
-  const char* delay;  // from the ring to the window, seen on a desk
+  const char* delay;  // as measured from the ring to the decoded picture; empty: not measured
 };
 
 // The best first. A frame rate that the stream does not reach, or no clock at all, lets a player
@@ -32,16 +32,16 @@ const std::vector<Player>& Players() {
       {{"mpv", "--profile=low-latency", "--untimed", "--no-cache", "--demuxer-lavf-format=h264",
         "--title=kestrelbridge", "--really-quiet", "-"},
        "mpv",
-       "about 0.1 s"},
+       ""},
       {{"ffplay", "-loglevel", "error", "-f", "h264", "-framerate", "120", "-probesize", "50000",
         "-fflags", "nobuffer", "-flags", "low_delay", "-framedrop", "-window_title",
         "kestrelbridge", "-"},
        "ffmpeg",
-       "about 0.1 s"},
+       ", about 0.1 s late"},
       {{"gst-launch-1.0", "-q", "fdsrc", "!", "h264parse", "!", "avdec_h264", "!", "videoconvert",
         "!", "autovideosink", "sync=false"},
-       "gstreamer1.0-tools",
-       "about 0.1 s"},
+       "gstreamer1.0-libav",
+       ""},
   };
   return players;
 }
@@ -121,7 +121,7 @@ void RunWatch(const CommandLine& line) {
     throw ToolError("there is no display here: neither DISPLAY nor WAYLAND_DISPLAY is set. " +
                     FromElsewhere());
   }
-  std::fprintf(stderr, "watching with %s, %s late; its window or Ctrl-C ends it\n",
+  std::fprintf(stderr, "watching with %s%s; its window or Ctrl-C ends it\n",
                player.command[0].c_str(), player.delay);
   Play(player);
 }
