@@ -229,6 +229,18 @@ void ReaderStalls() {
   EXPECT_EQ(reader.counters().units + reader.counters().lost, kUnits) << "nothing is unaccounted";
 }
 
+void WaitingReaderIsKilled() {
+  DaemonRun run;
+  ASSERT_TRUE(run.camera.Connect());
+  RingWatcher ring;
+  ASSERT_TRUE(Serves(run, ring));
+  ChildProcess waiting(VideoTool("/dev/null"));
+  ASSERT_TRUE(WaitUntilWatching(waiting));
+  waiting.Kill(SIGKILL);
+  ASSERT_TRUE(waiting.WaitForExit());
+  EXPECT_TRUE(Serves(run, ring));
+}
+
 constexpr std::uint8_t kShotId = 0x01;
 constexpr std::uint8_t kIsoId = 0x2A;
 
@@ -493,6 +505,7 @@ const FaultRow kFaults[] = {
     {"RingHeaderIsOverwritten", "the next unit gets through", RingHeaderIsOverwritten},
     {"ReaderStalls", "the daemon does not wait; the reader loses units and knows how many",
      ReaderStalls},
+    {"WaitingReaderIsKilled", "nobody else notices", WaitingReaderIsKilled},
     {"RemoteControlBlockIsCut", "made whole again, said once; the switches work",
      RemoteControlBlockIsCut},
     {"MainApplicationIsAbsentAndReturns", "telemetry and commands go on by themselves",
