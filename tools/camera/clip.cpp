@@ -27,9 +27,13 @@ constexpr char kRecipe[] =
 bool IsH265(std::span<const std::uint8_t> clip) {
   constexpr std::uint8_t kVideoParameterSet = 0x40;
   constexpr std::uint8_t kDelimiter = 0x46;
-  const auto start = std::ranges::search(clip, std::span(kLongStartCode).subspan(1));
-  return start.end() != clip.end() &&
-         (*start.end() == kVideoParameterSet || *start.end() == kDelimiter);
+  const auto start =
+      std::search(clip.begin(), clip.end(), kLongStartCode.begin() + 1, kLongStartCode.end());
+  if (clip.end() - start < static_cast<std::ptrdiff_t>(kLongStartCode.size())) {
+    return false;
+  }
+  const std::uint8_t first = start[kLongStartCode.size() - 1];
+  return first == kVideoParameterSet || first == kDelimiter;
 }
 
 const char* KindOf(std::span<const std::uint8_t> clip) {

@@ -54,7 +54,7 @@ std::string FindProgram(const std::string& name) {
       std::string(path == nullptr ? "/usr/bin:/bin" : path) + ":/usr/local/sbin:/usr/sbin:/sbin";
   for (std::string_view rest = folders; !rest.empty();) {
     const std::size_t end = std::min(rest.find(':'), rest.size());
-    const std::string file = std::string(rest.substr(0, end)) + "/" + name;
+    std::string file = std::string(rest.substr(0, end)) + "/" + name;
     if (end > 0 && access(file.c_str(), X_OK) == 0) {
       return file;
     }

@@ -52,7 +52,7 @@ std::string DaemonPath() {
       return path.lexically_normal();
     }
   }
-  if (const std::string found = FindProgram("kestrelbridge"); !found.empty()) {
+  if (std::string found = FindProgram("kestrelbridge"); !found.empty()) {
     return found;
   }
   throw ToolError("kestrelbridge is not installed beside kestrelctl");

@@ -20,11 +20,15 @@
 namespace kestrelbridge::tools {
 namespace {
 
-// "mode 640, of user 997"
+// "mode 640, of user 997 and group 996, since 2026-11-23 21:15"
 std::string Rights(const struct stat& status) {
-  std::array<char, 80> text{};
-  std::snprintf(text.data(), text.size(), "mode %o, of user %u and group %u",
-                status.st_mode & ALLPERMS, status.st_uid, status.st_gid);
+  std::tm made{};
+  localtime_r(&status.st_mtime, &made);
+  std::array<char, 20> since{};
+  std::strftime(since.data(), since.size(), "%Y-%m-%d %H:%M", &made);
+  std::array<char, 120> text{};
+  std::snprintf(text.data(), text.size(), "mode %o, of user %u and group %u, since %s",
+                status.st_mode & ALLPERMS, status.st_uid, status.st_gid, since.data());
   return text.data();
 }
 
