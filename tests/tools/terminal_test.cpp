@@ -168,6 +168,29 @@ TEST(Terminal, ARingThatNobodyWritesIsExplained) {
   }
 }
 
+// The player is a script that keeps what it is given.
+TEST(Terminal, WatchFeedsThePlayerUntilItsWindowIsClosed) {
+  const TemporaryFolder folder;
+  const std::string player = folder.File("mpv");
+  const std::string played = folder.File("played");
+  std::ofstream(player) << "#!/bin/sh\nexec head -c 1500 >" << played << "\n";
+  std::filesystem::permissions(player, std::filesystem::perms::owner_all);
+  ASSERT_EQ(InitFrameBuffers(), 0);
+  const std::string path =
+      "PATH=" + std::filesystem::path(player).parent_path().string() + ":/usr/bin:/bin";
+  ChildProcess watch({"env", path, "DISPLAY=:9", ProgramPath("kestrelctl"), "watch"});
+  Bytes published;
+  EXPECT_TRUE(Eventually([&] {
+    const Bytes unit = MakeUnit(1000, 1);
+    PublishVideoUnit(unit);
+    published.insert(published.end(), unit.begin(), unit.end());
+    return !watch.IsRunning();
+  })) << watch.Error();
+  EXPECT_EQ(watch.WaitForExit(), ExitedWith(0)) << watch.Error();
+  EXPECT_TRUE(watch.Error().starts_with("watching with mpv")) << watch.Error();
+  EXPECT_EQ(ReadFile(played), std::string(published.begin(), published.begin() + 1500));
+}
+
 TEST(Terminal, TheDemoPlaysInNamespacesOfItsOwn) {
   ChildProcess demo(Kestrelctl({"demo", "--seconds", "2"}));
   EXPECT_EQ(demo.WaitForExit(2 * Patience()), ExitedWith(0)) << demo.Output() << demo.Error();

@@ -24,6 +24,9 @@ class RunEnd {
   // end; a reader gets a short grace then, so that it does not lose half a unit.
   [[nodiscard]] bool WaitForRoom(int output);
 
+  // Whether the signal or the end of the time has been seen, and not only a closed pipe.
+  [[nodiscard]] bool stopped() const { return stopped_; }
+
  private:
   int stop_signal_;
   Clock::time_point end_;

@@ -219,7 +219,8 @@ RingEnd FollowRing(Run& run, const FrameBlockMapping& mapping, bool waited) {
   return end;
 }
 
-void RunVideo(const CommandLine& line) {
+// Returns whether it was stopped, and not only nobody left who reads.
+bool RunVideo(const CommandLine& line) {
   std::signal(SIGPIPE, SIG_IGN);  // a closed pipe is seen where it is written to
   const std::string output = line.output.empty() && !line.statistics ? "-" : line.output;
   Run run = {.line = line,
@@ -243,6 +244,7 @@ void RunVideo(const CommandLine& line) {
   }
   run.output.Close();
   run.statistics.PrintSummary(stderr, run.earlier);
+  return run.end.stopped();
 }
 
 constexpr char kFooter[] =
@@ -259,7 +261,7 @@ constexpr char kFooter[] =
 
 }  // namespace
 
-void StreamVideoToStandardOutput() { RunVideo({.output = "-"}); }
+bool StreamVideoToStandardOutput() { return RunVideo({.output = "-"}); }
 
 void AddVideoSubcommand(CLI::App& app) {
   CLI::App* const command = app.add_subcommand(

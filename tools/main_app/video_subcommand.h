@@ -7,7 +7,8 @@ namespace kestrelbridge::tools {
 
 void AddVideoSubcommand(CLI::App& app);
 
-// What `kestrelctl video` does by default, until the pipe is closed or a signal comes.
-void StreamVideoToStandardOutput();
+// What `kestrelctl video` does by default, until the pipe is closed or a signal comes; true for the
+// latter.
+bool StreamVideoToStandardOutput();
 
 }  // namespace kestrelbridge::tools

@@ -97,12 +97,12 @@ void Play(const Player& player) {
   close(ends[0]);
   dup2(ends[1], STDOUT_FILENO);
   close(ends[1]);
-  StreamVideoToStandardOutput();
-  int status = 0;
-  waitpid(process, &status, 0);  // it sees the end of its input
-  dup2(own_output, STDOUT_FILENO);
+  const bool stopped = StreamVideoToStandardOutput();
+  dup2(own_output, STDOUT_FILENO);  // which closes the pipe: the player sees the end of its input
   close(own_output);
-  if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+  int status = 0;
+  waitpid(process, &status, 0);
+  if (!stopped && WIFEXITED(status) && WEXITSTATUS(status) != 0) {
     throw ToolError(player.command[0] + " ended with code " + std::to_string(WEXITSTATUS(status)) +
                     "; --player takes another, --print shows the command");
   }
