@@ -67,8 +67,9 @@ Moment Observe(Condition condition, Seconds between_looks) {
   }
 }
 
-// The status file of the process's one thread of that name. On a slow machine it gets its name some
-// time after others already do their work.
+// The status file of the process's thread of that name. On a slow machine it gets its name some time
+// after others already do their work. The first of several is meant, which are listed by their
+// numbers: a sanitizer's own thread keeps the name of the main one.
 std::string ThreadStatus(pid_t process, const std::string& name) {
   std::string status;
   const bool found = Eventually([&] {
@@ -76,9 +77,10 @@ std::string ThreadStatus(pid_t process, const std::string& name) {
          std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
       if (ReadFile(task.path() / "comm") == name + "\n") {
         status = task.path() / "status";
+        return true;
       }
     }
-    return !status.empty();
+    return false;
   });
   EXPECT_TRUE(found) << "no thread " << name;
   return status;
