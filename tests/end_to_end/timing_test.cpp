@@ -67,8 +67,8 @@ Moment Observe(Condition condition, Seconds between_looks) {
   }
 }
 
-// The status file of the process's thread of that name. On a slow machine it gets its name some time
-// after others already do their work. The first of several is meant, which are listed by their
+// The status file of the process's thread of that name. On a slow machine it gets its name some
+// time after others already do their work. The first of several is meant, which are listed by their
 // numbers: a sanitizer's own thread keeps the name of the main one.
 std::string ThreadStatus(pid_t process, const std::string& name) {
   std::string status;
