@@ -9,6 +9,7 @@
 #include <span>
 #include <string_view>
 
+#include "app/options.h"
 #include "base/counters.h"
 #include "base/run_paths.h"
 #include "base/text_file.h"
@@ -197,6 +198,9 @@ void AppendGauges(std::string& text, const Links& links, std::time_t start) {
   constexpr char kCommandPort[] = "kestrelbridge_command_port";
   AppendHead(text, kCommandPort, "gauge", "UDP port that takes the main application's commands.");
   AppendLine(text, kCommandPort, "", LocalPort(GetMainAppLink().command_endpoint));
+  constexpr char kLowLatency[] = "kestrelbridge_low_latency";
+  AppendHead(text, kLowLatency, "gauge", "1 when units are published as soon as they are whole.");
+  AppendLine(text, kLowLatency, "", GetConfig().low_latency ? 1 : 0);
   constexpr char kBuildInfo[] = "kestrelbridge_build_info";
   AppendHead(text, kBuildInfo, "gauge", "Always 1; the label tells the daemon's version.");
   AppendLine(text, kBuildInfo, R"({version=")" KESTRELBRIDGE_VERSION R"("})", 1);

@@ -46,7 +46,7 @@ class H264Parse {
       crop_y = ReadUe();   // top
       crop_y += ReadUe();  // bottom
     }
-    ReadBit();  // vui_parameters_present_flag
+    m_bHasVui = ReadBit() != 0;  // vui_parameters_present_flag
     if (!IsSound()) {
       return false;
     }
@@ -54,6 +54,9 @@ class H264Parse {
     *height = kMacroblockSize * (2 - frame_mbs_only) * height_in_map_units - kCropUnit * crop_y;
     return true;
   }
+
+  // After a successful ParseSps: whether vui_parameters() follow, the next bit being their first.
+  bool HasVui() const { return m_bHasVui; }
 
   // Reading by hand begins at the first bit of `data`; `length` bytes may be read.
   void Start(const std::uint8_t* data, std::uint32_t length) {
@@ -177,4 +180,5 @@ class H264Parse {
   std::uint32_t m_nLength = 0;            // bytes that may be read
   std::uint32_t m_nCurrentBit = 0;        // from the first bit of m_pData
   bool m_bExhausted = false;              // a read went beyond the data
+  bool m_bHasVui = false;                 // the last flag of the parameter set that was parsed
 };

@@ -135,8 +135,9 @@ inline int FutexWait(const std::uint8_t* word, std::uint32_t expected,
   return syscall(kFutexCall, word, kFutexWait, expected, timeout, nullptr, 0) == 0 ? 0 : errno;
 }
 
-// For the daemon: wakes all readers that wait. One system call.
-inline void WakeReaders(std::uint8_t* block) {
+// Wakes all readers that wait, of all processes; a mapping for reading is enough. For the daemon, and
+// for who ends a Wait of his own early. One system call.
+inline void WakeReaders(const std::uint8_t* block) {
   syscall(kFutexCall, block + kWaitWordOffset, kFutexWake, INT_MAX, nullptr, nullptr, 0);
 }
 
@@ -249,7 +250,9 @@ class FrameBlockReader {
   // asks the mapping's IsCurrent in between. A daemon of a version that wakes nobody is noticed,
   // and the ring looked at every 2 ms then. However the block is damaged, a loop of Next and Wait
   // does not spin.
-  bool Wait(std::chrono::nanoseconds timeout) {
+  // Another thread ends the wait early when it sets `interrupted` and then calls WakeReaders until
+  // Wait has returned: once may be just before this thread falls asleep.
+  bool Wait(std::chrono::nanoseconds timeout, const std::atomic<bool>* interrupted = nullptr) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::nanoseconds kNone{0};
     const auto end = Clock::now() + std::clamp(timeout, kNone, kLongestWait);
@@ -261,7 +264,7 @@ class FrameBlockReader {
       if (HasNews()) {
         return true;
       }
-      if (left <= kNone) {
+      if (left <= kNone || (interrupted != nullptr && interrupted->load())) {
         return false;
       }
       const int outcome = Sleep(word, left);

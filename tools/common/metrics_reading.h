@@ -8,8 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/common/text_layout.h"
-
 namespace kestrelbridge::tools {
 
 struct Metric {
@@ -42,16 +40,6 @@ std::optional<MetricsReading> FreshMetrics();
 // a gauge, without an earlier reading, or when another daemon wrote it.
 std::optional<double> Rate(const Metric& metric, const MetricsReading& now,
                            const std::optional<MetricsReading>& before);
-
-// Lines for people: a title, and a line for each counter; two lines where the width is less than
-// that takes. With hide_zeros, counters that stand at 0 are left out, but for their number.
-std::vector<std::string> MetricsLines(const MetricsReading& now,
-                                      const std::optional<MetricsReading>& before,
-                                      MetricsReading::Time clock, bool hide_zeros,
-                                      std::size_t width = kUsualWidth);
-
-// One JSON object, without a line end.
-std::string MetricsJson(const MetricsReading& now, const std::optional<MetricsReading>& before);
 
 // Nothing while the file is fresh; else since when it is not, and why that may be.
 std::optional<std::string> Staleness(const MetricsReading& reading, MetricsReading::Time clock);

@@ -12,11 +12,11 @@
 #include <utility>
 
 #include "base/run_paths.h"
-#include "tools/common/metrics_reading.h"
 #include "tools/common/number_option.h"
 #include "tools/common/run_end.h"
 #include "tools/common/screen.h"
 #include "tools/common/text_layout.h"
+#include "tools/stats/metrics_view.h"
 
 namespace kestrelbridge::tools {
 namespace {

@@ -1,0 +1,81 @@
+// The units that go on: from the first that a decoder can begin with, and after a loss again.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "gstreamer/nal_units.h"
+#include "gstreamer/picture_format.h"
+#include "gstreamer/ring_follower.h"
+
+namespace kestrelbridge::gstreamer {
+
+// The latest of each, with their headers, and what the SPS says.
+struct ParameterSets {
+  std::vector<std::uint8_t> sps;
+  std::vector<std::uint8_t> pps;
+  PictureFormat format;
+  bool operator==(const ParameterSets&) const = default;
+};
+
+struct UnitPolicy {
+  bool wait_for_keyframe = true;
+  bool skip_on_loss = true;  // to the next keyframe
+};
+
+struct OutgoingUnit {
+  std::span<const std::uint8_t> bytes;  // until the next call of Next
+  bool is_keyframe = false;             // opens with a sound SPS, or holds an IDR slice
+  bool has_parameter_sets = false;
+  bool is_discontinuous = false;  // something is missing before it
+  bool is_backlog = false;        // published before we began
+  std::uint64_t steps = 1;        // units since the one before, lost and skipped ones included
+};
+
+class UnitSource {
+ public:
+  struct Counters : RingFollower::Counters {
+    std::uint64_t skipped = 0;  // read, but not handed out for want of a keyframe
+    std::uint64_t refused = 0;  // parameter sets of which no picture can come
+  };
+
+  explicit UnitSource(FrameBlockReader::Start start) : ring_(start) {}
+
+  // As RingFollower::Next; kUnit when `unit` holds the next one to go on. Units that are skipped
+  // count as time.
+  RingState Next(const UnitPolicy& policy, std::chrono::milliseconds patience, OutgoingUnit& unit);
+
+  // Goes on with what is published from now on: the reader has slept, and did not want to.
+  void SkipToLive();
+
+  // From any thread.
+  void Interrupt() { ring_.Interrupt(); }
+  void Continue() { ring_.Continue(); }
+
+  // Null until there are an SPS and a PPS.
+  [[nodiscard]] const ParameterSets* parameter_sets() const { return sets_ ? &*sets_ : nullptr; }
+  [[nodiscard]] bool wants_keyframe() const { return wants_keyframe_; }
+  [[nodiscard]] std::size_t backlog() const { return ring_.backlog(); }
+  [[nodiscard]] Counters counters() const;
+
+ private:
+  void CountLosses(const UnitPolicy& policy);
+  bool Look(OutgoingUnit& unit);
+  bool TakeParameterSets(OutgoingUnit& unit);
+
+  RingFollower ring_;
+  RingFollower::Counters seen_;  // as of the latest unit
+  std::vector<std::uint8_t> bytes_;
+  std::vector<NalUnit> nals_;
+  std::optional<ParameterSets> sets_;
+  bool first_ = true;
+  bool wants_keyframe_ = false;
+  bool is_discontinuous_ = false;
+  std::uint64_t steps_ = 0;
+  std::uint64_t skipped_ = 0;
+  std::uint64_t refused_ = 0;
+};
+
+}  // namespace kestrelbridge::gstreamer
