@@ -1,5 +1,6 @@
 #include "gstreamer/kestrelbridge_src.h"
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <span>
@@ -88,7 +89,7 @@ Settings SettingsOf(KestrelbridgeSrc* element) {
 // -----------------------------------------------------------------------------------
 
 GType StartType() {
-  static const GEnumValue kValues[] = {
+  static const GEnumValue values[] = {
       {static_cast<gint>(FrameBlockReader::Start::kLive),
        "What is published from now on, from the next keyframe", "live"},
       {static_cast<gint>(FrameBlockReader::Start::kOldest),
@@ -96,16 +97,16 @@ GType StartType() {
        "stays as far behind",
        "oldest"},
       {0, nullptr, nullptr}};
-  static const GType type = g_enum_register_static("KestrelbridgeSrcStart", kValues);
+  static const GType type = g_enum_register_static("KestrelbridgeSrcStart", values);
   return type;
 }
 
 GType OnLossType() {
-  static const GEnumValue kValues[] = {
+  static const GEnumValue values[] = {
       {kSkip, "Pass nothing on until the next keyframe: no smeared pictures", "skip"},
       {kPass, "Pass on what comes: the decoder conceals what is missing", "pass"},
       {0, nullptr, nullptr}};
-  static const GType type = g_enum_register_static("KestrelbridgeSrcOnLoss", kValues);
+  static const GType type = g_enum_register_static("KestrelbridgeSrcOnLoss", values);
   return type;
 }
 
@@ -238,18 +239,25 @@ bool SetCaps(KestrelbridgeSrc* element, Run& run, const ParameterSets* sets) {
   return taken;
 }
 
+// Null when there is no memory.
 GstBuffer* MakeBuffer(Run& run, std::span<const std::uint8_t> unit) {
-  if (*run.format == StreamFormat::kByteStream) {
-    return gst_buffer_new_memdup(unit.data(), unit.size());
+  const bool is_avc = *run.format == StreamFormat::kAvc;
+  if (is_avc) {
+    SplitNalUnits(unit, Extent::kWhole, run.nals);
   }
-  SplitNalUnits(unit, Extent::kWhole, run.nals);
-  const std::size_t size = AvcSize(run.nals);
-  GstBuffer* buffer = gst_buffer_new_allocate(nullptr, size, nullptr);
+  GstBuffer* buffer =
+      gst_buffer_new_allocate(nullptr, is_avc ? AvcSize(run.nals) : unit.size(), nullptr);
   GstMapInfo map;
-  if (buffer != nullptr && gst_buffer_map(buffer, &map, GST_MAP_WRITE) != FALSE) {
-    WriteAvc(run.nals, {map.data, map.size});
-    gst_buffer_unmap(buffer, &map);
+  if (buffer == nullptr || gst_buffer_map(buffer, &map, GST_MAP_WRITE) == FALSE) {
+    gst_clear_buffer(&buffer);
+    return nullptr;
   }
+  if (is_avc) {
+    WriteAvc(run.nals, {map.data, map.size});
+  } else {
+    std::ranges::copy(unit, map.data);
+  }
+  gst_buffer_unmap(buffer, &map);
   return buffer;
 }
 
@@ -341,6 +349,9 @@ GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
       return GST_FLOW_NOT_NEGOTIATED;
     }
     *buffer = MakeBuffer(run, unit.bytes);
+    if (*buffer == nullptr) {
+      return GST_FLOW_ERROR;
+    }
     Describe(*buffer, unit, run.times.Stamp(unit, now), run.times.period());
     return GST_FLOW_OK;
   }

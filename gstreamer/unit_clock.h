@@ -37,13 +37,13 @@ class UnitClock {
 
  private:
   void Learn(double arrival_ns, double late_ns);
-  void KeepNear(double arrival_ns);
+  void KeepNear(double arrival_ns, bool has_gap);
 
   double period_ns_ = 1e9 / 30;
   double line_ns_ = 0;       // where the latest unit lies on it
   double first_ns_ = 0;      // arrival of the first unit, to begin with
   std::uint64_t steps_ = 0;  // since then
-  int off_line_ = 0;  // arrivals in a row that the line did not reach: its period is not theirs
+  int misses_ = 0;           // of late, weighed against hits
   bool started_ = false;
   Nanoseconds stamp_{-1};  // the latest
 };

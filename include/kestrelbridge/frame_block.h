@@ -135,8 +135,8 @@ inline int FutexWait(const std::uint8_t* word, std::uint32_t expected,
   return syscall(kFutexCall, word, kFutexWait, expected, timeout, nullptr, 0) == 0 ? 0 : errno;
 }
 
-// Wakes all readers that wait, of all processes; a mapping for reading is enough. For the daemon, and
-// for who ends a Wait of his own early. One system call.
+// Wakes all readers that wait, of all processes; a mapping for reading is enough. For the daemon,
+// and for who ends a Wait of his own early. One system call.
 inline void WakeReaders(const std::uint8_t* block) {
   syscall(kFutexCall, block + kWaitWordOffset, kFutexWake, INT_MAX, nullptr, nullptr, 0);
 }

@@ -37,7 +37,9 @@ print_help() { sed -n '2,/^[^#]/ { /^# shellcheck/d; s/^# \{0,1\}//p }' "$1"; }
 # shellcheck disable=SC2034 # used by the scripts that source this file
 readonly build_packages=(g++ cmake ninja-build pkg-config libcjson-dev libcli11-dev) \
   demo_packages=(util-linux iproute2) \
-  test_packages=(libgtest-dev util-linux iproute2 iptables ffmpeg)
+  test_packages=(libgtest-dev util-linux iproute2 iptables ffmpeg) \
+  gstreamer_packages=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev) \
+  gstreamer_test_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good)
 
 # is_installed PACKAGE[:ARCH]: several architectures of one package may be there side by side.
 is_installed() {
