@@ -31,11 +31,16 @@ function createControl(command) {
   return { command, status, again, buttons: [], show: () => {}, sent: null, timer: 0 };
 }
 
+// A switch's words are read as such.
+const kSpoken = new Map([["1", "on"], ["0", "off"]]);
+const isSwitch = (words) => words.length === 2 && words.every(({ word }) => kSpoken.has(word));
+
 function wordButton(control, word, send) {
+  const spoken = isSwitch(control.command.words) ? kSpoken.get(word.word) : word.word;
   const button = element(
     "button",
     { type: "button", class: word.ask === "" ? "word" : "word danger", "aria-pressed": "false" },
-    word.ask === "" ? word.word : `${word.word}…`,
+    word.ask === "" ? spoken : `${spoken}…`,
   );
   button.addEventListener("click", () => send(word));
   control.buttons.push(button);
@@ -251,7 +256,9 @@ export function createControls(send, announce) {
     const is_trigger = kTriggers.includes(command.cmd);
     const sendIt = (word, value) => give(control, word, value);
     const body = is_trigger ? [buildTrigger(control, sendIt)] : buildBody(control, sendIt);
-    const head = element("div", { class: "head" }, ...(is_trigger ? [] : [element("span", { class: "label" }, command.label)]), control.status, control.again);
+    const has_label = !is_trigger && command.words.length > 0;
+    const label = has_label ? [element("span", { class: "label" }, command.label)] : [];
+    const head = element("div", { class: "head" }, ...label, control.status, control.again);
     control.box = element("div", { class: "control", id: `control-${command.cmd}` }, ...(is_trigger ? [...body, head] : [head, ...body]));
     control.again.addEventListener("click", () => transmit(control, control.sent));
     return control;

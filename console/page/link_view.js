@@ -4,6 +4,7 @@ import { parseCounters } from "./counters.js";
 
 const kSpan_s = 600;
 const kPlotHeight = 112;
+const kLanesHeight = 78;
 const kMostEvents = 300;
 
 const increase = (name) => (now, before) =>
@@ -48,7 +49,7 @@ function plotOptions(plot, width) {
     : { range: (_, __, highest) => [0, Math.max(1, (highest ?? 0) * 1.15)] };
   return {
     width,
-    height: kPlotHeight,
+    height: plot.lanes ? kLanesHeight : kPlotHeight,
     cursor: { sync: { key: "link" }, y: false, drag: { x: false, y: false } },
     legend: { show: false },
     scales: { x: { time: true, range: () => [Date.now() / 1000 - kSpan_s, Date.now() / 1000] }, y: { range: y.range } },
@@ -76,26 +77,26 @@ const columnsOf = (plot, samples) => [
   ...plot.series.map(([, , read]) => samples.map((sample, i) => read(sample, samples[i - 1]))),
 ];
 
-// The latest numbers beside the title: for who cannot read a curve.
-function latestText(plot, samples) {
+// The latest numbers stand beside the title, for who cannot read a curve.
+function latestTexts(plot, samples) {
   const latest = columnsOf(plot, samples.slice(-2)).slice(1).map((column) => column.at(-1));
   if (plot.lanes) {
-    return plot.series.map(([label], i) => `${label} ${latest[i] % 1 > 0.5 ? "up" : "down"}`).join(", ");
+    return plot.series.map(([label], i) => `${label} ${latest[i] % 1 > 0.5 ? "up" : "down"}`);
   }
-  const texts = latest.map((it) => (it == null ? "–" : it < 10 ? it.toFixed(1) : it.toFixed(0)));
-  return plot.series.length === 1
-    ? `${texts[0]} ${plot.unit}`
-    : plot.series.map(([label], i) => `${label} ${texts[i]}`).join(", ");
+  const texts = latest.map((it) => (it == null ? "–" : it.toFixed(it % 1 !== 0 && it < 10 ? 1 : 0)));
+  return plot.series.map(([label], i) => (plot.series.length > 1 ? `${label} ${texts[i]}` : `${texts[i]} ${plot.unit}`));
 }
 
 function buildFigures() {
   return kPlots.map((plot) => {
-    const latest = element("span", { class: "latest" });
-    const names = plot.series.length > 1 ? plot.series.map(([label], i) => element("i", { class: "key", "data-key": i }, label)) : [];
+    const latest = plot.series.map(([, name]) => {
+      const text = element("span", { class: plot.series.length > 1 ? "latest key" : "latest" });
+      text.style.setProperty("--key", `var(${name})`);
+      return text;
+    });
     const room = element("div", { class: "plot", "aria-hidden": "true" });
-    const figure = element("figure", {}, element("figcaption", {}, element("b", {}, plot.title), ...(plot.lanes ? [] : names), latest), room);
-    names.forEach((name, i) => name.style.setProperty("--key", `var(${plot.series[i][1]})`));
-    byId("plots").append(figure);
+    const caption = element("figcaption", {}, element("b", {}, plot.title), ...latest);
+    byId("plots").append(element("figure", plot.lanes ? { class: "lanes" } : {}, caption, room));
     return { plot, latest, room, drawn: null };
   });
 }
@@ -109,7 +110,8 @@ export function createLinkView() {
 
   const redraw = (anew = false) => {
     for (const figure of figures) {
-      setText(figure.latest, samples.length === 0 ? "" : latestText(figure.plot, samples));
+      const texts = samples.length === 0 ? [] : latestTexts(figure.plot, samples);
+      figure.latest.forEach((text, i) => setText(text, texts[i] ?? ""));
       const width = figure.room.clientWidth;
       if (!is_visible || width === 0 || typeof uPlot === "undefined") {
         continue;
@@ -132,7 +134,7 @@ export function createLinkView() {
     if (is_visible) {
       loadPlots().catch(() => setText(byId("plots"), "The plots could not be loaded."));
     }
-  }).observe(byId("link"));
+  }, { rootMargin: "300px" }).observe(byId("link"));
   let width = 0;
   new ResizeObserver(([entry]) => {
     if (Math.round(entry.contentRect.width) !== width) {

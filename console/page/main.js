@@ -108,11 +108,13 @@ function connectState() {
     onOpen: () => {
       told.clearAll();
       setLamp("box", true);
+      document.body.dataset.connected = true;
       controls.setConnected(true);
     },
     onLost: (code, wait_ms) => {
       controls.setConnected(false);
       setLamp("box", false);
+      document.body.dataset.connected = false; // what stands there is old
       setLamp("camera", null);
       setLamp("phone", null);
       onLost(told, code, wait_ms);

@@ -11,12 +11,11 @@ const known = (items, name) => {
 
 const withUnit = (text, unit) => (text === kUnknown ? text : `${text}${unit}`);
 
-// 1920x1080@60 as 1920×1080 60p.
-function formatText(items) {
-  const format = known(items, "format");
-  const parts = /^(\d+)x(\d+)@(\d+)$/.exec(format);
-  return parts === null ? kUnknown : `${parts[1]}×${parts[2]} ${parts[3]}p`;
-}
+const sizeText = (items) => known(items, "resolution").replace("x", "×");
+
+// What goes with the size: the rate of a film, the file of a photo.
+const formatNote = (items) =>
+  items.get("camera_mode") === "photo" ? (items.get("shot_mode") ?? "") : withUnit(items.get("framerate") || kUnknown, "p");
 
 function whiteBalanceText(items) {
   const temperature = items.get("wb_temp") ?? "";
@@ -39,8 +38,8 @@ const timeLeft = (items) => {
 
 // id, label, what is read, a note beside it.
 const kStatusStrip = [
-  ["mode", "Mode", (i) => known(i, "camera_mode"), (i) => i.get("camera_model") ?? ""],
-  ["format", "Format", formatText, (i) => (i.get("camera_mode") === "photo" ? (i.get("shot_mode") ?? "") : "")],
+  ["mode", "Mode", (i) => known(i, "camera_mode"), () => ""],
+  ["format", "Format", sizeText, formatNote],
   ["rec", "Recording", (i) => known(i, "rec_time"), timeLeft],
   ["shots", "Shots left", (i) => known(i, "shots_left"), () => ""],
   ["card", "Card", (i) => known(i, "sd"), () => ""],
@@ -52,7 +51,7 @@ const kExposureStrip = [
   ["aperture", "Aperture", (i) => (known(i, "aperture") === kUnknown ? kUnknown : `f/${known(i, "aperture")}`), () => ""],
   ["iso", "ISO", (i) => known(i, "iso"), (i) => asked(i, "iso", "iso_set")],
   ["ev", "EV", (i) => known(i, "ev"), () => ""],
-  ["wb", "White balance", whiteBalanceText, () => ""],
+  ["wb", "WB", whiteBalanceText, () => ""],
   ["image-mode", "Exposure", (i) => known(i, "image_mode"), (i) => (i.get("ae") === "1" ? "AE" : "")],
   ["color", "Colour", (i) => known(i, "color_mode"), () => ""],
 ];
@@ -122,6 +121,7 @@ export function createStateView() {
     showStatus(items);
     showExposure(items);
     showHistogram(histogram);
+    setText(byId("model"), items.get("camera_model") ?? "");
     byId("cell-rec").dataset.on = recording;
     const level = Number.parseInt(items.get("battery_level") ?? "", 10);
     battery.dataset.level = level < 15 ? "low" : "fine";
