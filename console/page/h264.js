@@ -332,6 +332,6 @@ export function createUnitPreparer() {
     if (!sameBytes(nals[at], seen)) {
       read(nals[at]);
     }
-    return { bytes: rewritten === seen ? bytes : joinNals(nals.with(at, rewritten)), sps: info };
+    return { bytes: rewritten === seen ? bytes : joinNals(nals.map((nal, i) => (i === at ? rewritten : nal))), sps: info };
   };
 }

@@ -8,13 +8,13 @@ const kHeadings = new Map([
   ["no_connection", "No connection to the box"],
   ["signed_out", "Signed out"],
   ["busy", "Too many viewers"],
+  ["no_decoder", "No decoder"],
   ["no_permission", "No permission"],
   ["no_ring", "No video memory"],
   ["no_daemon", "No daemon"],
   ["no_camera", "No camera"],
   ["no_video", "No video"],
   ["no_keyframe", "Waiting for a keyframe"],
-  ["no_decoder", "No decoder"],
 ]);
 
 const kStale_ms = 1500; // without a new picture
