@@ -29,6 +29,7 @@ struct Connection {
   std::uint64_t number = 0;
   ConnectionKind kind = ConnectionKind::kHttp;
   std::string peer;
+  std::chrono::steady_clock::time_point last_event;
   bool is_established = false;  // a WebSocket
 
   Request request;  // of a POST, until its body is there

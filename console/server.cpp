@@ -41,7 +41,9 @@ constexpr int kMostUnsent = 32'768;  // that the kernel takes ahead: what lies t
 constexpr lws_usec_t kTickUs = 1'000'000;
 constexpr lws_usec_t kCommandTickUs = 100'000;
 constexpr unsigned kHttpPatienceS = 10;  // with somebody who does not go on
-constexpr int kKeepAliveS = 15;
+constexpr int kKeepAliveS = 5;
+// Who is not a viewer and does nothing is closed, whatever the library thinks of it.
+constexpr std::chrono::seconds kLongestIdle{20};
 // A viewer who is heard no more: asked after some seconds, closed after some more.
 constexpr lws_retry_bo_t kIdlePolicy = {nullptr, 0, 0, 15, 30, 0};
 
@@ -186,9 +188,18 @@ void TellReasons(Server& server) {
   });
 }
 
+void CloseIdle(Server& server, std::chrono::steady_clock::time_point now) {
+  for (const auto& [wsi, connection] : server.connections) {
+    if (!connection->is_established && now - connection->last_event > kLongestIdle) {
+      lws_set_timeout(wsi, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
+    }
+  }
+}
+
 void OnTick(lws_sorted_usec_list_t* entry) {
   Server& server = *reinterpret_cast<Timer*>(entry)->server;
   const Now now = WholeNow();
+  CloseIdle(server, now.steady);
   server.view.Judge(server.history, now);
   server.view.Tick(now);
   TellReasons(server);
@@ -396,12 +407,11 @@ int Respond(Server& server, Connection& connection) {
 int OnHttp(Server& server, Connection& connection) {
   connection.request = ReadRequest(connection.wsi, connection.peer);
   const std::string length = HeaderOf(connection.wsi, WSI_TOKEN_HTTP_CONTENT_LENGTH);
-  const bool has_body = !length.empty() && length != "0";
   if (connection.request.method == Method::kPost) {
-    return has_body ? 0 : Respond(server, connection);
+    return length.empty() ? -1 : 0;  // it is answered when its body is there
   }
   // A body that nobody wants would be taken for the next request.
-  return has_body ? -1 : Respond(server, connection);
+  return length.empty() || length == "0" ? Respond(server, connection) : -1;
 }
 
 int OnBody(Connection& connection, std::string_view piece) {
@@ -438,6 +448,7 @@ int OnNewClient(Server& server, lws* wsi) {
   auto connection = std::make_unique<Connection>();
   connection->wsi = wsi;
   connection->peer = peer;
+  connection->last_event = SteadyNow();
   server.connections.emplace(wsi, std::move(connection));
   return 0;
 }
@@ -457,6 +468,7 @@ void OnGone(Server& server, lws* wsi) {
 int OnConnectionEvent(Server& server, Connection& connection, lws_callback_reasons reason, void* in,
                       std::size_t length) {
   const std::string_view text(static_cast<const char*>(in), in == nullptr ? 0 : length);
+  connection.last_event = SteadyNow();
   switch (reason) {
     case LWS_CALLBACK_HTTP_CONFIRM_UPGRADE:
       return OnUpgrade(server, connection, static_cast<const char*>(in));
@@ -519,8 +531,9 @@ constexpr lws_protocols kProtocols[] = {
 };
 
 void LogOfLibrary(int /*level*/, const char* line) {
-  std::fprintf(stderr, "kestrelconsole: %s", tools::PrintableText(line).c_str());
-  std::fputc('\n', stderr);
+  const std::string_view text(line);
+  std::fprintf(stderr, "kestrelconsole: %s\n",
+               tools::PrintableText(text.substr(0, text.find('\n'))).c_str());
 }
 
 // The library does not tell why it could not.
@@ -571,7 +584,9 @@ lws_vhost* OpenVhost(lws_context* context, const ConsoleOptions& options) {
   info.port = options.listen.port;
   info.iface = address.c_str();
   info.protocols = kProtocols;
-  info.options = LWS_SERVER_OPTION_DISABLE_IPV6 | LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
+  // Without the first the library would serve a vhost with a certificate without TLS.
+  info.options = LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT | LWS_SERVER_OPTION_DISABLE_IPV6 |
+                 LWS_SERVER_OPTION_FAIL_UPON_UNABLE_TO_BIND;
   info.server_string = "kestrelconsole";
   info.timeout_secs = kHttpPatienceS;
   info.keepalive_timeout = kKeepAliveS;
