@@ -13,8 +13,9 @@ using tools::JsonString;
 constexpr std::string_view kJson = "application/json";
 constexpr char kNever[] = "no-store";
 
-Answer Refusal(unsigned status, std::string text) {
-  return {.status = status, .headers = {{"cache-control:", kNever}}, .body = text + "\n"};
+Answer Refusal(unsigned status, std::string_view text) {
+  return {
+      .status = status, .headers = {{"cache-control:", kNever}}, .body = std::string(text) + "\n"};
 }
 
 Answer JsonAnswer(unsigned status, std::string json) {

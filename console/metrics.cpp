@@ -55,9 +55,9 @@ std::string AllMetrics(const ConsoleCounters& counters) {
     }
   }
   for (const Row& row : kRows) {
-    const std::string name = row.name;
-    text += "# HELP " + name + " " + row.help + "\n# TYPE " + name + " " + row.type + "\n" + name +
-            " " + std::to_string(counters.*row.value) + "\n";
+    text.append("# HELP ").append(row.name).append(" ").append(row.help);
+    text.append("\n# TYPE ").append(row.name).append(" ").append(row.type).append("\n");
+    text.append(row.name).append(" ").append(std::to_string(counters.*row.value)).append("\n");
   }
   return text;
 }
