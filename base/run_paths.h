@@ -21,6 +21,9 @@ inline constexpr char kMetricsPath[] = "/run/kestrelbridge/metrics.prom";
 inline constexpr char kShareTelemetryPath[] = "/run/kestrelbridge/telemetry";
 inline constexpr char kShareControlPath[] = "/run/kestrelbridge/control";
 
+// What kestrelshare counts.
+inline constexpr char kShareMetricsPath[] = "/run/kestrelbridge/share.prom";
+
 // The board's name, NUL-terminated by the firmware; absent on anything but such a board.
 inline constexpr char kBoardModelPath[] = "/sys/firmware/devicetree/base/model";
 

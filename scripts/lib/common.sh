@@ -38,6 +38,7 @@ print_help() { sed -n '2,/^[^#]/ { /^# shellcheck/d; s/^# \{0,1\}//p }' "$1"; }
 readonly build_packages=(g++ cmake ninja-build pkg-config libcjson-dev libcli11-dev) \
   demo_packages=(util-linux iproute2) \
   test_packages=(libgtest-dev util-linux iproute2 iptables ffmpeg) \
+  console_packages=(libwebsockets-dev) \
   gstreamer_packages=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev) \
   gstreamer_test_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good)
 

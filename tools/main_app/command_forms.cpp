@@ -90,8 +90,6 @@ constexpr std::array kForms = {
 
 // The one command that takes a word more: a temperature behind "wb custom".
 constexpr std::string_view kWithTemperature = "custom";
-constexpr int kLowestKelvin = 2000;
-constexpr int kHighestKelvin = 10'000;
 constexpr char kTemperatureText[] = "whole kelvin, 2000 to 10000";
 
 // A word as it is to be typed.
@@ -207,8 +205,7 @@ CommandEffect EffectOfWords(const CommandForm& form, std::span<const std::string
   const auto word =
       words.empty() ? known.end() : std::ranges::find(known, words[0], &CommandWord::word);
   const bool has_temperature = IsWhiteBalance(form) && words.size() == 2;
-  const bool wants_temperature =
-      IsWhiteBalance(form) && word != known.end() && word->word == kWithTemperature;
+  const bool wants_temperature = word != known.end() && TakesTemperature(form, word->word);
   if (word == known.end() || wants_temperature != has_temperature ||
       words.size() > (has_temperature ? 2U : 1U)) {
     RefuseWords(form, typed);
@@ -227,6 +224,10 @@ CommandEffect EffectOfWords(const CommandForm& form, std::span<const std::string
 }  // namespace
 
 std::span<const CommandForm> CommandForms() { return kForms; }
+
+bool TakesTemperature(const CommandForm& form, std::string_view word) {
+  return IsWhiteBalance(form) && word == kWithTemperature;
+}
 
 CommandRequest RequestOfWords(std::span<const std::string> words) {
   const CommandForm& form = FindForm(words);

@@ -28,6 +28,11 @@ struct CommandForm {
 
 std::span<const CommandForm> CommandForms();
 
+// The one word that takes a word more: a temperature, whole kelvin, behind "wb custom".
+bool TakesTemperature(const CommandForm& form, std::string_view word);
+inline constexpr int kLowestKelvin = 2000;
+inline constexpr int kHighestKelvin = 10'000;
+
 struct CommandRequest {
   std::string json;
   CommandEffect effect;
