@@ -63,7 +63,12 @@ std::optional<Authority> ParseAuthority(std::string_view text) {
   return authority.name.empty() ? std::nullopt : std::optional(authority);
 }
 
+// The system's parser stops at a NUL: what stands behind it must be looked at as well.
 bool IsAddress(const Authority& authority) {
+  constexpr std::string_view kDigits = "0123456789abcdefABCDEF:.";
+  if (authority.name.find_first_not_of(kDigits) != authority.name.npos) {
+    return false;
+  }
   std::array<std::uint8_t, sizeof(in6_addr)> address{};
   const int family = authority.is_bracketed ? AF_INET6 : AF_INET;
   return inet_pton(family, std::string(authority.name).c_str(), address.data()) == 1;

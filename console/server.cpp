@@ -525,8 +525,8 @@ int OnEvent(lws* wsi, lws_callback_reasons reason, void* /*user*/, void* in, std
 // --- start
 // ----------------------------------------------------------------------------------------
 
-// A unit goes to the kernel in one piece: by itself the library would hand over 4 kB, keep a copy of
-// the rest, and come back for each further 4 kB.
+// A unit goes to the kernel in one piece: by itself the library would hand over 4 kB, keep a copy
+// of the rest, and come back for each further 4 kB.
 constexpr std::size_t kLargestPiece = 1 << 17;
 
 constexpr lws_protocols kProtocols[] = {

@@ -48,6 +48,8 @@ TEST(Access, KnowsTheNamesOfThisBoxAndNoOther) {
     EXPECT_FALSE(IsKnownHost(host, known)) << host;
   }
   EXPECT_TRUE(IsKnownHost("box", KnownHosts("box.local", {})));
+  EXPECT_FALSE(IsKnownHost(std::string("127.0.0.1\0; evil", 16), known));
+  EXPECT_FALSE(IsKnownHost(std::string("[::1\0; evil]", 12), known));
   EXPECT_FALSE(IsKnownHost(std::string(5'000, 'a'), known));
 }
 
