@@ -33,6 +33,11 @@ expect_same kestrelbridge "$({ help_options kestrelbridge && echo --low-latency;
 
 expect_same kestrelshare "$(help_options kestrelshare)" "$(page_options kestrelshare.8.in)"
 
+# Built where libwebsockets is.
+if [[ -x $bin/kestrelconsole ]]; then
+  expect_same kestrelconsole "$(help_options kestrelconsole)" "$(page_options kestrelconsole.8.in)"
+fi
+
 subcommands="$("$bin/kestrelctl" --help | sed -nE '/^Subcommands:/,/^$/ s/^  ([a-z]+) .*/\1/p')"
 expect_same 'kestrelctl: subcommands' "$subcommands" \
   "$(sed -nE 's/^\.SS ([a-z]+)$/\1/p' "$pages/kestrelctl.1.in")"
