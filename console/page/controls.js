@@ -53,11 +53,10 @@ function buildButtons(control, send) {
   const row = element("div", { class: "words", role: "group", "aria-label": label });
   const buttons = words.map((word) => wordButton(control, word, send));
   row.append(...buttons);
-  control.show = (items) =>
-    words.forEach((word, i) => {
-      const is_present = item !== "" && word.shows !== "" && items.get(item) === word.shows;
-      buttons[i].setAttribute("aria-pressed", is_present);
-    });
+  const isPresent = (word, items, histogram) =>
+    word.shows !== "" ? items.get(item) === word.shows : item === "histogram" && (word.word === "1") === (histogram !== null);
+  control.show = (items, { histogram }) =>
+    words.forEach((word, i) => buttons[i].setAttribute("aria-pressed", isPresent(word, items, histogram)));
   return row;
 }
 
@@ -113,8 +112,8 @@ function buildValue(control, word, send) {
     send(word, String(input.valueAsNumber));
   });
   const showWord = control.show;
-  control.show = (items) => {
-    showWord(items);
+  control.show = (items, telemetry) => {
+    showWord(items, telemetry);
     const present = Number(items.get(item) ?? "");
     if (document.activeElement !== input && present >= min && present <= max) {
       input.value = present;

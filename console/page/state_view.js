@@ -9,7 +9,8 @@ const known = (items, name) => {
   return value === "" ? kUnknown : value;
 };
 
-const withUnit = (text, unit) => (text === kUnknown ? text : `${text}${unit}`);
+// Whole seconds carry their sign already.
+const withUnit = (text, unit) => (text === kUnknown || text.endsWith('"') ? text : `${text}${unit}`);
 
 const sizeText = (items) => known(items, "resolution").replace("x", "×");
 
