@@ -34,8 +34,9 @@ Reads the daemon's frame ring and counters, and talks to kestrelshare's sockets.
 nor slow the daemon.)";
 
 constexpr char kFooter[] =
-    "Who listens elsewhere than on 127.0.0.1 lets strangers come: that takes --password-file or\n"
-    "--view-only. On a network that others listen to, the password needs --certificate, too.\n\n"
+    "Who listens elsewhere than on 127.0.0.1 lets strangers come: that takes a password, or takes "
+    "no\n"
+    "commands. On a network that others listen to, the password needs a certificate, too.\n\n"
     "  kestrelconsole\n"
     "  kestrelconsole --listen 0.0.0.0:8080 --password-file /etc/kestrelbridge/console-password";
 
