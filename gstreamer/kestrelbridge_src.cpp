@@ -50,12 +50,16 @@ struct Settings {
   GstClockTime timeout = 0;
 };
 
+// PAUSED after PLAYING. GstBaseSrc goes on with the unit that it asked for before: none of that
+// time must be there for it when it is PLAYING again.
+enum class Sleep { kNone, kAsleep, kOver };
+
 // What others than the streaming thread see, under the object's lock.
 struct Shared {
   Settings settings;
   UnitSource::Counters counters;  // of this run
   Nanoseconds latency{0};
-  bool has_slept = false;  // PLAYING, then PAUSED
+  Sleep sleep = Sleep::kNone;
 };
 
 struct KestrelbridgeSrc {
@@ -319,21 +323,32 @@ GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) 
   }
 }
 
+// Whether the unit was taken in a sleep, or is the first one after: then the next keyframe is what
+// goes on.
+bool IsOfASleep(KestrelbridgeSrc* element, Run& run) {
+  const Sleep sleep = WithShared(element, [](Shared& shared) {
+    return shared.sleep == Sleep::kOver ? std::exchange(shared.sleep, Sleep::kNone) : shared.sleep;
+  });
+  if (sleep == Sleep::kOver) {
+    run.source.SkipToLive();
+  }
+  return sleep != Sleep::kNone;
+}
+
 GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
   KestrelbridgeSrc* element = ElementOf(base);
   Run& run = *element->run;
-  if (WithShared(element, [](Shared& shared) { return std::exchange(shared.has_slept, false); })) {
-    run.source.SkipToLive();
-    run.waiting.Restart();
-  }
   OutgoingUnit unit;
   for (;;) {
     const GstFlowReturn flow = TakeUnit(element, run, unit);
     if (flow != GST_FLOW_OK) {
       return flow;
     }
+    if (IsOfASleep(element, run)) {
+      continue;
+    }
     const Nanoseconds now = RunningTime(element);
-    if (!run.format) {
+    if (gst_pad_check_reconfigure(GST_BASE_SRC_PAD(element)) != FALSE || !run.format) {
       run.format = ChooseFormat(GST_BASE_SRC_PAD(element));
       run.caps_are_set = false;
     }
@@ -367,7 +382,7 @@ gboolean Start(GstBaseSrc* base) {
   WithShared(element, [&](Shared& shared) {
     shared.counters = {};
     shared.latency = element->run->times.Latency();
-    shared.has_slept = false;
+    shared.sleep = Sleep::kNone;
   });
   return TRUE;
 }
@@ -405,9 +420,13 @@ gboolean Query(GstBaseSrc* base, GstQuery* query) {
 
 GstStateChangeReturn ChangeState(GstElement* base, GstStateChange transition) {
   KestrelbridgeSrc* element = ElementOf(base);
-  if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
-    WithShared(element, [](Shared& shared) { shared.has_slept = true; });
-  }
+  WithShared(element, [&](Shared& shared) {
+    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
+      shared.sleep = Sleep::kAsleep;
+    } else if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && shared.sleep != Sleep::kNone) {
+      shared.sleep = Sleep::kOver;
+    }
+  });
   return GST_ELEMENT_CLASS(kestrelbridge_src_parent_class)->change_state(base, transition);
 }
 

@@ -33,9 +33,6 @@ class Waiting {
   // Since the last unit, or since the beginning.
   [[nodiscard]] std::chrono::nanoseconds length() const { return Clock::now() - since_; }
 
-  // The time until now does not count: nobody was waiting.
-  void Restart() { since_ = Clock::now(); }
-
  private:
   const char* reason_ = nullptr;  // told; null: units come
   Clock::time_point since_ = Clock::now();
