@@ -50,16 +50,14 @@ struct Settings {
   GstClockTime timeout = 0;
 };
 
-// PAUSED after PLAYING. GstBaseSrc goes on with the unit that it asked for before: none of that
-// time must be there for it when it is PLAYING again.
-enum class Sleep { kNone, kAsleep, kOver };
-
 // What others than the streaming thread see, under the object's lock.
 struct Shared {
   Settings settings;
   UnitSource::Counters counters;  // of this run
   Nanoseconds latency{0};
-  Sleep sleep = Sleep::kNone;
+  // PAUSED after PLAYING. GstBaseSrc still waits for the unit that it has asked for, and would keep
+  // it: none of that time must be there when it is PLAYING again.
+  bool sleeps = false;
 };
 
 struct KestrelbridgeSrc {
@@ -323,18 +321,6 @@ GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) 
   }
 }
 
-// Whether the unit was taken in a sleep, or is the first one after: then the next keyframe is what
-// goes on.
-bool IsOfASleep(KestrelbridgeSrc* element, Run& run) {
-  const Sleep sleep = WithShared(element, [](Shared& shared) {
-    return shared.sleep == Sleep::kOver ? std::exchange(shared.sleep, Sleep::kNone) : shared.sleep;
-  });
-  if (sleep == Sleep::kOver) {
-    run.source.SkipToLive();
-  }
-  return sleep != Sleep::kNone;
-}
-
 GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
   KestrelbridgeSrc* element = ElementOf(base);
   Run& run = *element->run;
@@ -344,7 +330,8 @@ GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
     if (flow != GST_FLOW_OK) {
       return flow;
     }
-    if (IsOfASleep(element, run)) {
+    if (WithShared(element, [](const Shared& shared) { return shared.sleeps; })) {
+      run.source.BeginAnew();
       continue;
     }
     const Nanoseconds now = RunningTime(element);
@@ -382,7 +369,7 @@ gboolean Start(GstBaseSrc* base) {
   WithShared(element, [&](Shared& shared) {
     shared.counters = {};
     shared.latency = element->run->times.Latency();
-    shared.sleep = Sleep::kNone;
+    shared.sleeps = false;
   });
   return TRUE;
 }
@@ -420,13 +407,12 @@ gboolean Query(GstBaseSrc* base, GstQuery* query) {
 
 GstStateChangeReturn ChangeState(GstElement* base, GstStateChange transition) {
   KestrelbridgeSrc* element = ElementOf(base);
-  WithShared(element, [&](Shared& shared) {
-    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
-      shared.sleep = Sleep::kAsleep;
-    } else if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING && shared.sleep != Sleep::kNone) {
-      shared.sleep = Sleep::kOver;
-    }
-  });
+  if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED ||
+      transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
+    WithShared(element, [&](Shared& shared) {
+      shared.sleeps = transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED;
+    });
+  }
   return GST_ELEMENT_CLASS(kestrelbridge_src_parent_class)->change_state(base, transition);
 }
 

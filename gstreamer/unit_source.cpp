@@ -109,8 +109,7 @@ bool UnitSource::TakeParameterSets(OutgoingUnit& unit) {
   return true;
 }
 
-void UnitSource::SkipToLive() {
-  ring_.SkipToLive();
+void UnitSource::BeginAnew() {
   is_discontinuous_ = true;
   wants_keyframe_ = true;
 }

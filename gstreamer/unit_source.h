@@ -47,8 +47,8 @@ class UnitSource {
   // count as time.
   RingState Next(const UnitPolicy& policy, std::chrono::milliseconds patience, OutgoingUnit& unit);
 
-  // Goes on with what is published from now on: the reader has slept, and did not want to.
-  void SkipToLive();
+  // Units were thrown away: the next one is to be a keyframe.
+  void BeginAnew();
 
   // From any thread.
   void Interrupt() { ring_.Interrupt(); }

@@ -414,6 +414,7 @@ TEST_F(SourceTest, AfterAPauseItIsLive) {
   source.Play();
   Publish(25);
   const BufferPtr buffer = source.Pull();
+  ASSERT_TRUE(buffer);
   EXPECT_TRUE(Has(buffer, GST_BUFFER_FLAG_DISCONT));
   EXPECT_FALSE(Has(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
   EXPECT_EQ(BytesOf(buffer), ClipUnits()[0]) << "the clip's fifth keyframe is its first again";
