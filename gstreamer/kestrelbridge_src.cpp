@@ -55,9 +55,10 @@ struct Shared {
   Settings settings;
   UnitSource::Counters counters;  // of this run
   Nanoseconds latency{0};
-  // PAUSED after PLAYING. GstBaseSrc still waits for the unit that it has asked for, and would keep
-  // it: none of that time must be there when it is PLAYING again.
+  // PAUSED after PLAYING, and PLAYING again. None of the units of that time must go on: neither the
+  // one for which GstBaseSrc has asked, if it has, nor what the ring holds, if it has not.
   bool sleeps = false;
+  bool has_slept = false;
 };
 
 struct KestrelbridgeSrc {
@@ -321,16 +322,31 @@ GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) 
   }
 }
 
+bool HasSlept(KestrelbridgeSrc* element) {
+  return WithShared(element, [](Shared& shared) { return std::exchange(shared.has_slept, false); });
+}
+
+// After a unit was taken: whoever takes units while asleep need not skip any when awake.
+bool IsAsleep(KestrelbridgeSrc* element) {
+  return WithShared(element, [](Shared& shared) {
+    shared.has_slept = false;
+    return shared.sleeps;
+  });
+}
+
 GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
   KestrelbridgeSrc* element = ElementOf(base);
   Run& run = *element->run;
+  if (HasSlept(element)) {
+    run.source.SkipToLive();
+  }
   OutgoingUnit unit;
   for (;;) {
     const GstFlowReturn flow = TakeUnit(element, run, unit);
     if (flow != GST_FLOW_OK) {
       return flow;
     }
-    if (WithShared(element, [](const Shared& shared) { return shared.sleeps; })) {
+    if (IsAsleep(element)) {
       run.source.BeginAnew();
       continue;
     }
@@ -369,7 +385,7 @@ gboolean Start(GstBaseSrc* base) {
   WithShared(element, [&](Shared& shared) {
     shared.counters = {};
     shared.latency = element->run->times.Latency();
-    shared.sleeps = false;
+    shared.sleeps = shared.has_slept = false;
   });
   return TRUE;
 }
@@ -410,6 +426,7 @@ GstStateChangeReturn ChangeState(GstElement* base, GstStateChange transition) {
   if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED ||
       transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
     WithShared(element, [&](Shared& shared) {
+      shared.has_slept = shared.sleeps;
       shared.sleeps = transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED;
     });
   }

@@ -81,6 +81,15 @@ void RingFollower::LeaveRing() {
   earlier_ = all;
 }
 
+void RingFollower::SkipToLive() {
+  backlog_.clear();
+  if (ring_) {
+    const Counters skipped = counters();
+    ring_->reader.emplace(ring_->mapping.data());
+    earlier_ = skipped;
+  }
+}
+
 // False when the time is over.
 bool RingFollower::SleepWithoutRing(Clock::time_point end) {
   std::unique_lock lock(mutex_);

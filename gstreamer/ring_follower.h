@@ -37,6 +37,9 @@ class RingFollower {
   // most a second.
   RingState Next(std::vector<std::uint8_t>& unit, std::chrono::milliseconds patience);
 
+  // Passes over what the ring holds now.
+  void SkipToLive();
+
   // Ends a Next that waits, and each further one, until Continue. Returns when none waits any more.
   void Interrupt();
   void Continue();

@@ -114,6 +114,11 @@ void UnitSource::BeginAnew() {
   wants_keyframe_ = true;
 }
 
+void UnitSource::SkipToLive() {
+  ring_.SkipToLive();
+  BeginAnew();
+}
+
 UnitSource::Counters UnitSource::counters() const {
   Counters all;
   static_cast<RingFollower::Counters&>(all) = ring_.counters();

@@ -47,8 +47,11 @@ class UnitSource {
   // count as time.
   RingState Next(const UnitPolicy& policy, std::chrono::milliseconds patience, OutgoingUnit& unit);
 
-  // Units were thrown away: the next one is to be a keyframe.
+  // The unit before was not wanted: the next one is to be a keyframe.
   void BeginAnew();
+
+  // The same, and passes over what the ring holds now.
+  void SkipToLive();
 
   // From any thread.
   void Interrupt() { ring_.Interrupt(); }

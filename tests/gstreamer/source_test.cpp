@@ -124,10 +124,6 @@ class Source {
     return value;
   }
 
-  GstElement* element() const { return harness_->element; }
-  GstHarness* harness() const { return harness_; }
-
- private:
   // One of our threads sleeps on the word at which the ring's readers wait, in a mapping for
   // reading alone, as the daemon's writer in this process has none.
   static bool IsWaiting() {
@@ -147,6 +143,10 @@ class Source {
     return false;
   }
 
+  GstElement* element() const { return harness_->element; }
+  GstHarness* harness() const { return harness_; }
+
+ private:
   GstHarness* harness_;
   GstBus* bus_;
   GstClockTime now_ = GST_SECOND;
@@ -227,6 +227,25 @@ TEST_F(SourceTest, GivesFilesTheirFormAndChangesWhenThePeerDoes) {
   EXPECT_NE(source.CapsText().find("byte-stream"), std::string::npos);
 }
 
+// The element cannot get rid of its next unit.
+class HeldUp {
+ public:
+  explicit HeldUp(const Source& source)
+      : pad_(gst_element_get_static_pad(source.element(), "src")),
+        probe_(gst_pad_add_probe(
+            pad_, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
+            [](GstPad*, GstPadProbeInfo*, gpointer) { return GST_PAD_PROBE_OK; }, nullptr,
+            nullptr)) {}
+  HeldUp(const HeldUp&) = delete;
+  HeldUp& operator=(const HeldUp&) = delete;
+  ~HeldUp() { gst_object_unref(pad_); }
+  void End() { gst_pad_remove_probe(pad_, probe_); }
+
+ private:
+  GstPad* pad_;
+  gulong probe_;
+};
+
 TEST_F(SourceTest, WhenItWasTooSlowItGoesOnWithAKeyframeOrAtOnce) {
   for (const bool skips : {true, false}) {
     next_ = 0;
@@ -237,16 +256,12 @@ TEST_F(SourceTest, WhenItWasTooSlowItGoesOnWithAKeyframeOrAtOnce) {
     source.Play();
     Publish(1);
     source.Pull();
-    // Asleep while the ring is lapped: what it held when it awoke is not what it wants.
-    GstPad* pad = gst_element_get_static_pad(source.element(), "src");
-    const gulong block = gst_pad_add_probe(
-        pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM,
-        [](GstPad*, GstPadProbeInfo*, gpointer) { return GST_PAD_PROBE_OK; }, nullptr, nullptr);
+    // Held up while the ring is lapped.
+    HeldUp held_up(source);
     Publish(1);
     ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 2; }));
     Publish(310);
-    gst_pad_remove_probe(pad, block);
-    gst_object_unref(pad);
+    held_up.End();
     EXPECT_EQ(BytesOf(source.Pull()), ClipUnits()[1]);
     const BufferPtr next = source.Pull();
     EXPECT_TRUE(Has(next, GST_BUFFER_FLAG_DISCONT));
@@ -403,21 +418,36 @@ TEST_F(SourceTest, BringsWhatTheRingStillHoldsInItsOwnTime) {
 }
 
 TEST_F(SourceTest, AfterAPauseItIsLive) {
-  StartDaemon();
-  Source source;
-  source.Play();
-  Publish(1);
-  source.Pull();
-  gst_element_set_state(source.element(), GST_STATE_PAUSED);
-  Publish(100);
-  ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 101; }));
-  source.Play();
-  Publish(25);
-  const BufferPtr buffer = source.Pull();
-  ASSERT_TRUE(buffer);
-  EXPECT_TRUE(Has(buffer, GST_BUFFER_FLAG_DISCONT));
-  EXPECT_FALSE(Has(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
-  EXPECT_EQ(BytesOf(buffer), ClipUnits()[0]) << "the clip's fifth keyframe is its first again";
+  for (const bool is_held_up : {false, true}) {
+    StartDaemon();
+    Source source;
+    source.Play();
+    next_ = 0;
+    Publish(1);
+    source.Pull();
+    HeldUp held_up(source);
+    if (is_held_up) {
+      Publish(1);
+      ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 2; }));
+    } else {
+      ASSERT_TRUE(Eventually([&] { return source.IsWaiting(); }));
+    }
+    gst_element_set_state(source.element(), GST_STATE_PAUSED);
+    held_up.End();
+    Publish(101 - next_);
+    if (is_held_up) {
+      EXPECT_EQ(BytesOf(source.Pull()), ClipUnits()[1]) << "from before the pause";
+    } else {
+      ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 101; }));
+    }
+    source.Play();
+    Publish(25);
+    const BufferPtr buffer = source.Pull();
+    ASSERT_TRUE(buffer);
+    EXPECT_TRUE(Has(buffer, GST_BUFFER_FLAG_DISCONT));
+    EXPECT_FALSE(Has(buffer, GST_BUFFER_FLAG_DELTA_UNIT));
+    EXPECT_EQ(BytesOf(buffer), ClipUnits()[0]) << "the clip's fifth keyframe is its first again";
+  }
 }
 
 // A keyframe of that size, as far as anybody but a decoder can tell.
