@@ -38,7 +38,7 @@ constexpr char kFooter[] =
     "no\n"
     "commands. On a network that others listen to, the password needs a certificate, too.\n\n"
     "  kestrelconsole\n"
-    "  kestrelconsole --listen 0.0.0.0:8080 --password-file /etc/kestrelbridge/console-password";
+    "  kestrelconsole --listen 0.0.0.0:8080 --password-file /etc/kestrelbridge-console.password";
 
 // The file's first line.
 std::string ReadPassword(const std::string& path) {
