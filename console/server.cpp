@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -621,6 +622,7 @@ std::string MachineName() {
 
 void RunConsole(const ConsoleOptions& options) {
   const int stop_signal = tools::OpenStopSignal();
+  std::signal(SIGPIPE, SIG_IGN);  // nobody may be reading the log
   TryListening(options.listen);
   Server server(options, MachineName());
   const OwnedContext context = OpenContext(server);
