@@ -1,11 +1,14 @@
 // What each viewer of the console costs: processor time and memory of kestrelconsole with 0, 1, 10,
-// 30 and 60 viewers of a stream of 2.4 Mbit/s, and how many units each of them lost.
+// 30 and 60 viewers of a stream of 2.4 Mbit/s; how many units they lost, and how long 95 % of the
+// units took from the ring to the viewer.
 //
 //   bench_console_viewers [SECONDS]     for each number of viewers; default 10
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -58,6 +61,10 @@ long OwnMemory(pid_t process) {
   return 0;
 }
 
+// When the unit of that number was published, nanoseconds: one writer, many readers.
+constexpr std::size_t kMostUnits = 1 << 16;
+std::array<std::atomic<std::int64_t>, kMostUnits> published;
+
 class Publisher {
  public:
   Publisher() : thread_([this] { Run(); }) {}
@@ -70,7 +77,9 @@ class Publisher {
   void Run() {
     auto due = Clock::now();
     for (std::uint32_t number = 1; !stopping_; ++number) {
-      PublishVideoUnit(NumberedUnit(number, number % 32 == 7 ? kKeyUnitSize : kUnitSize - 1'000));
+      const auto unit = NumberedUnit(number, number % 32 == 7 ? kKeyUnitSize : kUnitSize - 1'000);
+      published[number % kMostUnits] = Clock::now().time_since_epoch().count();
+      PublishVideoUnit(unit);
       due += std::chrono::microseconds{1'000'000 / kUnitsASecond};
       std::this_thread::sleep_until(due);
     }
@@ -81,7 +90,7 @@ class Publisher {
 
 struct Viewer {
   Viewer() : socket(kPort, "/video"), thread([this] { Run(); }) {}
-  ~Viewer() {
+  void End() {
     stopping = true;
     thread.join();
   }
@@ -96,6 +105,7 @@ struct Viewer {
       const std::uint32_t number = LoadLe32(
           {reinterpret_cast<const std::uint8_t*>(frame.payload.data()), frame.payload.size()},
           console::kUnitHeaderSize + 4);
+      delays.push_back(Clock::now().time_since_epoch().count() - published[number % kMostUnits]);
       lost += last != 0 ? number - last - 1 : 0;
       last = number;
       ++units;
@@ -104,6 +114,7 @@ struct Viewer {
   std::atomic<bool> stopping{false};
   std::atomic<std::uint64_t> units{0};
   std::atomic<std::uint64_t> lost{0};
+  std::vector<std::int64_t> delays;  // nanoseconds; to be read behind the thread's end
   WebSocketClient socket;
   std::thread thread;
 };
@@ -113,7 +124,18 @@ struct Figures {
   long memory_kb = 0;
   std::uint64_t units = 0;
   std::uint64_t lost = 0;
+  double delay_ms = 0;
 };
+
+// Of the delays in steady state, the one that 95 of 100 keep below.
+double Percentile95(std::vector<std::int64_t>& delays) {
+  if (delays.empty()) {
+    return 0;
+  }
+  const auto at = delays.begin() + static_cast<std::ptrdiff_t>(delays.size() * 95 / 100);
+  std::nth_element(delays.begin(), at, delays.end());
+  return static_cast<double>(*at) * 1e-6;
+}
 
 Figures Measure(pid_t console, int count, int seconds) {
   std::vector<std::unique_ptr<Viewer>> viewers;
@@ -128,10 +150,16 @@ Figures Measure(pid_t console, int count, int seconds) {
   Figures figures;
   figures.processor_ms_a_second = (ProcessorSeconds(console) - before) * 1'000 / elapsed.count();
   figures.memory_kb = OwnMemory(console);
+  std::vector<std::int64_t> delays;
   for (const auto& viewer : viewers) {
+    viewer->End();
     figures.units += viewer->units;
     figures.lost += viewer->lost;
+    const std::size_t at_once = std::min<std::size_t>(viewer->delays.size(), kUnitsASecond * 2);
+    delays.insert(delays.end(), viewer->delays.begin() + static_cast<std::ptrdiff_t>(at_once),
+                  viewer->delays.end());
   }
+  figures.delay_ms = Percentile95(delays);
   return figures;
 }
 
@@ -144,17 +172,18 @@ int Run(const std::string& program, int seconds) {
   const pid_t console = tools::StartProgram({.command = {program}, .error = STDERR_FILENO});
   std::this_thread::sleep_for(std::chrono::seconds{3});
   Figures first;
-  std::printf("viewers  ms/s of processor  ms/s each  own memory kB  kB each    units  lost\n");
+  std::printf(
+      "viewers  ms/s of processor  ms/s each  own memory kB  kB each    units  lost  p95 ms\n");
   for (const int count : {0, 1, 10, 30, 60}) {
     const Figures figures = Measure(console, count, seconds);
     first = count == 0 ? figures : first;
     const double each = count == 0 ? 0 : 1.0 / count;
-    std::printf("%7d  %17.2f  %9.3f  %13ld  %7.1f  %7llu  %4llu\n", count,
+    std::printf("%7d  %17.2f  %9.3f  %13ld  %7.1f  %7llu  %4llu  %6.2f\n", count,
                 figures.processor_ms_a_second,
                 (figures.processor_ms_a_second - first.processor_ms_a_second) * each,
                 figures.memory_kb, static_cast<double>(figures.memory_kb - first.memory_kb) * each,
                 static_cast<unsigned long long>(figures.units),
-                static_cast<unsigned long long>(figures.lost));
+                static_cast<unsigned long long>(figures.lost), figures.delay_ms);
     std::fflush(stdout);
   }
   kill(console, SIGTERM);
