@@ -5,18 +5,24 @@
 # context.
 set -euo pipefail
 
+# up LINK [NAMESPACE_OPTION...]: without an IPv6 address of its own, which would come a second later:
+# a browser drops what it loads when the network changes.
+up() {
+  ip "${@:2}" link set "$1" addrgenmode none
+  ip "${@:2}" link set "$1" up
+}
+
 ip address delete 192.168.2.1/32 dev lo # the stage's camera lives on this machine itself
 ip netns add camera
 ip link add wifi0 type veth peer name air netns camera
 ip address add 192.168.2.20/24 dev wifi0
-ip link set wifi0 up
+up wifi0
 ip -n camera address add 192.168.2.1/24 dev air
-ip -n camera link set air up
-ip -n camera link set lo up
+up air -n camera
 
 ip link add box type veth peer name visitors
 ip address add 10.88.0.1/24 dev box
-ip link set box up
-ip link set visitors up
+up box
+up visitors
 
 exec "$@"

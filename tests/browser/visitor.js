@@ -32,12 +32,14 @@ export async function openBrowser(...args) {
 }
 
 // What the page tells of each picture goes into window.seen: when it was shown, and when its unit came
-// to the box. Errors of the page go into page.faults.
+// to the box. Errors of the page, and requests that failed, go into page.faults.
 export async function visit(browser, url, { width = 1280, height = 900 } = {}) {
   const page = await browser.newPage();
   page.faults = [];
   page.on("pageerror", (error) => page.faults.push(error.message));
   page.on("console", (message) => message.text().includes("Content Security Policy") && page.faults.push(message.text()));
+  page.on("requestfailed", (request) => page.faults.push(`${request.url()}: ${request.failure()?.errorText}`));
+  page.on("response", (answer) => answer.status() >= 400 && page.faults.push(`${answer.url()}: ${answer.status()}`));
   await page.setViewport({ width, height });
   await page.evaluateOnNewDocument(() => {
     window.seen = [];
