@@ -9,7 +9,7 @@ const kOwnTimeout_ms = 6000; // the server answers after three seconds; later it
 
 // Where a control stands; what is not named here comes last.
 const kGroups = [
-  ["Exposure", ["video_mode", "shutter", "iso", "ev"]],
+  ["Light", ["video_mode", "shutter", "iso", "ev"]],
   ["Colour", ["wb", "color", "histogram"]],
   ["Format", ["camera", "video_resolution", "video_aspect", "shotmode", "video_std", "antiflicker"]],
   ["Camera", []],
