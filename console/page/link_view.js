@@ -37,7 +37,11 @@ const kPlots = [
 ];
 
 const colour = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
-const clock = (time_ms) => new Date(time_ms).toLocaleTimeString([], { hour12: false });
+
+// A box without a clock of its own may think that it is another day: its times are shown by this
+// device's clock.
+let ahead_ms = 0;
+const clock = (time_ms) => new Date(time_ms + ahead_ms).toLocaleTimeString([], { hour12: false });
 
 // --- plots ----------------------------------------------------------------------------------------
 
@@ -52,7 +56,7 @@ function plotOptions(plot, width) {
     height: plot.lanes ? kLanesHeight : kPlotHeight,
     cursor: { sync: { key: "link" }, y: false, drag: { x: false, y: false } },
     legend: { show: false },
-    scales: { x: { time: true, range: () => [Date.now() / 1000 - kSpan_s, Date.now() / 1000] }, y: { range: y.range } },
+    scales: { x: { time: true, range: (_, __, latest_s) => [latest_s - kSpan_s, latest_s] }, y: { range: y.range } },
     axes: [
       { ...axis, size: 22, space: 70, values: (_, times) => times.map((t) => clock(t * 1000).slice(0, 5)) },
       { ...axis, size: plot.lanes ? 58 : 44, splits: y.splits, values: y.values, space: 24 },
@@ -145,7 +149,7 @@ export function createLinkView() {
 
   const addEvents = (events) => {
     const rows = events.map((event) =>
-      element("li", {}, element("time", { datetime: new Date(event.time_ms).toISOString() }, clock(event.time_ms)), " ", event.text),
+      element("li", {}, element("time", { datetime: new Date(event.time_ms + ahead_ms).toISOString() }, clock(event.time_ms)), " ", event.text),
     );
     byId("events").prepend(...rows.reverse());
     while (byId("events").children.length > kMostEvents) {
@@ -154,6 +158,9 @@ export function createLinkView() {
   };
   byId("counters").addEventListener("toggle", () => byId("counters").open && showCounters());
   return {
+    setBoxTime(time_ms) {
+      ahead_ms = Date.now() - time_ms;
+    },
     setHistory(history) {
       samples = history;
       redraw();

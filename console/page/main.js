@@ -121,6 +121,7 @@ function connectState() {
     },
     hello: (hello) => {
       ["controls", "link", "items"].forEach((id) => (byId(id).hidden = false));
+      link_view.setBoxTime(hello.time_ms);
       state_view.setItems(hello.items);
       controls.setCommands(hello.commands, hello.view_only);
     },

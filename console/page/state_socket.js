@@ -36,10 +36,14 @@ const command = (it) => ({
   words: list(it?.words, kMostWords).map(word).filter((w) => w.word !== ""),
 });
 
-const event = (it) => ({ time_ms: number(it?.time_ms) ?? 0, text: text(it?.text, 300) });
+// Milliseconds since 1970, such as a Date takes.
+const kLastTime_ms = 4e15;
+const time = (value) => Math.min(Math.max(number(value) ?? 0, 0), kLastTime_ms);
+
+const event = (it) => ({ time_ms: time(it?.time_ms), text: text(it?.text, 300) });
 
 const sample = (it) => ({
-  time_ms: number(it?.time_ms) ?? 0,
+  time_ms: time(it?.time_ms),
   mbit_s: number(it?.mbit_s),
   fps: number(it?.fps),
   corrupted: number(it?.corrupted),
@@ -58,6 +62,7 @@ function histogram(values) {
 const kReaders = {
   hello: (m) => ({
     version: text(m.version, 40),
+    time_ms: time(m.time_ms),
     view_only: m.view_only === true,
     items: list(m.items, 60).map(item).filter((it) => it.name !== ""),
     commands: list(m.commands, 60).map(command).filter((it) => it.cmd !== ""),

@@ -3,7 +3,7 @@ import assert from "node:assert/strict";
 import { readFileSync, readdirSync, statSync } from "node:fs";
 import { join } from "node:path";
 import { test } from "node:test";
-import { createUnitPreparer, isSps, readSps, splitNals, withRestriction } from "../../console/page/h264.js";
+import { createUnitPreparer, isSps, joinNals, readSps, splitNals, withRestriction } from "../../console/page/h264.js";
 import { liveEdge } from "../../console/page/live_edge.js";
 import { createMediaClock } from "../../console/page/player_mse.js";
 import { readMessage } from "../../console/page/state_socket.js";
@@ -33,6 +33,10 @@ test("a parameter set without a restriction gets one, and says the same otherwis
     for (const member of ["width", "height", "codec", "reference_frames"]) {
       assert.equal(after[member], before[member], `${clip}: ${member}`);
     }
+    const { bytes, sps } = createUnitPreparer()(joinNals([bare, Uint8Array.of(0x68, 1), Uint8Array.of(0x65, 2)]));
+    assert.equal(sps.width, before.width);
+    assert.deepEqual(splitNals(bytes).map((nal) => nal[0] & 0x1f), [7, 8, 5]);
+    assert.equal(readSps(splitNals(bytes)[0]).has_restriction, true, "a player gets the new one");
   }
 });
 
