@@ -80,10 +80,13 @@ file_at() {
   [[ -s $2 ]] || fail "$document has no file of the recipe $recipe for: $1"
 }
 
+declare -A eyes=() # who looks, where it is not GStreamer
+
 # on_box NAME [PLACE], at_station NAME [PLACE]: starts the recipe's command. What it writes goes behind
 # time stamps to NAME.pictures, what it complains about to NAME.log. The process is the program itself.
 on_box() { start_stamped "$1" bash -c "$(command_at "${2:-On the box}")"; }
 at_station() {
+  [[ "$(block "$recipe" "${2:-At the station}")" != ffplay* ]] || eyes[$1]=ffplay
   start_stamped "$1" nsenter --target "${pids[station]}" --net --wd="$out" bash -c "$(command_at "${2:-At the station}")"
 }
 start_stamped() {
@@ -115,12 +118,13 @@ expect() {
   local told
   told="$("${compare[@]}" "$@" 2>&1)" || recipe_fails "$told"
   say "$told"
-  # The first receiver of a recipe is the one that the table tells of.
-  if [[ -z $delay_ms && $told =~ ([0-9]+)\ ms\ after ]]; then delay_ms="${BASH_REMATCH[1]}"; fi
 }
 # expect_pictures NAME [GAPS]
 expect_pictures() {
-  expect pictures "$hashes" "$out/$1.pictures" $least "${2:-0}" "$ring"
+  local told
+  told="$(expect pictures "$hashes" "$out/$1.pictures" $least "${2:-0}" "$ring")" || exit 1
+  printf '%s\n' "$told"
+  [[ $told =~ ([0-9]+)\ ms\ after ]] && delays+=("${BASH_REMATCH[1]} ms ${eyes[$1]:-GStreamer}")
 }
 expect_units() { expect units "$clip" "$out/$1" "${2:-$least}"; }
 # expect_recording FILE: its video is the clip's, and ffprobe finds nothing odd.
@@ -160,14 +164,16 @@ installed_mb() {
     sed -n -e 's/^After this operation, \([0-9]*\)[0-9.]* MB .*/\1/p' -e 's/^After this operation, \([0-9]*\)[0-9.]* kB .*/0/p'
 }
 readonly always=(gstreamer1.0-tools libgstreamer-plugins-base1.0-0)
+readonly rtsp_needs=libgstrtspserver-1.0-0
 
 # row: of the document's table, for the recipe that has just run.
 row() {
-  local packages size without
+  local packages size without delay
+  delay="$(printf '%s, ' "${delays[@]}")" delay="${delay%, }"
   : >"$out/nothing"
-  mapfile -t packages < <(packages_of "$recipe" 'On the box' | grep -vx -e gstreamer1.0-tools -e 'kestrel.*')
-  without="$(installed_mb "${always[@]}")" size="$(installed_mb "${always[@]}" "${packages[@]}")"
-  printf '| %s | %s | %s | %s | %s |\n' "$recipe" "${delay_ms:+$delay_ms ms}" \
+  mapfile -t packages < <(packages_of "$recipe" 'On the box' | grep -vx gstreamer1.0-tools)
+  without="$(installed_mb "${always[@]}")" size="$(installed_mb "${always[@]}" "${packages[@]/#kestrelbridge-rtsp/"$rtsp_needs"}")"
+  printf '| %s | %s | %s | %s | %s |\n' "$recipe" "$delay" \
     "${cost_us:+$(((cost_us + 500) / 1000)) ms}" "${packages[*]}" "$((size - without)) MB"
 }
 
@@ -188,7 +194,7 @@ rows=()
 for recipe in "${@:2}"; do
   step "$recipe"
   began=$SECONDS
-  cost_us='' delay_ms=''
+  cost_us='' delays=()
   declare -F "recipe_$recipe" >/dev/null || fail "nobody knows how to check the recipe $recipe"
   "recipe_$recipe"
   done_with "works ($((SECONDS - began)) s)"

@@ -18,6 +18,7 @@ import time
 
 SLICE, KEYFRAME_SLICE, SEQUENCE_SET, PICTURE_SET, DELIMITER = 1, 5, 7, 8, 9
 STILL_SIZE = (80, 45)
+STEADY_LEAST, STEADY_MS = 200, 100  # so many pictures, or nothing is said; so much may a delay grow
 STILL_MOST_DIFFERENCE = 20  # the right picture has 2, its neighbours have 200
 
 
@@ -97,6 +98,10 @@ def latencies_ms(seen, ring):
             yield (stamp - stamps[place - 1]) / 1e6
 
 
+def median(values):
+    return sorted(values)[len(values) // 2]
+
+
 def pictures(hashes, path, least, gaps, ring):
     table = {name: number for number, name in enumerate(re.findall(r"\b[0-9a-f]{32}\b", open(hashes).read()))}
     found = [(stamp, table.get(name)) for stamp, name in hashes_in(path)]
@@ -110,10 +115,15 @@ def pictures(hashes, path, least, gaps, ring):
     missing = gaps_of([number for _, number in seen], len(table))
     if missing > int(gaps):
         fail(f"{missing} gaps between {len(seen)} pictures")
-    late = sorted(latencies_ms(seen[30:], ring))
+    late = list(latencies_ms(seen[30:], ring))
     if not late:
         fail("too few pictures for a measure of their delay")
-    print(f"{len(seen)} pictures, {missing} gaps, {late[len(late) // 2]:.0f} ms after the ring"
+    quarter = len(late) // 4
+    first, last = median(late[:quarter + 1]), median(late[-quarter - 1:])
+    if len(late) >= STEADY_LEAST and last > first + STEADY_MS:
+        fail(f"the delay grows: {first:.0f} ms in the first quarter of the time, {last:.0f} ms in the last")
+    late.sort()
+    print(f"{len(seen)} pictures, {missing} gaps, {median(late):.0f} ms after the ring"
           f" ({late[len(late) * 95 // 100]:.0f} ms at most for 95 %)")
 
 

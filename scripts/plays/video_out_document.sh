@@ -18,7 +18,7 @@ block() {
   awk -v name="$1" -v place="# $2" '
     /^<!-- recipe: / { marked = $3 == name; next }
     /^```/ { first = marked && !inside; inside = first; marked = 0; next }
-    first { wanted = $0 == place || index($0, place " (") == 1; first = 0 }
+    first { wanted = $0 == place || index($0, place " (") == 1; first = 0; next }
     inside && wanted { print }' "$document"
 }
 
