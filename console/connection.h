@@ -31,6 +31,7 @@ struct Connection {
   std::string peer;
   std::chrono::steady_clock::time_point last_event;
   bool is_established = false;  // a WebSocket
+  bool is_counted = false;      // among the viewers of the picture
 
   Request request;  // of a POST, until its body is there
   Answer answer;    // what is being sent

@@ -5,6 +5,8 @@
 #include <cctype>
 #include <deque>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 
 #include "base/run_paths.h"
 #include "console/console_stage.h"
@@ -107,6 +109,22 @@ TEST(Console, AnswersToItsOwnNamesAndPagesAlone) {
   EXPECT_NE(Fetch(stage.port, {.line = "GET /metrics"})
                 .body.find("kestrelbridge_console_requests_refused_total 11\n"),
             std::string::npos);
+}
+
+TEST(Console, CountsWhatTheDocumentsTell) {
+  const ConsoleStage stage;
+  std::istringstream text(Fetch(stage.port, {.line = "GET /metrics"}).body);
+  std::ifstream file(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
+  const std::string document{std::istreambuf_iterator<char>(file), {}};
+  int names = 0;
+  for (std::string line; std::getline(text, line);) {
+    if (line.starts_with("kestrelbridge_console_")) {
+      ++names;
+      EXPECT_NE(document.find("| `" + line.substr(0, line.find(' ')) + "` |"), std::string::npos)
+          << line;
+    }
+  }
+  EXPECT_EQ(names, CountLines(document, "| `kestrelbridge_console_"));
 }
 
 TEST(Console, LetsNobodyInWithoutThePassword) {
