@@ -9,7 +9,11 @@ export const kSignInNeeded = 4401;
 
 // handlers: {onMessage(data), onOpen(), onLost(code, wait_ms)}. `sleeps_hidden`: see above.
 // `speaks_always`: the other end is never silent for long; a silence counts as a loss.
-export function openBackoffSocket(path, handlers, { sleeps_hidden = false, speaks_always = false } = {}) {
+export function openBackoffSocket(
+  path,
+  handlers,
+  { sleeps_hidden = false, speaks_always = false } = {},
+) {
   let socket = null;
   let timer = 0;
   let watchdog = 0;

@@ -15,9 +15,12 @@ export function parseObject(data) {
   }
 }
 
-export const isObject = (value) => typeof value === "object" && value !== null && !Array.isArray(value);
-export const text = (value, longest = 120) => (typeof value === "string" ? value.slice(0, longest) : "");
-export const number = (value) => (typeof value === "number" && Number.isFinite(value) ? value : null);
+export const isObject = (value) =>
+  typeof value === "object" && value !== null && !Array.isArray(value);
+export const text = (value, longest = 120) =>
+  typeof value === "string" ? value.slice(0, longest) : "";
+export const number = (value) =>
+  typeof value === "number" && Number.isFinite(value) ? value : null;
 export const list = (value, most) => (Array.isArray(value) ? value.slice(0, most) : []);
 
 // The members of an object, each checked by check(value); at most `most` of them.

@@ -17,7 +17,11 @@ export function parseCounters(text) {
     const sample = kSample.exec(line);
     if (sample !== null && rows.length < kMostRows) {
       const base = sample[1].split("{")[0];
-      rows.push({ name: sample[1].slice(0, 120), value: sample[2].slice(0, 30), help: helps.get(base) ?? "" });
+      rows.push({
+        name: sample[1].slice(0, 120),
+        value: sample[2].slice(0, 30),
+        help: helps.get(base) ?? "",
+      });
       helps.delete(base);
     }
   }

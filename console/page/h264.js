@@ -243,7 +243,8 @@ export function readSps(nal) {
   const reader = new BitReader(bytes);
   reader.bits(8);
   const profile = reader.bits(8);
-  const codec = "avc1." + [...bytes.slice(1, 4)].map((b) => b.toString(16).padStart(2, "0")).join("");
+  const codec =
+    "avc1." + [...bytes.slice(1, 4)].map((b) => b.toString(16).padStart(2, "0")).join("");
   reader.bits(16);
   reader.ue();
   const chroma = readChroma(reader, profile);
@@ -332,6 +333,10 @@ export function createUnitPreparer() {
     if (!sameBytes(nals[at], seen)) {
       read(nals[at]);
     }
-    return { bytes: rewritten === seen ? bytes : joinNals(nals.map((nal, i) => (i === at ? rewritten : nal))), sps: info };
+    return {
+      bytes:
+        rewritten === seen ? bytes : joinNals(nals.map((nal, i) => (i === at ? rewritten : nal))),
+      sps: info,
+    };
   };
 }

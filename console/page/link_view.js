@@ -16,7 +16,11 @@ const lane = (name, low) => (now) => low + (now[name] ? 0.8 : 0);
 const kPlots = [
   { title: "Bit rate", unit: "Mbit/s", series: [["rate", "--plot-1", value("mbit_s")]] },
   { title: "Frames", unit: "a second", series: [["frames", "--plot-2", value("fps")]] },
-  { title: "Longest time between frames", unit: "ms", series: [["longest", "--plot-3", value("unit_gap_ms_max")]] },
+  {
+    title: "Longest time between frames",
+    unit: "ms",
+    series: [["longest", "--plot-3", value("unit_gap_ms_max")]],
+  },
   {
     title: "Lost",
     unit: "a second",
@@ -47,7 +51,12 @@ const clock = (time_ms) => new Date(time_ms + ahead_ms).toLocaleTimeString([], {
 
 function plotOptions(plot, width) {
   const stepped = plot.lanes ? uPlot.paths.stepped({ align: -1 }) : undefined;
-  const axis = { stroke: colour("--dim"), grid: { stroke: colour("--grid"), width: 1 }, ticks: { show: false }, font: "11px system-ui" };
+  const axis = {
+    stroke: colour("--dim"),
+    grid: { stroke: colour("--grid"), width: 1 },
+    ticks: { show: false },
+    font: "11px system-ui",
+  };
   const y = plot.lanes
     ? { splits: () => [0.5, 1.5], values: () => plot.lanes, range: [0, 2.1] }
     : { range: (_, __, highest) => [0, Math.max(1, (highest ?? 0) * 1.15)] };
@@ -56,9 +65,17 @@ function plotOptions(plot, width) {
     height: plot.lanes ? kLanesHeight : kPlotHeight,
     cursor: { sync: { key: "link" }, y: false, drag: { x: false, y: false } },
     legend: { show: false },
-    scales: { x: { time: true, range: (_, __, latest_s) => [latest_s - kSpan_s, latest_s] }, y: { range: y.range } },
+    scales: {
+      x: { time: true, range: (_, __, latest_s) => [latest_s - kSpan_s, latest_s] },
+      y: { range: y.range },
+    },
     axes: [
-      { ...axis, size: 22, space: 70, values: (_, times) => times.map((t) => clock(t * 1000).slice(0, 5)) },
+      {
+        ...axis,
+        size: 22,
+        space: 70,
+        values: (_, times) => times.map((t) => clock(t * 1000).slice(0, 5)),
+      },
       { ...axis, size: plot.lanes ? 58 : 44, splits: y.splits, values: y.values, space: 24 },
     ],
     series: [
@@ -83,12 +100,18 @@ const columnsOf = (plot, samples) => [
 
 // The latest numbers stand beside the title, for who cannot read a curve.
 function latestTexts(plot, samples) {
-  const latest = columnsOf(plot, samples.slice(-2)).slice(1).map((column) => column.at(-1));
+  const latest = columnsOf(plot, samples.slice(-2))
+    .slice(1)
+    .map((column) => column.at(-1));
   if (plot.lanes) {
     return plot.series.map(([label], i) => `${label} ${latest[i] % 1 > 0.5 ? "up" : "down"}`);
   }
-  const texts = latest.map((it) => (it == null ? "–" : it.toFixed(it % 1 !== 0 && it < 10 ? 1 : 0)));
-  return plot.series.map(([label], i) => (plot.series.length > 1 ? `${label} ${texts[i]}` : `${texts[i]} ${plot.unit}`));
+  const texts = latest.map((it) =>
+    it == null ? "–" : it.toFixed(it % 1 !== 0 && it < 10 ? 1 : 0),
+  );
+  return plot.series.map(([label], i) =>
+    plot.series.length > 1 ? `${label} ${texts[i]}` : `${texts[i]} ${plot.unit}`,
+  );
 }
 
 function buildFigures() {
@@ -122,7 +145,11 @@ export function createLinkView() {
       }
       if (figure.drawn === null || anew) {
         figure.drawn?.destroy();
-        figure.drawn = new uPlot(plotOptions(figure.plot, width), columnsOf(figure.plot, samples), figure.room);
+        figure.drawn = new uPlot(
+          plotOptions(figure.plot, width),
+          columnsOf(figure.plot, samples),
+          figure.room,
+        );
       } else {
         figure.drawn.setData(columnsOf(figure.plot, samples));
       }
@@ -133,12 +160,15 @@ export function createLinkView() {
     await Promise.all([loadScript("vendor/uPlot.iife.min.js"), loadStyle("vendor/uPlot.min.css")]);
     redraw();
   };
-  new IntersectionObserver(([entry]) => {
-    is_visible = entry.isIntersecting;
-    if (is_visible) {
-      loadPlots().catch(() => setText(byId("plots"), "The plots could not be loaded."));
-    }
-  }, { rootMargin: "300px" }).observe(byId("link"));
+  new IntersectionObserver(
+    ([entry]) => {
+      is_visible = entry.isIntersecting;
+      if (is_visible) {
+        loadPlots().catch(() => setText(byId("plots"), "The plots could not be loaded."));
+      }
+    },
+    { rootMargin: "300px" },
+  ).observe(byId("link"));
   let width = 0;
   new ResizeObserver(([entry]) => {
     if (Math.round(entry.contentRect.width) !== width) {
@@ -149,7 +179,17 @@ export function createLinkView() {
 
   const addEvents = (events) => {
     const rows = events.map((event) =>
-      element("li", {}, element("time", { datetime: new Date(event.time_ms + ahead_ms).toISOString() }, clock(event.time_ms)), " ", event.text),
+      element(
+        "li",
+        {},
+        element(
+          "time",
+          { datetime: new Date(event.time_ms + ahead_ms).toISOString() },
+          clock(event.time_ms),
+        ),
+        " ",
+        event.text,
+      ),
     );
     byId("events").prepend(...rows.reverse());
     while (byId("events").children.length > kMostEvents) {
@@ -193,11 +233,18 @@ async function showCounters() {
     const rows = parseCounters(await answer.text()).map(({ name, value: count, help }) =>
       element("tr", {}, element("td", {}, name), element("td", {}, count), element("td", {}, help)),
     );
-    const head = ["Counter", "Value", "Meaning"].map((title) => element("th", { scope: "col" }, title));
+    const head = ["Counter", "Value", "Meaning"].map((title) =>
+      element("th", { scope: "col" }, title),
+    );
     room.replaceChildren(
       rows.length === 0
         ? element("p", {}, "The box has no counters: is the daemon running?")
-        : element("table", {}, element("thead", {}, element("tr", {}, ...head)), element("tbody", {}, ...rows)),
+        : element(
+            "table",
+            {},
+            element("thead", {}, element("tr", {}, ...head)),
+            element("tbody", {}, ...rows),
+          ),
     );
   } catch {
     setText(room, "The counters could not be read.");

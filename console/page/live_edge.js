@@ -23,7 +23,10 @@ export function liveEdge(behind_ms, may_change_rate) {
     return { jump_to_ms: null, rate: 1 };
   }
   if (behind_ms > kFasterAbove_ms) {
-    return { jump_to_ms: null, rate: Math.min(kFastest, 1 + (behind_ms - kFasterAbove_ms) / 1000 + 0.02) };
+    return {
+      jump_to_ms: null,
+      rate: Math.min(kFastest, 1 + (behind_ms - kFasterAbove_ms) / 1000 + 0.02),
+    };
   }
   return { jump_to_ms: null, rate: behind_ms < kSlowerBelow_ms ? kSlow : 1 };
 }

@@ -1,10 +1,10 @@
 // The console's page: the live picture, the camera's state, its controls, the link.
 import { kSignInNeeded } from "./backoff_socket.js";
-import { createControls } from "./controls.js";
+import { Controls } from "./controls.js";
 import { byId, setText } from "./dom.js";
 import { createLinkView } from "./link_view.js";
 import { createNotices } from "./notices.js";
-import { createPlayer } from "./player.js";
+import { Player } from "./player.js";
 import { askToSignIn, readSession, signOut } from "./sign_in.js";
 import { openStateSocket } from "./state_socket.js";
 import { createStateView } from "./state_view.js";
@@ -12,7 +12,14 @@ import { createFullScreen, createTheme, listenToKeys } from "./surroundings.js";
 import { openVideoSocket } from "./video_socket.js";
 
 const kTooMany = 1013;
-const kWaitingReasons = ["no_ring", "no_permission", "no_daemon", "no_camera", "no_video", "no_keyframe"];
+const kWaitingReasons = [
+  "no_ring",
+  "no_permission",
+  "no_daemon",
+  "no_camera",
+  "no_video",
+  "no_keyframe",
+];
 
 const notices = createNotices();
 const decoder_notices = notices.of();
@@ -46,16 +53,22 @@ function onLost(told, code, wait_ms) {
   if (code === kSignInNeeded) {
     signInAgain();
   } else if (code === kTooMany) {
-    told.set("busy", "The box has as many viewers as it serves, or this one was too slow. It tries again.");
+    told.set(
+      "busy",
+      "The box has as many viewers as it serves, or this one was too slow. It tries again.",
+    );
   } else {
     const wait_s = Math.max(1, Math.round(wait_ms / 1000));
-    told.set("no_connection", `It does not answer. Is kestrelconsole running, and this device in its network? The next try is in ${wait_s} s.`);
+    told.set(
+      "no_connection",
+      `It does not answer. Is kestrelconsole running, and this device in its network? The next try is in ${wait_s} s.`,
+    );
   }
 }
 
 // --- picture --------------------------------------------------------------------------------------
 
-function onPicture(player, width, height, time_us, picture) {
+function onPicture(player, time_us, width, height, picture) {
   notices.pictureShown();
   byId("tap").hidden = true;
   byId("picture").dataset.player = player;
@@ -64,19 +77,30 @@ function onPicture(player, width, height, time_us, picture) {
   if (byId("canvas").ariaLabel !== label) {
     byId("canvas").ariaLabel = label;
     byId("video").ariaLabel = label;
-    setText(byId("about"), `Picture by ${player}, ${width}×${height}. kestrelconsole ${session?.version ?? ""}`);
+    setText(
+      byId("about"),
+      `Picture by ${player}, ${width}×${height}. kestrelconsole ${session?.version ?? ""}`,
+    );
   }
   // For who measures: when the unit came to the box, and when its picture was here.
-  dispatchEvent(new CustomEvent("kestrel-picture", { detail: { time_us, shown_ms: picture?.presentationTime ?? performance.now() } }));
+  dispatchEvent(
+    new CustomEvent("kestrel-picture", {
+      detail: { time_us, shown_ms: picture?.presentationTime ?? performance.now() },
+    }),
+  );
 }
 
-const player = createPlayer(
+const player = new Player(
   { canvas: byId("canvas"), video: byId("video") },
   {
     onPicture,
     onSkipped: () => dispatchEvent(new CustomEvent("kestrel-skipped")),
     onNeedsTap: () => (byId("tap").hidden = false),
-    onNoDecoder: (why) => decoder_notices.set("no_decoder", `This browser cannot show the picture: ${why}. Try a recent Chromium, Firefox or Safari.`),
+    onNoDecoder: (why) =>
+      decoder_notices.set(
+        "no_decoder",
+        `This browser cannot show the picture: ${why}. Try a recent Chromium, Firefox or Safari.`,
+      ),
   },
 );
 
@@ -99,7 +123,7 @@ function connectVideo() {
 
 // --- state ----------------------------------------------------------------------------------------
 
-const controls = createControls((message) => state_socket.send(JSON.stringify(message)), announce);
+const controls = new Controls((message) => state_socket.send(JSON.stringify(message)), announce);
 let state_socket = null;
 
 function connectState() {
@@ -138,8 +162,8 @@ function connectState() {
     event: link_view.addEvent,
     events: link_view.setEvents,
     problem: ({ id, text, active }) => (active ? told.set(id, text) : told.clear(id)),
-    allowed: controls.setAllowed,
-    command: controls.take,
+    allowed: (cmds) => controls.setAllowed(cmds),
+    command: (fate) => controls.take(fate),
   });
 }
 

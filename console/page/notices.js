@@ -30,7 +30,9 @@ export function createNotices() {
 
   const problems = () => new Map(sources.flatMap((source) => [...source]));
   const showWarnings = () => {
-    const wanted = [...problems()].filter(([id]) => (has_picture ? id !== "no_keyframe" : !kHeadings.has(id)));
+    const wanted = [...problems()].filter(([id]) =>
+      has_picture ? id !== "no_keyframe" : !kHeadings.has(id),
+    );
     const ids = new Set(wanted.map(([id]) => id));
     shown.forEach((item, id) => ids.has(id) || (item.remove(), shown.delete(id)));
     for (const [id, text] of wanted) {

@@ -17,114 +17,135 @@ function playersOfThisBrowser() {
   return kinds.includes(wanted) ? [wanted] : kinds;
 }
 
-// events: {onPicture(name, width, height, time_us, picture), onSkipped(), onNeedsTap(),
-// onNoDecoder(text)}. Elements: {canvas, video}.
-export function createPlayer({ canvas, video }, events) {
-  const kinds = playersOfThisBrowser();
-  const prepare = createUnitPreparer();
-  let stream = ""; // size and codec that the present player was made for
-  let player = null;
-  let opening = 0; // counts; a player that opens for an older one is thrown away
-  let held = []; // units since the keyframe, while a player opens
-  let failures = 0;
-  let waiting_since = null;
+const streamOf = (sps) => `${sps.codec} ${sps.width}x${sps.height}`;
 
-  const close = () => {
-    ++opening;
-    player?.end();
-    player = null;
-    held = [];
-    stream = "";
-  };
-  const giveUp = (text) => {
-    close();
-    failures += 1;
-    waiting_since = null;
-    if (failures >= kFailuresInARow) {
-      kinds.shift();
-      failures = 0;
+// elements: {canvas, video}. events: {onPicture(name, time_us, width, height, picture), onSkipped(),
+// onNeedsTap(), onNoDecoder(text)}.
+export class Player {
+  #elements;
+  #events;
+  #kinds = playersOfThisBrowser();
+  #prepare = createUnitPreparer();
+  #stream = ""; // size and codec that the present player was made for
+  #player = null;
+  #opening = 0; // counts; a player that opens for an older one is thrown away
+  #held = []; // units since the keyframe, while a player opens
+  #failures = 0;
+  #waiting_since = null; // for a picture
+
+  constructor(elements, events) {
+    this.#elements = elements;
+    this.#events = events;
+    if (this.#kinds.length === 0) {
+      queueMicrotask(() =>
+        events.onNoDecoder("it has neither WebCodecs nor Media Source Extensions"),
+      );
     }
-    if (kinds.length === 0) {
-      events.onNoDecoder(text);
+  }
+
+  feed(unit) {
+    if (this.#kinds.length === 0) {
+      return;
     }
-  };
-  const listeners = (mine) => {
-    const ifMine = (call) => (...values) => mine === opening && call(...values);
-    return {
-      onShown: ifMine((time_us, width, height, picture) => {
-        failures = 0;
-        waiting_since = null;
-        events.onPicture(player?.name ?? "", width, height, time_us, picture);
-      }),
-      onSkipped: ifMine(events.onSkipped),
-      onNeedsTap: ifMine(() => {
-        waiting_since = null;
-        events.onNeedsTap();
-      }),
-      onFailed: ifMine(giveUp),
-    };
-  };
-  const open = async (sps) => {
-    close();
-    const mine = opening;
-    stream = streamOf(sps);
-    canvas.hidden = kinds[0] !== "webcodecs";
+    const { bytes, sps } = this.#prepare(unit.bytes);
+    if (sps !== null && streamOf(sps) !== this.#stream) {
+      this.#open(sps);
+    }
+    if (this.#stream === "") {
+      return; // no parameter set yet
+    }
+    this.#held.push({ ...unit, bytes, keyframe: unit.keyframe || sps !== null });
+    if (this.#held.length > kMostHeld) {
+      this.#held.shift();
+    }
+    if (this.#player !== null) {
+      this.#feedHeld();
+      this.#checkPatience();
+    }
+  }
+
+  // The user wants it to play: some browsers wait for that.
+  tap() {
+    this.#elements.video.play().catch(() => {});
+  }
+
+  close() {
+    ++this.#opening;
+    this.#player?.end();
+    this.#player = null;
+    this.#held = [];
+    this.#stream = "";
+    this.#waiting_since = null;
+  }
+
+  async #open(sps) {
+    const { canvas, video } = this.#elements;
+    this.close();
+    const mine = this.#opening;
+    this.#stream = streamOf(sps);
+    canvas.hidden = this.#kinds[0] !== "webcodecs";
     video.hidden = !canvas.hidden; // a hidden one would not tell of its pictures
     try {
-      const made =
-        kinds[0] === "webcodecs"
-          ? createWebCodecsPlayer(canvas, sps, listeners(mine))
-          : await createMsePlayer(video, listeners(mine));
-      if (mine !== opening) {
+      const made = canvas.hidden
+        ? await createMsePlayer(video, this.#listeners(mine))
+        : createWebCodecsPlayer(canvas, sps, this.#listeners(mine));
+      if (mine !== this.#opening) {
         made.end();
         return;
       }
-      player = made;
-      feedHeld();
+      this.#player = made;
+      this.#feedHeld();
     } catch (error) {
-      if (mine === opening) {
-        giveUp(error.message);
+      if (mine === this.#opening) {
+        this.#giveUp(error.message);
       }
     }
-  };
-  const streamOf = (sps) => `${sps.codec} ${sps.width}x${sps.height}`;
-  const feedHeld = () => {
-    for (const unit of held.splice(0)) {
-      player?.feed(unit);
-    }
-  };
-  const checkPatience = () => {
-    waiting_since ??= performance.now();
-    if (performance.now() - waiting_since > kPatience_ms && !document.hidden) {
-      giveUp(`${player?.name} shows no picture`);
-    }
-  };
-
-  if (kinds.length === 0) {
-    queueMicrotask(() => events.onNoDecoder("it has neither WebCodecs nor Media Source Extensions"));
   }
-  return {
-    feed(unit) {
-      if (kinds.length === 0) {
-        return;
-      }
-      const { bytes, sps } = prepare(unit.bytes);
-      if (sps !== null && streamOf(sps) !== stream) {
-        open(sps);
-      }
-      if (stream === "") {
-        return; // no parameter set yet
-      }
-      held.push({ ...unit, bytes, keyframe: unit.keyframe || sps !== null });
-      if (held.length > kMostHeld) {
-        held.shift();
-      }
-      if (player !== null) {
-        feedHeld();
-        checkPatience();
-      }
-    },
-    tap: () => video.play().catch(() => {}),
-    close,
-  };
+
+  // What a player tells counts only while it is the present one.
+  #listeners(mine) {
+    const ifMine =
+      (call) =>
+      (...values) =>
+        mine === this.#opening && call(...values);
+    return {
+      onShown: ifMine((...picture) => {
+        this.#failures = 0;
+        this.#waiting_since = null;
+        this.#events.onPicture(this.#player?.name ?? "", ...picture);
+      }),
+      onSkipped: ifMine(this.#events.onSkipped),
+      onNeedsTap: ifMine(() => {
+        this.#waiting_since = null;
+        this.#events.onNeedsTap();
+      }),
+      onFailed: ifMine((why) => this.#giveUp(why)),
+    };
+  }
+
+  #feedHeld() {
+    for (const unit of this.#held.splice(0)) {
+      this.#player?.feed(unit);
+    }
+  }
+
+  #checkPatience() {
+    this.#waiting_since ??= performance.now();
+    if (performance.now() - this.#waiting_since > kPatience_ms && !document.hidden) {
+      this.#giveUp(`${this.#player?.name} shows no picture`);
+    }
+  }
+
+  // The next keyframe opens another player, after some failures in a row one of another kind.
+  #giveUp(why) {
+    this.close();
+    this.#failures += 1;
+    if (this.#failures >= kFailuresInARow) {
+      this.#kinds.shift();
+      this.#failures = 0;
+    }
+    if (this.#kinds.length === 0) {
+      this.#events.onNoDecoder(why);
+    }
+  }
 }

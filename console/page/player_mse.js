@@ -69,7 +69,12 @@ function watchPictures(video, clock, events, isEnded) {
   }
   const onPicture = (now, picture) => {
     if (!isEnded()) {
-      events.onShown(clock.arrivalAt(picture.mediaTime * 1000), picture.width, picture.height, picture);
+      events.onShown(
+        clock.arrivalAt(picture.mediaTime * 1000),
+        picture.width,
+        picture.height,
+        picture,
+      );
       video.requestVideoFrameCallback(onPicture);
     }
   };

@@ -3,7 +3,8 @@
 
 const kTooManyWaiting = 15; // units, half a second: then the next keyframe makes them worthless
 
-export const hasWebCodecs = () => typeof VideoDecoder === "function" && typeof EncodedVideoChunk === "function";
+export const hasWebCodecs = () =>
+  typeof VideoDecoder === "function" && typeof EncodedVideoChunk === "function";
 
 // events: {onShown(time_us, width, height), onSkipped(), onFailed(text)}; after onFailed the player is
 // of no use any more. `sps` is what the stream's parameter set says.

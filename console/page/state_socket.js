@@ -8,7 +8,11 @@ const kMostEvents = 500;
 const kMostSamples = 700;
 const kHistogramSize = 64;
 
-const item = (it) => ({ name: text(it?.name, 40), label: text(it?.label, 60), unit: text(it?.unit, 12) });
+const item = (it) => ({
+  name: text(it?.name, 40),
+  label: text(it?.label, 60),
+  unit: text(it?.unit, 12),
+});
 
 const valueRange = (value) =>
   isObject(value)
@@ -33,7 +37,9 @@ const command = (it) => ({
   label: text(it?.label, 60),
   item: text(it?.item, 40),
   ask: text(it?.ask, 40),
-  words: list(it?.words, kMostWords).map(word).filter((w) => w.word !== ""),
+  words: list(it?.words, kMostWords)
+    .map(word)
+    .filter((w) => w.word !== ""),
 });
 
 // Milliseconds since 1970, such as a Date takes.
@@ -64,8 +70,12 @@ const kReaders = {
     version: text(m.version, 40),
     time_ms: time(m.time_ms),
     view_only: m.view_only === true,
-    items: list(m.items, 60).map(item).filter((it) => it.name !== ""),
-    commands: list(m.commands, 60).map(command).filter((it) => it.cmd !== ""),
+    items: list(m.items, 60)
+      .map(item)
+      .filter((it) => it.name !== ""),
+    commands: list(m.commands, 60)
+      .map(command)
+      .filter((it) => it.cmd !== ""),
   }),
   telemetry: (m) => ({
     items: members(m.items, (value) => text(value, 60), 60),

@@ -10,13 +10,16 @@ const known = (items, name) => {
 };
 
 // Whole seconds carry their sign already.
-const withUnit = (text, unit) => (text === kUnknown || text.endsWith('"') ? text : `${text}${unit}`);
+const withUnit = (text, unit) =>
+  text === kUnknown || text.endsWith('"') ? text : `${text}${unit}`;
 
 const sizeText = (items) => known(items, "resolution").replace("x", "×");
 
 // What goes with the size: the rate of a film, the file of a photo.
 const formatNote = (items) =>
-  items.get("camera_mode") === "photo" ? (items.get("shot_mode") ?? "") : withUnit(items.get("framerate") || kUnknown, "p");
+  items.get("camera_mode") === "photo"
+    ? (items.get("shot_mode") ?? "")
+    : withUnit(items.get("framerate") || kUnknown, "p");
 
 function whiteBalanceText(items) {
   const temperature = items.get("wb_temp") ?? "";
@@ -49,11 +52,21 @@ const kStatusStrip = [
 
 const kExposureStrip = [
   ["shutter", "Shutter", (i) => known(i, "shutter"), (i) => asked(i, "shutter", "shutter_set")],
-  ["aperture", "Aperture", (i) => (known(i, "aperture") === kUnknown ? kUnknown : `f/${known(i, "aperture")}`), () => ""],
+  [
+    "aperture",
+    "Aperture",
+    (i) => (known(i, "aperture") === kUnknown ? kUnknown : `f/${known(i, "aperture")}`),
+    () => "",
+  ],
   ["iso", "ISO", (i) => known(i, "iso"), (i) => asked(i, "iso", "iso_set")],
   ["ev", "EV", (i) => known(i, "ev"), () => ""],
   ["wb", "WB", whiteBalanceText, () => ""],
-  ["image-mode", "Exposure", (i) => known(i, "image_mode"), (i) => (i.get("ae") === "1" ? "AE" : "")],
+  [
+    "image-mode",
+    "Exposure",
+    (i) => known(i, "image_mode"),
+    (i) => (i.get("ae") === "1" ? "AE" : ""),
+  ],
   ["color", "Colour", (i) => known(i, "color_mode"), () => ""],
 ];
 
@@ -62,7 +75,12 @@ function buildStrip(list, rows) {
   const cells = rows.map(([id, label, read, note]) => {
     const value = element("span", { class: "value" }, kUnknown);
     const beside = element("span", { class: "note" });
-    const cell = element("div", { id: `cell-${id}` }, element("dt", {}, label), element("dd", {}, value, " ", beside));
+    const cell = element(
+      "div",
+      { id: `cell-${id}` },
+      element("dt", {}, label),
+      element("dd", {}, value, " ", beside),
+    );
     list.append(cell);
     return { read, note, value, beside };
   });

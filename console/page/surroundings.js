@@ -16,7 +16,8 @@ export function createTheme(onChange) {
   const set = (theme) => {
     root.dataset.theme = theme;
     byId("theme").setAttribute("aria-pressed", theme === "sunlight");
-    document.querySelector("meta[name=theme-color]").content = theme === "sunlight" ? "#ffffff" : "#0c0e11";
+    document.querySelector("meta[name=theme-color]").content =
+      theme === "sunlight" ? "#ffffff" : "#0c0e11";
   };
   const toggle = () => {
     set(root.dataset.theme === "sunlight" ? "dark" : "sunlight");
@@ -59,7 +60,9 @@ export function createFullScreen() {
 // Keys of who holds no control: within one they have their own meaning.
 export function listenToKeys(actions) {
   addEventListener("keydown", (event) => {
-    const is_busy = event.target.closest("input, select, button, a, summary, dialog, [contenteditable]");
+    const is_busy = event.target.closest(
+      "input, select, button, a, summary, dialog, [contenteditable]",
+    );
     if (event.repeat || event.ctrlKey || event.altKey || event.metaKey) {
       return;
     }

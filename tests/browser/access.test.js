@@ -6,9 +6,17 @@ import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { createBox, kLocal, kOutside, until } from "./box.js";
-import { keepScreenshot, morePictures, openBrowser, pictures, text, untilText, visit } from "./visitor.js";
+import {
+  keepScreenshot,
+  morePictures,
+  openBrowser,
+  pictures,
+  text,
+  untilText,
+  visit,
+} from "./visitor.js";
 
-const kPassword = "a long one \"with\" <signs> ä";
+const kPassword = 'a long one "with" <signs> ä';
 const kForeign = "127.0.0.1:8099";
 const kRebound = `evil.example:${kOutside.split(":")[1]}`;
 
@@ -36,7 +44,8 @@ const trySocket = (page, address, path, message = null) =>
       new Promise((resolve) => {
         const socket = new WebSocket(url);
         socket.onmessage = () => sent === null && resolve("opened");
-        socket.onopen = () => sent !== null && socket.send(typeof sent === "number" ? "x".repeat(sent) : sent);
+        socket.onopen = () =>
+          sent !== null && socket.send(typeof sent === "number" ? "x".repeat(sent) : sent);
         socket.onclose = (event) => resolve(event.code);
       }),
     `ws://${address}/${path}`,
@@ -59,17 +68,24 @@ test("a wrong password shows nothing, the right one everything, signing out noth
   assert.equal(await trySocket(page, kOutside, "video"), 4401);
   assert.equal(await trySocket(page, kOutside, "state"), 4401);
 
-  await until(async () => {
-    await signIn(page, kPassword);
-    return page.waitForSelector("#sign-in:not([open])", { timeout: 1500 }).catch(() => null);
-  }, "signed in", 30);
+  await until(
+    async () => {
+      await signIn(page, kPassword);
+      return page.waitForSelector("#sign-in:not([open])", { timeout: 1500 }).catch(() => null);
+    },
+    "signed in",
+    30,
+  );
   await morePictures(page, 10);
   assert.equal(await page.evaluate(() => document.cookie), "", "no script can read the cookie");
   await Promise.all([page.waitForNavigation(), page.click("#sign-out")]);
   await page.waitForSelector("#sign-in[open]");
   assert.equal(await pictures(page), 0);
   // Chromium calls an answer without content aborted.
-  assert.deepEqual(page.faults.filter((it) => !/sign-(in|out): /.test(it)), []);
+  assert.deepEqual(
+    page.faults.filter((it) => !/sign-(in|out): /.test(it)),
+    [],
+  );
   await page.close();
 });
 
@@ -91,7 +107,10 @@ test("a console that only shows says so, and presses nothing", async () => {
   const page = await visit(chromium.browser, `http://${kOutside}/`);
   await morePictures(page, 5);
   await untilText(page, "#controls-note", /only shows/);
-  const enabled = await page.$$eval(".control :is(button, select, input)", (them) => them.filter((it) => !it.disabled).length);
+  const enabled = await page.$$eval(
+    ".control :is(button, select, input)",
+    (them) => them.filter((it) => !it.disabled).length,
+  );
   assert.equal(enabled, 0);
   await page.close();
 });
@@ -100,7 +119,14 @@ test("oversize and broken messages end their own socket only", async () => {
   await box.startConsole(kLocal);
   const page = await visit(chromium.browser, `http://${kLocal}/`);
   await morePictures(page, 10);
-  for (const message of [200_000, "{", "[]", '{"type":"command"}', '{"type":"command","id":-1,"cmd":"iso"}', `{"type":${"[".repeat(2000)}`]) {
+  for (const message of [
+    200_000,
+    "{",
+    "[]",
+    '{"type":"command"}',
+    '{"type":"command","id":-1,"cmd":"iso"}',
+    `{"type":${"[".repeat(2000)}`,
+  ]) {
     const code = await trySocket(page, kLocal, "state", message);
     assert.ok([1006, 1008, 1009].includes(code), `${String(message).slice(0, 40)} gave ${code}`);
   }

@@ -39,7 +39,9 @@ function start(name, program, args, inside = []) {
   child.stdout.pipe(log);
   child.stderr.pipe(log);
   children.add(child);
-  child.ended = new Promise((resolve) => child.on("exit", resolve)).then(() => children.delete(child));
+  child.ended = new Promise((resolve) => child.on("exit", resolve)).then(() =>
+    children.delete(child),
+  );
   return child;
 }
 
@@ -70,7 +72,10 @@ function keepRunning(name, program, args) {
 }
 
 const answers = async (address) =>
-  fetch(`http://${address}/session`).then(() => true, () => false);
+  fetch(`http://${address}/session`).then(
+    () => true,
+    () => false,
+  );
 
 // Each part can be stopped and started alone: box.camera.start(clip), box.daemon.stop() ...
 export function createBox() {
@@ -92,10 +97,23 @@ export function createBox() {
       start(
         "camera",
         "kestrelctl",
-        ["camera", "--listen", "192.168.2.1:9004", "--loop", "--fps", "30", "--clip", clip, ...options],
+        [
+          "camera",
+          "--listen",
+          "192.168.2.1:9004",
+          "--loop",
+          "--fps",
+          "30",
+          "--clip",
+          clip,
+          ...options,
+        ],
         ["ip", "netns", "exec", "camera"],
-      )),
-    daemon: part("daemon", () => keepRunning("daemon", "kestrelbridge", ["--dst-port=5001", "--low-latency"])),
+      ),
+    ),
+    daemon: part("daemon", () =>
+      keepRunning("daemon", "kestrelbridge", ["--dst-port=5001", "--low-latency"]),
+    ),
     share: part("share", () => start("share", "kestrelshare", ["--group", ""])),
     console: part("console", (...options) => start("console", "kestrelconsole", options)),
     async startConsole(address, ...options) {

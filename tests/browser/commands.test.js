@@ -31,10 +31,17 @@ async function choose(cmd, word) {
     control,
     (it, wanted) => {
       const options = [...it.querySelectorAll("option")].map((option) => option.textContent);
-      const buttons = [...it.querySelectorAll("button:not(.again)")].map((button) => button.textContent);
+      const buttons = [...it.querySelectorAll("button:not(.again)")].map(
+        (button) => button.textContent,
+      );
       return options.length > 0
         ? { option: String(options.indexOf(wanted) - 1) } // the first says that none is known
-        : { button: wanted === undefined ? 0 : buttons.findIndex((name) => name.replace("…", "") === wanted) };
+        : {
+            button:
+              wanted === undefined
+                ? 0
+                : buttons.findIndex((name) => name.replace("…", "") === wanted),
+          };
     },
     word,
   );
@@ -50,13 +57,13 @@ async function choose(cmd, word) {
 const stateOf = (cmd) => page.$eval(selectorOf(cmd), (it) => it.dataset.state ?? "");
 
 const untilState = (cmd, state, seconds = 8) =>
-  until(
-    async () => (await stateOf(cmd)) === state,
-    `${cmd} is ${state}`,
-    seconds,
-  ).catch(async (error) => {
-    throw new Error(`${error.message}; it is ${await stateOf(cmd)}: ${await text(page, `${selectorOf(cmd)} .status`)}`);
-  });
+  until(async () => (await stateOf(cmd)) === state, `${cmd} is ${state}`, seconds).catch(
+    async (error) => {
+      throw new Error(
+        `${error.message}; it is ${await stateOf(cmd)}: ${await text(page, `${selectorOf(cmd)} .status`)}`,
+      );
+    },
+  );
 
 const confirm = async (word) => {
   await page.waitForSelector("#ask[open]");
@@ -111,12 +118,21 @@ test("white balance with a temperature", async () => {
 });
 
 test("the histogram comes as a curve, and goes", async () => {
-  for (const [word, hidden] of [["off", true], ["on", false]]) {
+  for (const [word, hidden] of [
+    ["off", true],
+    ["on", false],
+  ]) {
     await choose("histogram", word);
     await untilState("histogram", "done");
-    await until(() => page.$eval("#histogram", (it, h) => it.hasAttribute("hidden") === h, hidden), `histogram ${word}`);
+    await until(
+      () => page.$eval("#histogram", (it, h) => it.hasAttribute("hidden") === h, hidden),
+      `histogram ${word}`,
+    );
   }
-  assert.match(await page.$eval("#histogram-line", (it) => it.getAttribute("d")), /^M0 [\d.]+(C[-\d. ]+){63}$/);
+  assert.match(
+    await page.$eval("#histogram-line", (it) => it.getAttribute("d")),
+    /^M0 [\d.]+(C[-\d. ]+){63}$/,
+  );
 });
 
 for (const [cmd, word] of kUnshown) {
@@ -148,7 +164,9 @@ test("shutdown that is not confirmed is not sent", async () => {
 });
 
 test("no control is without a test", async () => {
-  const tested = new Set([...kSteps, ...kUnshown, ...kAsked, ["histogram"]].map(([cmd]) => `control-${cmd}`));
+  const tested = new Set(
+    [...kSteps, ...kUnshown, ...kAsked, ["histogram"]].map(([cmd]) => `control-${cmd}`),
+  );
   const controls = await page.$$eval(".control", (them) => them.map((it) => it.id));
   assert.deepEqual(new Set(controls), tested);
 });
@@ -160,7 +178,10 @@ test("a command without effect is failed after three seconds, and can be sent ag
   assert.equal(await stateOf("color"), "pending");
   await untilState("color", "failed");
   await box.share.signal("SIGCONT");
-  await until(() => page.$eval("#control-color .again", (it) => !it.hidden && !it.disabled), "Send again can be pressed");
+  await until(
+    () => page.$eval("#control-color .again", (it) => !it.hidden && !it.disabled),
+    "Send again can be pressed",
+  );
   await page.click("#control-color .again");
   await untilState("color", "done");
 });
@@ -177,7 +198,10 @@ test("keys: space records, s shoots, ? helps; not from within a control", async 
   const shots = Number(await text(page, "#cell-shots .value"));
   await page.evaluate(() => document.activeElement.blur());
   await press("s");
-  await until(async () => Number(await text(page, "#cell-shots .value")) === shots - 1, "one shot less");
+  await until(
+    async () => Number(await text(page, "#cell-shots .value")) === shots - 1,
+    "one shot less",
+  );
   await page.focus("#value-wb");
   await press("?");
   assert.equal(await page.$eval("#help", (it) => it.open), false);

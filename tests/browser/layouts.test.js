@@ -28,10 +28,15 @@ after(async () => {
 // What is wrong with how the page looks, in words. Runs in the page.
 function findFaults(thumb, lowest_contrast) {
   const faults = [];
-  const isSeen = (it) => it.checkVisibility({ visibilityProperty: true, opacityProperty: true }) && it.closest(".said, #picture") === null;
-  const label = (it) => `${it.tagName.toLowerCase()}#${it.id || it.closest("[id]")?.id} "${it.textContent.trim().slice(0, 30)}"`;
+  const isSeen = (it) =>
+    it.checkVisibility({ visibilityProperty: true, opacityProperty: true }) &&
+    it.closest(".said, #picture") === null;
+  const label = (it) =>
+    `${it.tagName.toLowerCase()}#${it.id || it.closest("[id]")?.id} "${it.textContent.trim().slice(0, 30)}"`;
   if (document.documentElement.scrollWidth > innerWidth) {
-    faults.push(`the page is ${document.documentElement.scrollWidth} wide, the window ${innerWidth}`);
+    faults.push(
+      `the page is ${document.documentElement.scrollWidth} wide, the window ${innerWidth}`,
+    );
   }
   for (const it of document.querySelectorAll("button, select, input, summary")) {
     const { width, height } = it.getBoundingClientRect();
@@ -57,16 +62,25 @@ function findFaults(thumb, lowest_contrast) {
     return [255, 255, 255];
   };
   const luminance = (rgb) => {
-    const [r, g, b] = rgb.map((it) => it / 255).map((it) => (it <= 0.04045 ? it / 12.92 : ((it + 0.055) / 1.055) ** 2.4));
+    const [r, g, b] = rgb
+      .map((it) => it / 255)
+      .map((it) => (it <= 0.04045 ? it / 12.92 : ((it + 0.055) / 1.055) ** 2.4));
     return 0.2126 * r + 0.7152 * g + 0.0722 * b;
   };
   const texts = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
   while (texts.nextNode()) {
     const it = texts.currentNode.parentElement;
-    if (texts.currentNode.data.trim() === "" || !isSeen(it) || it.closest(":disabled, .u-wrap") !== null) {
+    if (
+      texts.currentNode.data.trim() === "" ||
+      !isSeen(it) ||
+      it.closest(":disabled, .u-wrap") !== null
+    ) {
       continue; // what is off needs no contrast
     }
-    const [low, high] = [luminance(rgba(getComputedStyle(it).color).rgb), luminance(ground(it))].sort((a, b) => a - b);
+    const [low, high] = [
+      luminance(rgba(getComputedStyle(it).color).rgb),
+      luminance(ground(it)),
+    ].sort((a, b) => a - b);
     const contrast = (high + 0.05) / (low + 0.05);
     if (contrast < lowest_contrast) {
       faults.push(`${label(it)} has a contrast of ${contrast.toFixed(2)}`);
@@ -83,11 +97,21 @@ for (const { name, width, height, full } of kViews) {
     if (full) {
       await page.click("#full");
       await until(() => page.$eval("#stage", (it) => it.classList.contains("full")), "full screen");
-      const record = await page.$eval("#control-record button", (it) => it.getBoundingClientRect().toJSON());
-      assert.ok(record.right <= width && record.bottom <= height && record.top >= 0, "record is in sight");
+      const record = await page.$eval("#control-record button", (it) =>
+        it.getBoundingClientRect().toJSON(),
+      );
+      assert.ok(
+        record.right <= width && record.bottom <= height && record.top >= 0,
+        "record is in sight",
+      );
     } else {
-      await page.evaluate(() => document.querySelectorAll("details").forEach((it) => (it.open = true)));
-      await until(() => page.evaluate(() => document.querySelectorAll("#counters-table tr").length > 20), "the counters");
+      await page.evaluate(() =>
+        document.querySelectorAll("details").forEach((it) => (it.open = true)),
+      );
+      await until(
+        () => page.evaluate(() => document.querySelectorAll("#counters-table tr").length > 20),
+        "the counters",
+      );
     }
     for (const theme of ["dark", "sunlight"]) {
       await page.evaluate((wanted) => {

@@ -3,7 +3,14 @@ import assert from "node:assert/strict";
 import { readFileSync, readdirSync, statSync } from "node:fs";
 import { join } from "node:path";
 import { test } from "node:test";
-import { createUnitPreparer, isSps, joinNals, readSps, splitNals, withRestriction } from "../../console/page/h264.js";
+import {
+  createUnitPreparer,
+  isSps,
+  joinNals,
+  readSps,
+  splitNals,
+  withRestriction,
+} from "../../console/page/h264.js";
 import { liveEdge } from "../../console/page/live_edge.js";
 import { createMediaClock } from "../../console/page/player_mse.js";
 import { readMessage } from "../../console/page/state_socket.js";
@@ -18,7 +25,14 @@ test("a parameter set without a restriction gets one, and says the same otherwis
     [testPattern, "1280x720"],
     [makeClip("odd.h264", "854x478", "ref=3"), "854x478"],
     [makeClip("baseline.h264", "320x240", "no-8x8dct=1:cabac=0:ref=2"), "320x240"],
-    [makeClip("hrd.h264", "640x360", "nal-hrd=vbr:vbv-maxrate=1500:vbv-bufsize=1500:colorprim=bt709:transfer=bt709:colormatrix=bt709"), "640x360"],
+    [
+      makeClip(
+        "hrd.h264",
+        "640x360",
+        "nal-hrd=vbr:vbv-maxrate=1500:vbv-bufsize=1500:colorprim=bt709:transfer=bt709:colormatrix=bt709",
+      ),
+      "640x360",
+    ],
     [makeClip("interlaced.h264", "720x576", "tff=1"), "720x576"],
   ];
   for (const [clip, size] of kClips) {
@@ -33,9 +47,14 @@ test("a parameter set without a restriction gets one, and says the same otherwis
     for (const member of ["width", "height", "codec", "reference_frames"]) {
       assert.equal(after[member], before[member], `${clip}: ${member}`);
     }
-    const { bytes, sps } = createUnitPreparer()(joinNals([bare, Uint8Array.of(0x68, 1), Uint8Array.of(0x65, 2)]));
+    const { bytes, sps } = createUnitPreparer()(
+      joinNals([bare, Uint8Array.of(0x68, 1), Uint8Array.of(0x65, 2)]),
+    );
     assert.equal(sps.width, before.width);
-    assert.deepEqual(splitNals(bytes).map((nal) => nal[0] & 0x1f), [7, 8, 5]);
+    assert.deepEqual(
+      splitNals(bytes).map((nal) => nal[0] & 0x1f),
+      [7, 8, 5],
+    );
     assert.equal(readSps(splitNals(bytes)[0]).has_restriction, true, "a player gets the new one");
   }
 });
@@ -44,7 +63,10 @@ test("broken parameter sets are passed on as they are", () => {
   const nal = spsOf(testPattern);
   const prepare = createUnitPreparer();
   for (let length = 1; length < nal.length; ++length) {
-    for (const [at, value] of [[length - 1, 0xff], [length >> 1, 0x01]]) {
+    for (const [at, value] of [
+      [length - 1, 0xff],
+      [length >> 1, 0x01],
+    ]) {
       const unit = Uint8Array.from([0, 0, 0, 1, ...nal.slice(0, length)]);
       unit[4 + Math.max(1, at)] = value;
       const { bytes } = prepare(unit);
@@ -96,18 +118,47 @@ test("messages that no console sends do no harm", () => {
     view.setUint32(8, told, true);
     return view.buffer;
   };
-  for (const bad of [null, "text", new ArrayBuffer(0), new ArrayBuffer(16), unit(5, 6), unit(5, 4), unit(5, 0xffffffff), unit(5, 5, 2n ** 60n)]) {
+  for (const bad of [
+    null,
+    "text",
+    new ArrayBuffer(0),
+    new ArrayBuffer(16),
+    unit(5, 6),
+    unit(5, 4),
+    unit(5, 0xffffffff),
+    unit(5, 5, 2n ** 60n),
+  ]) {
     assert.equal(parseUnit(bad), null);
   }
   assert.equal(parseUnit(unit(5)).bytes.length, 5);
 
-  for (const bad of ["", "{", "[]", "null", "7", '{"type":"toString"}', '{"type":"__proto__"}', '{"type":7}', " ".repeat(2 << 20)]) {
+  for (const bad of [
+    "",
+    "{",
+    "[]",
+    "null",
+    "7",
+    '{"type":"toString"}',
+    '{"type":"__proto__"}',
+    '{"type":7}',
+    " ".repeat(2 << 20),
+  ]) {
     assert.equal(readMessage(bad), null, bad.slice(0, 20));
   }
-  const hello = readMessage('{"type":"hello","items":[1,null,{"name":"x"}],"commands":[{"cmd":"a","words":[7,{"word":"w","value":[]}]},"b"]}');
-  assert.deepEqual(hello.value.items.map((it) => it.name), ["x"]);
-  assert.deepEqual(hello.value.commands.map((it) => [it.cmd, it.words.length]), [["a", 1]]);
-  const telemetry = readMessage('{"type":"telemetry","items":{"iso":7,"wb":"' + "x".repeat(900) + '"},"histogram":[1,2]}');
+  const hello = readMessage(
+    '{"type":"hello","items":[1,null,{"name":"x"}],"commands":[{"cmd":"a","words":[7,{"word":"w","value":[]}]},"b"]}',
+  );
+  assert.deepEqual(
+    hello.value.items.map((it) => it.name),
+    ["x"],
+  );
+  assert.deepEqual(
+    hello.value.commands.map((it) => [it.cmd, it.words.length]),
+    [["a", 1]],
+  );
+  const telemetry = readMessage(
+    '{"type":"telemetry","items":{"iso":7,"wb":"' + "x".repeat(900) + '"},"histogram":[1,2]}',
+  );
   assert.equal(telemetry.value.items.get("iso"), "");
   assert.equal(telemetry.value.items.get("wb").length, 60);
   assert.equal(telemetry.value.histogram, null);
@@ -115,7 +166,10 @@ test("messages that no console sends do no harm", () => {
 
 test("the page weighs no more than 250 kB in all", () => {
   const folder = new URL("../../console/page/", import.meta.url).pathname;
-  const files = [...readdirSync(folder), ...readdirSync(join(folder, "vendor")).map((name) => `vendor/${name}`)];
+  const files = [
+    ...readdirSync(folder),
+    ...readdirSync(join(folder, "vendor")).map((name) => `vendor/${name}`),
+  ];
   const served = files.filter((name) => /\.(html|css|js|svg)$/.test(name));
   const weight = served.reduce((sum, name) => sum + statSync(join(folder, name)).size, 0);
   assert.ok(weight > 50_000 && weight <= 250_000, `${weight} bytes`);

@@ -19,7 +19,9 @@ function decode(args, filter, input) {
     ["-nostdin", "-loglevel", "error", ...args, "-vf", filter, "-f", "rawvideo", "-"],
     { input, maxBuffer: 1 << 26 },
   );
-  return Array.from({ length: raw.length / kBytes }, (_, i) => raw.subarray(i * kBytes, (i + 1) * kBytes));
+  return Array.from({ length: raw.length / kBytes }, (_, i) =>
+    raw.subarray(i * kBytes, (i + 1) * kBytes),
+  );
 }
 
 export const decodeClip = (clip) => decode(["-i", clip], `${kAsBrowsersDo},${kMiddle}`);
@@ -41,8 +43,27 @@ export function makeClip(name, size, codec_options) {
   const clip = join(output, name);
   const source = `testsrc2=size=${size}:rate=30:duration=2`;
   const options = `keyint=30:min-keyint=30:scenecut=0:bframes=0:ref=1:repeat-headers=1:aud=0:slices=1:threads=1:sliced-threads=0:${codec_options}`;
-  execFileSync("ffmpeg", ["-nostdin", "-loglevel", "error", "-y", "-f", "lavfi", "-i", source, "-c:v", "libx264",
-    "-pix_fmt", "yuv420p", "-b:v", "1500k", "-x264-params", options, "-f", "h264", clip]);
+  execFileSync("ffmpeg", [
+    "-nostdin",
+    "-loglevel",
+    "error",
+    "-y",
+    "-f",
+    "lavfi",
+    "-i",
+    source,
+    "-c:v",
+    "libx264",
+    "-pix_fmt",
+    "yuv420p",
+    "-b:v",
+    "1500k",
+    "-x264-params",
+    options,
+    "-f",
+    "h264",
+    clip,
+  ]);
   return clip;
 }
 
@@ -67,7 +88,9 @@ function withoutVui(nal) {
 }
 
 export const clipWithoutRestriction = (clip) =>
-  changeClip(clip, "no-restriction.h264", (nals) => nals.map((nal) => (isSps(nal) ? withoutVui(nal) : nal)));
+  changeClip(clip, "no-restriction.h264", (nals) =>
+    nals.map((nal) => (isSps(nal) ? withoutVui(nal) : nal)),
+  );
 
 // Of the units only those that build on others.
 export const clipWithoutKeyframes = (clip) =>
