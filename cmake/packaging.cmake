@@ -3,6 +3,8 @@
 #   component   package             holds
 #   daemon      kestrelbridge       daemon, kestrelshare, kestrelctl, service, manual pages, documentation, a clip
 #   dev         kestrelbridge-dev   the headers of the shared memory, for other programs
+#   gstreamer   gstreamer1.0-kestrelbridge   the GStreamer source; where it is built
+#   rtsp        kestrelbridge-rtsp  kestrel-rtsp, its service and manual page; likewise
 #
 # The layout is Debian's, below any prefix. The prefix /usr stands for the system's own packages:
 # there the configuration is in /etc, and what Debian wants to know about a package comes with it.
@@ -28,6 +30,7 @@ function(install_text template destination component)
 set(folder [[${destination}]])
 set(staging [[${PROJECT_BINARY_DIR}/packaging/${component}]])
 set(version ${PROJECT_VERSION})
+set(multiarch [[${CMAKE_LIBRARY_ARCHITECTURE}]])
 set(compress ${arg_COMPRESS})
 set(keep ${arg_KEEP})" COMPONENT ${component})
   install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/install_text.cmake COMPONENT ${component})
@@ -112,17 +115,37 @@ install(PROGRAMS packaging/examples/90-kestrelbridge DESTINATION ${doc_dir}/exam
 install(FILES docs/example/main_application.cpp DESTINATION ${dev_doc_dir}/examples COMPONENT dev)
 install(FILES packaging/debian/copyright DESTINATION ${dev_doc_dir} COMPONENT dev)
 
+# --- gstreamer, rtsp ----------------------------------------------------------------------------
+
+set(components daemon dev)
+if(KESTRELBRIDGE_GSTREAMER)
+  list(APPEND components gstreamer rtsp)
+  install(TARGETS gstkestrelbridge COMPONENT gstreamer
+          LIBRARY DESTINATION lib/${CMAKE_LIBRARY_ARCHITECTURE}/gstreamer-1.0)
+  install(FILES packaging/debian/copyright COMPONENT gstreamer
+          DESTINATION share/doc/gstreamer1.0-kestrelbridge)
+
+  install(TARGETS kestrel-rtsp COMPONENT rtsp RUNTIME DESTINATION bin)
+  install_text(kestrelbridge-rtsp.service.in lib/systemd/system rtsp)
+  install(FILES packaging/systemd/sysusers-rtsp.conf RENAME kestrelbridge-rtsp.conf
+          DESTINATION lib/sysusers.d COMPONENT rtsp)
+  install_text(default/kestrelbridge-rtsp.in @sysconfdir@/default rtsp KEEP)
+  install_text(man/kestrel-rtsp.8.in share/man/man8 rtsp COMPRESS)
+  install(FILES packaging/debian/copyright DESTINATION share/doc/kestrelbridge-rtsp COMPONENT rtsp)
+endif()
+
 # --- Debian packages --------------------------------------------------------------------------
 
 if(NOT for_system)
   return()
 endif()
 
-foreach(component IN ITEMS daemon dev)
-  set(package kestrelbridge)
-  if(component STREQUAL dev)
-    set(package kestrelbridge-dev)
-  endif()
+set(daemon_package kestrelbridge)
+set(dev_package kestrelbridge-dev)
+set(gstreamer_package gstreamer1.0-kestrelbridge)
+set(rtsp_package kestrelbridge-rtsp)
+foreach(component IN LISTS components)
+  set(package ${${component}_package})
   install_text(debian/changelog.Debian.in share/doc/${package} ${component} COMPRESS)
   if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/debian/${package}.lintian-overrides)
     install(FILES packaging/debian/${package}.lintian-overrides RENAME ${package}
@@ -139,7 +162,7 @@ set(KESTRELBRIDGE_MAINTAINER "kestrelbridge authors <kestrelbridge@example.org>"
     "Maintainer that the Debian packages name")
 
 set(CPACK_GENERATOR DEB)
-set(CPACK_COMPONENTS_ALL daemon dev)
+set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
 set(CPACK_SET_DESTDIR ON) # so that the texts name the paths on the box
@@ -187,5 +210,34 @@ kestrelbridge puts a camera's live H.264 picture into shared memory. These
 headers describe that memory and the remote-control block, and hold the
 reader that a program of yours needs. They are C++17 without dependencies,
 with files for CMake (kestrelbridge::frame_block) and pkg-config.")
+
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_NAME gstreamer1.0-kestrelbridge)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SHLIBDEPS ON) # libgstreamer1.0-0, libgstreamer-plugins-base1.0-0
+set(CPACK_DEBIAN_GSTREAMER_PACKAGE_SUGGESTS
+    "kestrelbridge, gstreamer1.0-tools, gstreamer1.0-plugins-base, gstreamer1.0-plugins-good")
+set(CPACK_COMPONENT_GSTREAMER_DESCRIPTION "Wi-Fi bridge to an action camera (GStreamer source)
+kestrelbridge puts a camera's live H.264 picture into shared memory. The
+element kestrelbridgesrc reads it there and hands it to every GStreamer
+pipeline: to a window, a network, a file, a program.
+
+It needs no parser behind it, and outlives restarts of the daemon.")
+
+set(CPACK_DEBIAN_RTSP_PACKAGE_NAME kestrelbridge-rtsp)
+set(CPACK_DEBIAN_RTSP_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_RTSP_PACKAGE_SHLIBDEPS ON)
+# The group and the ring; the source; RTP and UDP, and appsink.
+set(CPACK_DEBIAN_RTSP_PACKAGE_DEPENDS "kestrelbridge, gstreamer1.0-kestrelbridge (= ${PROJECT_VERSION}-1), gstreamer1.0-plugins-good, gstreamer1.0-plugins-base, systemd | systemd-standalone-sysusers")
+set(CPACK_DEBIAN_RTSP_PACKAGE_SUGGESTS ffmpeg) # a player
+set(CPACK_DEBIAN_RTSP_PACKAGE_CONTROL_EXTRA
+    ${debian_dir}/rtsp/conffiles ${debian_dir}/rtsp/postinst ${debian_dir}/rtsp/prerm
+    ${debian_dir}/rtsp/postrm)
+set(CPACK_COMPONENT_RTSP_DESCRIPTION "Wi-Fi bridge to an action camera (RTSP server)
+kestrelbridge puts a camera's live H.264 picture into shared memory.
+kestrel-rtsp shows it to RTSP players, on this box or, with a password, on
+others: rtsp://box:8554/live.
+
+All viewers share one pipeline, each starts with a keyframe, and a slow one
+holds up nobody. The service is off until it is enabled.")
 
 include(CPack)

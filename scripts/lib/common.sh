@@ -39,7 +39,7 @@ readonly build_packages=(g++ cmake ninja-build pkg-config libcjson-dev libcli11-
   demo_packages=(util-linux iproute2) \
   test_packages=(libgtest-dev util-linux iproute2 iptables ffmpeg) \
   console_packages=(libwebsockets-dev) \
-  gstreamer_packages=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev) \
+  gstreamer_packages=(libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstrtspserver-1.0-dev) \
   gstreamer_test_packages=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good)
 
 # is_installed PACKAGE[:ARCH]: several architectures of one package may be there side by side.

@@ -16,6 +16,49 @@ install_cross() {
   install_missing "crossbuild-essential-$arch" "${@/%/:$arch}"
 }
 
+# triplet_of ARCH: what compilers call it.
+triplet_of() {
+  case "$1" in
+    arm64) echo aarch64-linux-gnu ;;
+    armhf) echo arm-linux-gnueabihf ;;
+    *) echo x86_64-linux-gnu ;;
+  esac
+}
+
+# make_sysroot ARCH PACKAGE...: the packages of that architecture, with all that they need, in
+# build-sysroot-ARCH, and a package database that dpkg-shlibdeps understands. For those that cannot be
+# installed beside this machine's own, such as GStreamer's. Says nothing of their scripts: none is run.
+make_sysroot() {
+  local arch="$1" root="$PWD/build-sysroot-$1" package control name
+  shift
+  if [[ "$(cat "$root/complete" 2>/dev/null)" == "$*" ]]; then return; fi
+  say "Unpacking $* for $arch in build-sysroot-$arch/"
+  rm -rf "$root"
+  mkdir -p "$root"/{usr/{bin,lib,sbin},var/lib/dpkg/info,apt/{lists,archives}/partial}
+  for name in bin lib sbin; do ln -s "usr/$name" "$root/$name"; done
+  : >"$root/var/lib/dpkg/status"
+  local apt=(apt-get -q -o Dpkg::Use-Pty=0 -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"
+    -o "Dir::State=$root/apt" -o "Dir::State::status=$root/var/lib/dpkg/status" -o "Dir::Cache=$root/apt"
+    -o "APT::Sandbox::User=$(id -un)")
+  { "${apt[@]}" update && "${apt[@]}" install --download-only --no-install-recommends -y "$@"; } \
+    >"$root/apt.log" 2>&1 || { tail "$root/apt.log" && fail "could not fetch the packages for $arch"; }
+  for package in "$root"/apt/archives/*.deb; do
+    dpkg-deb --fsys-tarfile "$package" | tar -x --keep-directory-symlink -C "$root"
+    control="$(mktemp -d)"
+    dpkg-deb --control "$package" "$control"
+    name="$(dpkg-deb --field "$package" Package)"
+    if [[ "$(dpkg-deb --field "$package" Multi-Arch)" == same ]]; then name+=":$arch"; fi
+    dpkg-deb --fsys-tarfile "$package" | tar -t | sed 's|^\.||; s|/$||' >"$root/var/lib/dpkg/info/$name.list"
+    find "$control" \( -name symbols -o -name shlibs \) -printf '%f\n' | while IFS= read -r kind; do
+      cp "$control/$kind" "$root/var/lib/dpkg/info/$name.$kind"
+    done
+    { sed '/^Package:/a Status: install ok installed' "$control/control" && echo; } >>"$root/var/lib/dpkg/status"
+    rm -rf "$control"
+  done
+  rm -rf "$root/apt"
+  echo "$*" >"$root/complete"
+}
+
 # qemu_name ARCH: what qemu calls it.
 qemu_name() {
   case "$1" in

@@ -6,37 +6,17 @@
 source "$(dirname "${BASH_SOURCE[0]}")/../lib/common.sh"
 script_name=check-package
 box="$1"
+# shellcheck source=scripts/lib/box.sh
+source scripts/lib/box.sh
 
 readonly clip=/usr/share/kestrelbridge/clips/test-pattern-720p30.h264
 readonly camera_port=9104 # the daemon's own port for the phone is the camera's usual one
 
-# Runs a command on the box; so does look, which says nothing.
-on_box() {
-  nsenter --target "$box" --mount --net --pid --uts --ipc --cgroup --root -- \
-    env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
-}
-# The same, with the network of the phone's host.
+# As on_box, with the network of the phone's host.
 on_phone() {
   nsenter --target "$box" --mount --pid --uts --ipc --cgroup --root --net="/proc/$phone_host/ns/net" -- \
     env -i -C / PATH=/usr/sbin:/usr/bin:/sbin:/bin TERM=dumb LC_ALL=C "$@"
 }
-look() { on_box "$@" >/dev/null 2>&1; }
-
-# wait_for SECONDS COMMAND...
-wait_for() {
-  local deadline=$((SECONDS + $1))
-  until "${@:2}"; do
-    ((SECONDS < deadline)) || return 1
-    sleep 0.2
-  done
-}
-
-give_up() {
-  say 'The journal ends:'
-  on_box journalctl --no-pager --lines 25 --output cat | sed 's/^/        /' || true
-  fail "$*"
-}
-
 # join_access_point: a phone on the box's wlan1, whose way to everywhere is the box.
 join_access_point() {
   unshare --net sleep infinity &

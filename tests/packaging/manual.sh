@@ -38,6 +38,11 @@ if [[ -x $bin/kestrelconsole ]]; then
   expect_same kestrelconsole "$(help_options kestrelconsole)" "$(page_options kestrelconsole.8.in)"
 fi
 
+# Built where GStreamer is.
+if [[ -x $bin/kestrel-rtsp ]]; then
+  expect_same kestrel-rtsp "$(help_options kestrel-rtsp)" "$(page_options kestrel-rtsp.8.in)"
+fi
+
 subcommands="$("$bin/kestrelctl" --help | sed -nE '/^Subcommands:/,/^$/ s/^  ([a-z]+) .*/\1/p')"
 expect_same 'kestrelctl: subcommands' "$subcommands" \
   "$(sed -nE 's/^\.SS ([a-z]+)$/\1/p' "$pages/kestrelctl.1.in")"

@@ -26,6 +26,10 @@ constexpr char kUrl[] = "rtsp://127.0.0.1:8554/live";
 
 std::vector<std::string> ServerCommand(std::vector<std::string> options = {}) {
   setenv("GST_PLUGIN_PATH", KESTRELBRIDGE_PLUGIN_DIR, 1);
+  setenv("GST_PLUGIN_SYSTEM_PATH", KESTRELBRIDGE_SYSTEM_PLUGINS, 1);
+  // A list of plugins of its own, made without a helper, which could not load a sanitizer's plugin.
+  setenv("GST_REGISTRY", KESTRELBRIDGE_BIN_DIR "/rtsp-registry", 1);
+  setenv("GST_REGISTRY_FORK", "no", 1);
   options.insert(options.begin(), ProgramPath("kestrel-rtsp"));
   return options;
 }
