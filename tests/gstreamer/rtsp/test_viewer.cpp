@@ -14,6 +14,7 @@ namespace kestrelbridge::test {
 namespace {
 
 constexpr std::size_t kRtpHeaderSize = 12;
+constexpr std::uint8_t kPayloadType = 96;
 constexpr std::size_t kFrameHeaderSize = 4;  // '$', channel, length
 
 // The first NAL unit of an aggregate, or the only one of a packet.
@@ -31,7 +32,9 @@ std::size_t BodyLength(const std::string& head) {
 
 TestViewer::TestViewer(Way way, int receive_buffer)
     : connection_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
-      rtp_(way == Way::kUdp ? std::make_unique<PeerSocket>() : nullptr) {
+      rtp_(way == Way::kUdp ? std::make_unique<tools::UdpSocket>(
+                                  UdpPeer{.address = htonl(INADDR_LOOPBACK), .port = 0})
+                            : nullptr) {
   if (receive_buffer != 0) {
     setsockopt(connection_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
   }
@@ -80,8 +83,8 @@ RtspResponse TestViewer::Ask(std::string_view method, std::string_view path,
 }
 
 int TestViewer::Watch(std::string_view headers) {
-  const std::string way = rtp_ ? "RTP/AVP;unicast;client_port=" + std::to_string(rtp_->port()) +
-                                     "-" + std::to_string(rtp_->port() + 1)
+  const std::string way = rtp_ ? "RTP/AVP;unicast;client_port=" + std::to_string(rtp_->Local().port) +
+                                     "-" + std::to_string(rtp_->Local().port + 1)
                                : "RTP/AVP/TCP;unicast;interleaved=0-1";
   const RtspResponse setup =
       Ask("SETUP", "/live/stream=0", "Transport: " + way + "\r\n" + std::string(headers));
@@ -100,12 +103,11 @@ const Seen& TestViewer::Receive() {
     input_.append(bytes.data(), static_cast<std::size_t>(size));
     Cut();
   }
-  while (rtp_) {
-    const auto datagram = rtp_->Receive(std::chrono::milliseconds{0});
-    if (!datagram) {
-      break;
-    }
-    TakePacket(datagram->bytes);
+  std::array<std::uint8_t, 65'536> space;
+  std::span<const std::uint8_t> datagram;
+  UdpPeer from;
+  while (rtp_ && rtp_->Receive(space, datagram, from)) {
+    TakePacket(datagram);
   }
   return seen_;
 }
@@ -137,8 +139,8 @@ void TestViewer::Cut() {
 }
 
 void TestViewer::TakePacket(std::span<const std::uint8_t> packet) {
-  if (packet.size() <= kRtpHeaderSize) {
-    return;
+  if (packet.size() <= kRtpHeaderSize || (packet[1] & 0x7F) != kPayloadType) {
+    return;  // such as a report for the viewer of the port below
   }
   const auto number = static_cast<std::uint16_t>(packet[2] << 8 | packet[3]);
   const bool follows = last_number_ && static_cast<std::uint16_t>(*last_number_ + 1) == number;

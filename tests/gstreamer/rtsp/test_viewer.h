@@ -10,7 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "support/peer_socket.h"
+#include "support/eventually.h"
+#include "tools/common/udp_socket.h"
 
 namespace kestrelbridge::test {
 
@@ -57,7 +58,7 @@ class TestViewer {
   void TakePacket(std::span<const std::uint8_t> packet);
 
   int connection_;
-  std::unique_ptr<PeerSocket> rtp_;  // by UDP
+  std::unique_ptr<tools::UdpSocket> rtp_;  // by UDP, with a large buffer
   std::string input_;                // of the connection, not yet taken apart
   std::deque<RtspResponse> responses_;
   std::string session_;
