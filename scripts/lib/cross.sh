@@ -37,6 +37,8 @@ make_sysroot() {
   mkdir -p "$root"/{usr/{bin,lib,sbin},var/lib/dpkg/info,apt/{lists,archives}/partial}
   for name in bin lib sbin; do ln -s "usr/$name" "$root/$name"; done
   : >"$root/var/lib/dpkg/status"
+  echo 1 >"$root/var/lib/dpkg/info/format"
+  printf '%s\n' "$(dpkg --print-architecture)" "$arch" >"$root/var/lib/dpkg/arch"
   local apt=(apt-get -q -o Dpkg::Use-Pty=0 -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"
     -o "Dir::State=$root/apt" -o "Dir::State::status=$root/var/lib/dpkg/status" -o "Dir::Cache=$root/apt"
     -o "APT::Sandbox::User=$(id -un)")
@@ -48,7 +50,7 @@ make_sysroot() {
     dpkg-deb --control "$package" "$control"
     name="$(dpkg-deb --field "$package" Package)"
     if [[ "$(dpkg-deb --field "$package" Multi-Arch)" == same ]]; then name+=":$arch"; fi
-    dpkg-deb --fsys-tarfile "$package" | tar -t | sed 's|^\.||; s|/$||' >"$root/var/lib/dpkg/info/$name.list"
+    dpkg-deb --fsys-tarfile "$package" | tar -t | sed 's|^\.||; s|/$||; s|^$|/.|' >"$root/var/lib/dpkg/info/$name.list"
     find "$control" \( -name symbols -o -name shlibs \) -printf '%f\n' | while IFS= read -r kind; do
       cp "$control/$kind" "$root/var/lib/dpkg/info/$name.$kind"
     done

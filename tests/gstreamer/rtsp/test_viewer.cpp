@@ -83,9 +83,10 @@ RtspResponse TestViewer::Ask(std::string_view method, std::string_view path,
 }
 
 int TestViewer::Watch(std::string_view headers) {
-  const std::string way = rtp_ ? "RTP/AVP;unicast;client_port=" + std::to_string(rtp_->Local().port) +
-                                     "-" + std::to_string(rtp_->Local().port + 1)
-                               : "RTP/AVP/TCP;unicast;interleaved=0-1";
+  const std::string way =
+      rtp_ ? "RTP/AVP;unicast;client_port=" + std::to_string(rtp_->Local().port) + "-" +
+                 std::to_string(rtp_->Local().port + 1)
+           : "RTP/AVP/TCP;unicast;interleaved=0-1";
   const RtspResponse setup =
       Ask("SETUP", "/live/stream=0", "Transport: " + way + "\r\n" + std::string(headers));
   const std::size_t at = setup.text.find("Session: ");

@@ -59,7 +59,7 @@ class TestViewer {
 
   int connection_;
   std::unique_ptr<tools::UdpSocket> rtp_;  // by UDP, with a large buffer
-  std::string input_;                // of the connection, not yet taken apart
+  std::string input_;                      // of the connection, not yet taken apart
   std::deque<RtspResponse> responses_;
   std::string session_;
   int requests_ = 0;
