@@ -95,12 +95,15 @@ recipe_rtsp() {
 
 has_bytes() { [[ "$(stat --format=%s "$out/$1" 2>/dev/null || echo 0)" -ge $2 ]]; }
 
+is_closed_well() { [[ "$(ffprobe -v error -show_entries format=duration -of csv=p=0 "$out/$1")" =~ ^[2-9]|^[1-9][0-9] ]]; }
+
 # records FILE: a recording that is ended well, and one whose recorder is killed.
 records() {
   on_box "$recipe"
   wait_for 10 has_bytes "$1" 1000 || recipe_fails "nothing comes into $1"
   watch "$recipe"
   finish "$recipe"
+  is_closed_well "$1" || recipe_fails "$1 does not know how long it is"
   expect_recording "$1"
   mv "$out/$1" "$out/whole-$1"
   on_box "$recipe"
