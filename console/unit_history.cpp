@@ -77,8 +77,7 @@ const Unit* UnitHistory::Take(Place& place, std::uint64_t now_us) {
     return nullptr;
   }
   const bool is_gone = *place.next < first_;
-  const bool is_late =
-      is_gone || now_us > units_[*place.next - first_].arrival_us + kLongestDelayUs;
+  const bool is_late = is_gone || now_us > At(*place.next).arrival_us + kLongestDelayUs;
   if (is_gone && !keyframe_) {
     place.lost = true;
     place.next.reset();
@@ -89,7 +88,7 @@ const Unit* UnitHistory::Take(Place& place, std::uint64_t now_us) {
     place.next = keyframe_;
     place.lost = true;
   }
-  const Unit& unit = units_[*place.next - first_];
+  const Unit& unit = At(*place.next);
   unit.message->content()[kUnitFlagsOffset] =
       static_cast<std::uint8_t>((unit.is_keyframe ? kKeyframeFlag : 0) |
                                 (unit.follows_gap || place.lost ? kDiscontinuityFlag : 0));
@@ -102,8 +101,6 @@ bool UnitHistory::HasUnitFor(const Place& place) const {
   return place.next ? *place.next != End() : keyframe_.has_value();
 }
 
-const Unit* UnitHistory::LastKeyframe() const {
-  return keyframe_ ? &units_[*keyframe_ - first_] : nullptr;
-}
+const Unit* UnitHistory::LastKeyframe() const { return keyframe_ ? &At(*keyframe_) : nullptr; }
 
 }  // namespace kestrelbridge::console

@@ -68,6 +68,9 @@ class UnitHistory {
   [[nodiscard]] const Unit* LastKeyframe() const;
 
  private:
+  [[nodiscard]] const Unit& At(std::uint64_t number) const {
+    return units_[static_cast<std::size_t>(number - first_)];
+  }
   [[nodiscard]] std::uint64_t End() const { return first_ + units_.size(); }
 
   std::deque<Unit> units_;
