@@ -126,6 +126,16 @@ function connectVideo() {
 const controls = new Controls((message) => state_socket.send(JSON.stringify(message)), announce);
 let state_socket = null;
 
+let page_version = "";
+
+// After an update of the box this page may not fit it any more.
+function reloadIfRenewed(version) {
+  if (page_version !== "" && version !== page_version) {
+    location.reload();
+  }
+  page_version = version;
+}
+
 function connectState() {
   const told = notices.of();
   return openStateSocket({
@@ -144,6 +154,7 @@ function connectState() {
       onLost(told, code, wait_ms);
     },
     hello: (hello) => {
+      reloadIfRenewed(hello.version);
       ["controls", "link", "items"].forEach((id) => (byId(id).hidden = false));
       link_view.setBoxTime(hello.time_ms);
       state_view.setItems(hello.items);

@@ -1,7 +1,7 @@
 // Shows the live units by whichever player the browser has, and takes a new one when the picture's
 // size changes or the old one failed. Where WebCodecs fails, Media Source gets its turn.
 import { createUnitPreparer } from "./h264.js";
-import { createMsePlayer, hasMediaSource } from "./player_mse.js";
+import { createMsePlayer, hasMediaSource, loadMuxer } from "./player_mse.js";
 import { createWebCodecsPlayer, hasWebCodecs } from "./player_webcodecs.js";
 
 const kFailuresInARow = 3;
@@ -36,6 +36,9 @@ export class Player {
   constructor(elements, events) {
     this.#elements = elements;
     this.#events = events;
+    if (this.#kinds[0] === "mse") {
+      loadMuxer().catch(() => {}); // it is tried again with the first picture
+    }
     if (this.#kinds.length === 0) {
       queueMicrotask(() =>
         events.onNoDecoder("it has neither WebCodecs nor Media Source Extensions"),

@@ -14,6 +14,9 @@ const kUnitsRemembered = 300;
 
 const isSafari = () => /^((?!chrome|chromium|android).)*safari/i.test(navigator.userAgent);
 
+// Early, so that the first keyframe need not wait for it.
+export const loadMuxer = () => loadScript("vendor/jmuxer.min.js");
+
 export const hasMediaSource = () => "MediaSource" in window || "ManagedMediaSource" in window;
 
 // How long each unit is shown, in whole milliseconds: whatever brings the media's clock to the arrival
@@ -113,7 +116,7 @@ function forgetPast(source, current_s) {
 // events: {onShown(time_us or null, width, height, picture), onSkipped(), onNeedsTap(),
 // onFailed(text)}; after onFailed the player is of no use any more.
 export async function createMsePlayer(video, events) {
-  await loadScript("vendor/jmuxer.min.js");
+  await loadMuxer();
   const clock = createMediaClock();
   const keepAtEdge = createEdgeKeeper(video, !isSafari(), events);
   let needs_keyframe = true;

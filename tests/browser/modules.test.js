@@ -164,6 +164,18 @@ test("messages that no console sends do no harm", () => {
   assert.equal(telemetry.value.histogram, null);
 });
 
+test("all modules are asked for at once, not one because of another", () => {
+  const folder = new URL("../../console/page/", import.meta.url).pathname;
+  const page = readFileSync(join(folder, "index.html"), "utf8");
+  const named = [...page.matchAll(/(?:href|src)="([a-z0-9_]+\.js)"/g)].map((it) => it[1]);
+  assert.deepEqual(
+    named.sort(),
+    readdirSync(folder)
+      .filter((name) => name.endsWith(".js"))
+      .sort(),
+  );
+});
+
 test("the page weighs no more than 250 kB in all", () => {
   const folder = new URL("../../console/page/", import.meta.url).pathname;
   const files = [

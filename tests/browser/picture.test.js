@@ -23,7 +23,8 @@ import {
   visit,
 } from "./visitor.js";
 
-const kNearEnough = 40; // mean square of colour values; the clip's next picture is beyond 50
+// Mean square of colour values. Neighbours in the clip are 50 apart, pictures a second apart 400.
+const kNearEnough = 100;
 const kFps = 30;
 
 // A secure context has WebCodecs; plain http from the box's address has not.
