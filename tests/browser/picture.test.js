@@ -23,7 +23,7 @@ import {
   visit,
 } from "./visitor.js";
 
-// Mean square of colour values. Neighbours in the clip are 50 apart, pictures a second apart 400.
+// Mean square of colour values; pictures of the clip that are half a second apart differ by more.
 const kNearEnough = 100;
 const kFps = 30;
 
