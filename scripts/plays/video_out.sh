@@ -111,7 +111,7 @@ recipe_fails() {
 
 pictures_of() { grep -cs '[0-9a-f]\{32\}' "$out/$1.pictures" || true; }
 has_pictures() { [[ $(pictures_of "$1") -ge ${2:-1} ]]; }
-await_pictures() { wait_for 15 has_pictures "$1" || recipe_fails "$1 shows no picture within 15 seconds"; }
+await_pictures() { wait_for 30 has_pictures "$1" || recipe_fails "$1 shows no picture within 30 seconds"; }
 
 # expect COMPARISON ARGUMENT...: what video_out_compare.py says, or the recipe's failure.
 expect() {

@@ -155,7 +155,7 @@ is_ready() { grep -qs ' ready$' "$out/$1.pictures"; }
 # start_far_end NAME MODE PORT: what takes the picture.
 start_far_end() {
   start_stamped "$1" nsenter --target "${pids[station]}" --net "${far_end[@]}" "$2" "$3"
-  wait_for 15 is_ready "$1" || recipe_fails "the $2 server does not start"
+  wait_for 30 is_ready "$1" || recipe_fails "the $2 server does not start"
 }
 
 recipe_record() {
