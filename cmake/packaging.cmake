@@ -5,6 +5,7 @@
 #   dev         kestrelbridge-dev   the headers of the shared memory, for other programs
 #   gstreamer   gstreamer1.0-kestrelbridge   the GStreamer source; where it is built
 #   rtsp        kestrelbridge-rtsp  kestrel-rtsp, its service and manual page; likewise
+#   console     kestrelbridge-console   kestrelconsole, its service and manual page; where it is built
 #
 # The layout is Debian's, below any prefix. The prefix /usr stands for the system's own packages:
 # there the configuration is in /etc, and what Debian wants to know about a package comes with it.
@@ -134,6 +135,20 @@ if(KESTRELBRIDGE_GSTREAMER)
   install(FILES packaging/debian/copyright DESTINATION share/doc/kestrelbridge-rtsp COMPONENT rtsp)
 endif()
 
+# --- console ----------------------------------------------------------------------------------
+
+if(KESTRELBRIDGE_CONSOLE)
+  list(APPEND components console)
+  install(TARGETS kestrelconsole COMPONENT console RUNTIME DESTINATION bin)
+  install_text(kestrelbridge-console.service.in lib/systemd/system console)
+  install(FILES packaging/systemd/sysusers-console.conf RENAME kestrelbridge-console.conf
+          DESTINATION lib/sysusers.d COMPONENT console)
+  install_text(default/kestrelbridge-console.in @sysconfdir@/default console KEEP)
+  install_text(man/kestrelconsole.8.in share/man/man8 console COMPRESS)
+  install(FILES packaging/debian/console/copyright DESTINATION share/doc/kestrelbridge-console
+          COMPONENT console)
+endif()
+
 # --- Debian packages --------------------------------------------------------------------------
 
 if(NOT for_system)
@@ -144,6 +159,7 @@ set(daemon_package kestrelbridge)
 set(dev_package kestrelbridge-dev)
 set(gstreamer_package gstreamer1.0-kestrelbridge)
 set(rtsp_package kestrelbridge-rtsp)
+set(console_package kestrelbridge-console)
 foreach(component IN LISTS components)
   set(package ${${component}_package})
   install_text(debian/changelog.Debian.in share/doc/${package} ${component} COMPRESS)
@@ -239,5 +255,21 @@ others: rtsp://box:8554/live.
 
 All viewers share one pipeline, each starts with a keyframe, and a slow one
 holds up nobody. The service is off until it is enabled.")
+
+set(CPACK_DEBIAN_CONSOLE_PACKAGE_NAME kestrelbridge-console)
+set(CPACK_DEBIAN_CONSOLE_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_CONSOLE_PACKAGE_SHLIBDEPS ON)
+# The group, the ring and the share.
+set(CPACK_DEBIAN_CONSOLE_PACKAGE_DEPENDS "kestrelbridge, systemd | systemd-standalone-sysusers")
+set(CPACK_DEBIAN_CONSOLE_PACKAGE_CONTROL_EXTRA
+    ${debian_dir}/console/conffiles ${debian_dir}/console/postinst ${debian_dir}/console/prerm
+    ${debian_dir}/console/postrm)
+set(CPACK_COMPONENT_CONSOLE_DESCRIPTION "Wi-Fi bridge to an action camera (console for browsers)
+kestrelbridge puts a camera's live H.264 picture into shared memory.
+kestrelconsole shows it in a browser, with what the camera says of itself,
+what its link loses, and a control for every command.
+
+It answers this box alone until it is told otherwise; other machines take a
+password, or may only look.")
 
 include(CPack)
