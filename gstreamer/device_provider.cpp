@@ -1,5 +1,8 @@
 #include "gstreamer/device_provider.h"
 
+#include <chrono>
+#include <memory>
+
 #include "gstreamer/kestrelbridge_src.h"
 #include "gstreamer/stream_caps.h"
 #include "gstreamer/unit_source.h"
@@ -42,14 +45,15 @@ G_DEFINE_TYPE(KestrelbridgeDeviceProvider, kestrelbridge_device_provider, GST_TY
 GstCaps* CapsOfRing() {
   UnitSource source(FrameBlockReader::Start::kOldest);
   OutgoingUnit unit;
+  std::shared_ptr<const ParameterSets> sets;
   while (source.Next({}, std::chrono::milliseconds{0}, unit) == RingState::kUnit) {
+    sets = unit.sets;
   }
-  const ParameterSets* sets = source.parameter_sets();
   if (sets == nullptr) {
     return TemplateCaps();
   }
-  GstCaps* caps = StreamCaps(StreamFormat::kByteStream, sets);
-  gst_caps_append(caps, StreamCaps(StreamFormat::kAvc, sets));
+  GstCaps* caps = StreamCaps(StreamFormat::kByteStream, sets.get());
+  gst_caps_append(caps, StreamCaps(StreamFormat::kAvc, sets.get()));
   return caps;
 }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
@@ -10,7 +12,7 @@
 #include "gstreamer/avc_format.h"
 #include "gstreamer/debug_category.h"
 #include "gstreamer/stream_caps.h"
-#include "gstreamer/unit_source.h"
+#include "gstreamer/unit_feed.h"
 #include "gstreamer/unit_times.h"
 #include "gstreamer/waiting.h"
 
@@ -28,19 +30,22 @@ constexpr std::chrono::seconds kMetricsAreThere = 3s;
 enum Property { kStart = 1, kWaitForKeyframe, kOnLoss, kTimeout, kStats };
 enum OnLoss { kSkip, kPass };
 
-// One run of the element, from READY to PAUSED and back. The streaming thread's, but for Interrupt
-// and Continue.
+// One run of the element, from READY to PAUSED and back. The streaming thread's, but for what the
+// feed opens to any thread.
 struct Run {
-  explicit Run(FrameBlockReader::Start start) : source(start) {}
+  Run(FrameBlockReader::Start start, std::function<UnitPolicy()> policy)
+      : feed(start, std::move(policy)) {}
 
-  UnitSource source;
+  UnitFeed feed;
   UnitTimes times;
   Waiting waiting;
-  std::optional<StreamFormat> format;  // as long as the peer has not changed its mind
-  std::optional<ParameterSets> sets;   // of the caps in force
+  std::optional<StreamFormat> format;         // as long as the peer has not changed its mind
+  std::shared_ptr<const ParameterSets> sets;  // of the caps in force
   bool caps_are_set = false;
+  bool wants_keyframe = false;  // units were thrown away
   std::vector<NalUnit> nals;
-  std::uint64_t restarts = 0;  // as of the last unit
+  std::uint64_t skipped = 0;   // as of the last look, as are
+  std::uint64_t restarts = 0;  // these
   Waiting::Clock::time_point ask_daemon_at = Waiting::Clock::now();
 };
 
@@ -53,12 +58,10 @@ struct Settings {
 // What others than the streaming thread see, under the object's lock.
 struct Shared {
   Settings settings;
-  UnitSource::Counters counters;  // of this run
   Nanoseconds latency{0};
-  // PAUSED after PLAYING, and PLAYING again. None of the units of that time must go on: neither the
-  // one for which GstBaseSrc has asked, if it has, nor what the ring holds, if it has not.
-  bool sleeps = false;
-  bool has_slept = false;
+  // Units that were found before do not go on: the time of PAUSED after PLAYING. GstBaseSrc may be
+  // waiting for the unit that it asked for before, and would keep it till the end of the pause.
+  Waiting::Clock::time_point awake_since = Waiting::Clock::time_point::min();
 };
 
 struct KestrelbridgeSrc {
@@ -113,9 +116,12 @@ GType OnLossType() {
   return type;
 }
 
+UnitSource::Counters CountersOf(KestrelbridgeSrc* element) {
+  return WithShared(element, [&](const Shared&) { return element->run->feed.counters(); });
+}
+
 GstStructure* StatsOf(KestrelbridgeSrc* element) {
-  const UnitSource::Counters now =
-      WithShared(element, [](const Shared& shared) { return shared.counters; });
+  const UnitSource::Counters now = CountersOf(element);
   return gst_structure_new("kestrelbridge-stats", "units", G_TYPE_UINT64, guint64{now.units},
                            "bytes", G_TYPE_UINT64, guint64{now.bytes}, "lost", G_TYPE_UINT64,
                            guint64{now.lost}, "laps", G_TYPE_UINT64, guint64{now.laps}, "restarts",
@@ -227,40 +233,37 @@ Nanoseconds RunningTime(KestrelbridgeSrc* element) {
 
 // The form of the stream is the peer's choice, its contents are the camera's. False when the peer
 // takes neither.
-bool SetCaps(KestrelbridgeSrc* element, Run& run, const ParameterSets* sets) {
-  const bool same_sets = sets == nullptr ? !run.sets : run.sets == *sets;
-  if (run.caps_are_set && same_sets) {
+bool SetCaps(KestrelbridgeSrc* element, Run& run, std::shared_ptr<const ParameterSets> sets) {
+  if (run.caps_are_set && run.sets == sets) {
     return true;
   }
-  GstCaps* caps = StreamCaps(*run.format, sets);
+  GstCaps* caps = StreamCaps(*run.format, sets.get());
   const bool taken = gst_base_src_set_caps(GST_BASE_SRC(element), caps) != FALSE;
   GST_INFO_OBJECT(element, "caps %" GST_PTR_FORMAT "%s", static_cast<void*>(caps),
                   taken ? "" : " refused");
   gst_caps_unref(caps);
   run.caps_are_set = taken;
-  run.sets = sets == nullptr ? std::nullopt : std::optional(*sets);
+  run.sets = std::move(sets);
   return taken;
 }
 
+// The unit itself becomes the buffer, and is freed with it.
+GstBuffer* ByteStreamBuffer(std::vector<std::uint8_t> unit) {
+  auto* bytes = new std::vector<std::uint8_t>(std::move(unit));
+  return gst_buffer_new_wrapped_full(
+      GST_MEMORY_FLAG_READONLY, bytes->data(), bytes->size(), 0, bytes->size(), bytes,
+      [](gpointer data) { delete static_cast<std::vector<std::uint8_t>*>(data); });
+}
+
 // Null when there is no memory.
-GstBuffer* MakeBuffer(Run& run, std::span<const std::uint8_t> unit) {
-  const bool is_avc = *run.format == StreamFormat::kAvc;
-  if (is_avc) {
-    SplitNalUnits(unit, Extent::kWhole, run.nals);
-  }
-  GstBuffer* buffer =
-      gst_buffer_new_allocate(nullptr, is_avc ? AvcSize(run.nals) : unit.size(), nullptr);
+GstBuffer* AvcBuffer(Run& run, std::span<const std::uint8_t> unit) {
+  SplitNalUnits(unit, Extent::kWhole, run.nals);
+  GstBuffer* buffer = gst_buffer_new_allocate(nullptr, AvcSize(run.nals), nullptr);
   GstMapInfo map;
-  if (buffer == nullptr || gst_buffer_map(buffer, &map, GST_MAP_WRITE) == FALSE) {
-    gst_clear_buffer(&buffer);
-    return nullptr;
-  }
-  if (is_avc) {
+  if (buffer != nullptr && gst_buffer_map(buffer, &map, GST_MAP_WRITE) != FALSE) {
     WriteAvc(run.nals, {map.data, map.size});
-  } else {
-    std::ranges::copy(unit, map.data);
+    gst_buffer_unmap(buffer, &map);
   }
-  gst_buffer_unmap(buffer, &map);
   return buffer;
 }
 
@@ -282,7 +285,7 @@ void Describe(GstBuffer* buffer, const OutgoingUnit& unit, Nanoseconds stamp, Na
 // may be another answer.
 void FollowLatency(KestrelbridgeSrc* element, Run& run) {
   const auto now = Waiting::Clock::now();
-  const std::uint64_t restarts = run.source.counters().restarts;
+  const std::uint64_t restarts = run.feed.counters().restarts;
   if (std::exchange(run.restarts, restarts) != restarts) {
     run.ask_daemon_at = now + kMetricsAreThere;
   }
@@ -296,14 +299,10 @@ void FollowLatency(KestrelbridgeSrc* element, Run& run) {
   }
 }
 
-// Waits for the next unit that can go on. GST_FLOW_OK when there is one.
+// Waits for the next unit. GST_FLOW_OK when there is one.
 GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) {
   for (;;) {
-    const Settings settings = SettingsOf(element);
-    const std::uint64_t skipped = run.source.counters().skipped;
-    const RingState state = run.source.Next(settings.policy, kPatience, unit);
-    const UnitSource::Counters counters = run.source.counters();
-    WithShared(element, [&](Shared& shared) { shared.counters = counters; });
+    const RingState state = run.feed.Take(unit, kPatience);
     if (state == RingState::kInterrupted) {
       return GST_FLOW_FLUSHING;
     }
@@ -311,9 +310,11 @@ GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) 
       run.waiting.End(GST_ELEMENT(element));
       return GST_FLOW_OK;
     }
-    run.waiting.Note(GST_ELEMENT(element), state, counters.skipped != skipped);
+    const std::uint64_t skipped = run.feed.counters().skipped;
+    run.waiting.Note(GST_ELEMENT(element), state, std::exchange(run.skipped, skipped) != skipped);
     const auto waited = static_cast<GstClockTime>(run.waiting.length().count());
-    if (settings.timeout != 0 && waited >= settings.timeout) {
+    const GstClockTime timeout = SettingsOf(element).timeout;
+    if (timeout != 0 && waited >= timeout) {
       GST_ELEMENT_ERROR(element, RESOURCE, READ,
                         ("No access unit came for %.1f s.", static_cast<double>(waited) / 1e9),
                         ("property timeout; GST_DEBUG=kestrelbridgesrc:2 tells why"));
@@ -322,81 +323,85 @@ GstFlowReturn TakeUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) 
   }
 }
 
-bool HasSlept(KestrelbridgeSrc* element) {
-  return WithShared(element, [](Shared& shared) { return std::exchange(shared.has_slept, false); });
-}
-
-// After a unit was taken: whoever takes units while asleep need not skip any when awake.
-bool IsAsleep(KestrelbridgeSrc* element) {
-  return WithShared(element, [](Shared& shared) {
-    shared.has_slept = false;
-    return shared.sleeps;
-  });
-}
-
-GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
-  KestrelbridgeSrc* element = ElementOf(base);
-  Run& run = *element->run;
-  if (HasSlept(element)) {
-    run.source.SkipToLive();
-  }
-  OutgoingUnit unit;
+// The next unit that a decoder wants. GST_FLOW_OK when there is one.
+GstFlowReturn TakeWantedUnit(KestrelbridgeSrc* element, Run& run, OutgoingUnit& unit) {
   for (;;) {
     const GstFlowReturn flow = TakeUnit(element, run, unit);
     if (flow != GST_FLOW_OK) {
       return flow;
     }
-    if (IsAsleep(element)) {
-      run.source.BeginAnew();
-      continue;
+    const auto awake_since =
+        WithShared(element, [](const Shared& shared) { return shared.awake_since; });
+    if (unit.found < awake_since) {
+      run.wants_keyframe = true;
+    } else if (unit.is_keyframe || !run.wants_keyframe) {
+      unit.is_discontinuous = std::exchange(run.wants_keyframe, false) || unit.is_discontinuous;
+      return GST_FLOW_OK;
     }
-    const Nanoseconds now = RunningTime(element);
+  }
+}
+
+GstFlowReturn Create(GstPushSrc* base, GstBuffer** buffer) {
+  KestrelbridgeSrc* element = ElementOf(base);
+  Run& run = *element->run;
+  OutgoingUnit unit;
+  do {
+    const GstFlowReturn flow = TakeWantedUnit(element, run, unit);
+    if (flow != GST_FLOW_OK) {
+      return flow;
+    }
     if (gst_pad_check_reconfigure(GST_BASE_SRC_PAD(element)) != FALSE || !run.format) {
       run.format = ChooseFormat(GST_BASE_SRC_PAD(element));
       run.caps_are_set = false;
     }
-    const ParameterSets* sets = run.source.parameter_sets();
-    if (sets == nullptr && *run.format == StreamFormat::kAvc) {
-      continue;  // that form cannot begin without them
-    }
-    if (sets != nullptr && run.sets != *sets) {
-      run.times.ExpectRate(sets->format.frame_rate);
-    }
-    FollowLatency(element, run);
-    if (!SetCaps(element, run, sets)) {
-      return GST_FLOW_NOT_NEGOTIATED;
-    }
-    *buffer = MakeBuffer(run, unit.bytes);
-    if (*buffer == nullptr) {
-      return GST_FLOW_ERROR;
-    }
-    Describe(*buffer, unit, run.times.Stamp(unit, now), run.times.period());
-    return GST_FLOW_OK;
+  } while (unit.sets == nullptr && *run.format == StreamFormat::kAvc);  // that cannot begin so
+  const Nanoseconds found = RunningTime(element) - (Waiting::Clock::now() - unit.found);
+  if (unit.sets != nullptr && run.sets != unit.sets) {
+    run.times.ExpectRate(unit.sets->format.frame_rate);
   }
+  FollowLatency(element, run);
+  if (!SetCaps(element, run, unit.sets)) {
+    return GST_FLOW_NOT_NEGOTIATED;
+  }
+  const Nanoseconds stamp = run.times.Stamp(unit, found);
+  *buffer = *run.format == StreamFormat::kAvc ? AvcBuffer(run, unit.bytes)
+                                              : ByteStreamBuffer(std::move(unit.bytes));
+  if (*buffer == nullptr) {
+    return GST_FLOW_ERROR;
+  }
+  Describe(*buffer, unit, stamp, run.times.period());
+  return GST_FLOW_OK;
 }
 
 // --- what GstBaseSrc asks
 // -------------------------------------------------------------------------
 
+Run* MakeRun(KestrelbridgeSrc* element) {
+  return new Run(SettingsOf(element).start, [element] { return SettingsOf(element).policy; });
+}
+
+// Who asks for the counters may be on another thread.
+void ReplaceRun(KestrelbridgeSrc* element, Run* run) {
+  delete WithShared(element, [&](Shared&) { return std::exchange(element->run, run); });
+}
+
 gboolean Start(GstBaseSrc* base) {
   KestrelbridgeSrc* element = ElementOf(base);
-  delete element->run;
-  element->run = new Run(SettingsOf(element).start);
+  ReplaceRun(element, MakeRun(element));
   WithShared(element, [&](Shared& shared) {
-    shared.counters = {};
     shared.latency = element->run->times.Latency();
-    shared.sleeps = shared.has_slept = false;
+    shared.awake_since = Waiting::Clock::time_point::min();
   });
   return TRUE;
 }
 
 gboolean Unlock(GstBaseSrc* base) {
-  ElementOf(base)->run->source.Interrupt();
+  ElementOf(base)->run->feed.Interrupt();
   return TRUE;
 }
 
 gboolean UnlockStop(GstBaseSrc* base) {
-  ElementOf(base)->run->source.Continue();
+  ElementOf(base)->run->feed.Continue();
   return TRUE;
 }
 
@@ -423,13 +428,15 @@ gboolean Query(GstBaseSrc* base, GstQuery* query) {
 
 GstStateChangeReturn ChangeState(GstElement* base, GstStateChange transition) {
   KestrelbridgeSrc* element = ElementOf(base);
-  if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED ||
-      transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING) {
-    WithShared(element, [&](Shared& shared) {
-      shared.has_slept = shared.sleeps;
-      shared.sleeps = transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED;
-    });
-  }
+  WithShared(element, [&](Shared& shared) {
+    using Time = Waiting::Clock::time_point;
+    if (transition == GST_STATE_CHANGE_PLAYING_TO_PAUSED) {
+      shared.awake_since = Time::max();
+    } else if (transition == GST_STATE_CHANGE_PAUSED_TO_PLAYING &&
+               shared.awake_since != Time::min()) {
+      shared.awake_since = Waiting::Clock::now();
+    }
+  });
   return GST_ELEMENT_CLASS(kestrelbridge_src_parent_class)->change_state(base, transition);
 }
 
@@ -438,14 +445,14 @@ GstStateChangeReturn ChangeState(GstElement* base, GstStateChange transition) {
 
 void Finalize(GObject* object) {
   KestrelbridgeSrc* element = ElementOf(object);
-  delete element->shared;
   delete element->run;
+  delete element->shared;
   G_OBJECT_CLASS(kestrelbridge_src_parent_class)->finalize(object);
 }
 
 void kestrelbridge_src_init(KestrelbridgeSrc* element) {
   element->shared = new Shared;
-  element->run = new Run(FrameBlockReader::Start::kLive);
+  element->run = MakeRun(element);
   gst_base_src_set_live(GST_BASE_SRC(element), TRUE);
   gst_base_src_set_format(GST_BASE_SRC(element), GST_FORMAT_TIME);
 }

@@ -81,15 +81,6 @@ void RingFollower::LeaveRing() {
   earlier_ = all;
 }
 
-void RingFollower::SkipToLive() {
-  backlog_.clear();
-  if (ring_) {
-    const Counters skipped = counters();
-    ring_->reader.emplace(ring_->mapping.data());
-    earlier_ = skipped;
-  }
-}
-
 // False when the time is over.
 bool RingFollower::SleepWithoutRing(Clock::time_point end) {
   std::unique_lock lock(mutex_);
@@ -127,8 +118,6 @@ void RingFollower::Interrupt() {
     std::this_thread::sleep_for(kBetweenWakeUps);
   }
 }
-
-void RingFollower::Continue() { interrupted_.store(false); }
 
 RingFollower::Counters RingFollower::counters() const {
   Counters all = earlier_;

@@ -23,7 +23,7 @@ enum class RingState {
 };
 
 // Opens the ring as soon as there is one, follows a ring that takes its place. One thread reads;
-// Interrupt and Continue may be called from any other.
+// Interrupt may be called from any other.
 class RingFollower {
  public:
   // What the readers of all rings so far have counted.
@@ -37,12 +37,8 @@ class RingFollower {
   // most a second.
   RingState Next(std::vector<std::uint8_t>& unit, std::chrono::milliseconds patience);
 
-  // Passes over what the ring holds now.
-  void SkipToLive();
-
-  // Ends a Next that waits, and each further one, until Continue. Returns when none waits any more.
+  // Ends a Next that waits, and each further one. Returns when none waits any more.
   void Interrupt();
-  void Continue();
 
   [[nodiscard]] Counters counters() const;
 

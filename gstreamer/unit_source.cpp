@@ -28,7 +28,7 @@ RingState UnitSource::Next(const UnitPolicy& policy, std::chrono::milliseconds p
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     unit = {};
     const bool had_backlog = ring_.backlog() != 0;
-    const RingState state = ring_.Next(bytes_, std::max(left, std::chrono::milliseconds{0}));
+    const RingState state = ring_.Next(unit.bytes, std::max(left, std::chrono::milliseconds{0}));
     if (state != RingState::kUnit) {
       return state;
     }
@@ -36,7 +36,8 @@ RingState UnitSource::Next(const UnitPolicy& policy, std::chrono::milliseconds p
     CountLosses(policy);
     if (Look(unit) && (unit.is_keyframe || !wants_keyframe_)) {
       wants_keyframe_ = false;
-      unit.bytes = bytes_;
+      unit.found = Clock::now();
+      unit.sets = sets_;
       unit.steps = std::exchange(steps_, 0);
       unit.is_discontinuous = std::exchange(is_discontinuous_, false);
       return RingState::kUnit;
@@ -61,7 +62,7 @@ void UnitSource::CountLosses(const UnitPolicy& policy) {
 
 // What kind of unit it is. False when no decoder could make anything of it.
 bool UnitSource::Look(OutgoingUnit& unit) {
-  SplitNalUnits(bytes_, Extent::kHead, nals_);
+  SplitNalUnits(unit.bytes, Extent::kHead, nals_);
   if (!TakeParameterSets(unit)) {
     ++refused_;
     wants_keyframe_ = true;
@@ -86,7 +87,7 @@ bool UnitSource::TakeParameterSets(OutgoingUnit& unit) {
   if (sps.empty() && pps.empty()) {
     return true;
   }
-  ParameterSets sets = sets_.value_or(ParameterSets{});
+  ParameterSets sets = sets_ ? *sets_ : ParameterSets{};
   if (!sps.empty()) {
     const auto format = ReadPictureFormat(sps);
     if (!format || sps.size() < kSmallestSps || sps.size() > kLongestSet) {
@@ -104,19 +105,11 @@ bool UnitSource::TakeParameterSets(OutgoingUnit& unit) {
   }
   unit.has_parameter_sets = true;
   if (!sets.sps.empty() && !sets.pps.empty()) {
-    sets_ = std::move(sets);
+    if (!sets_ || *sets_ != sets) {
+      sets_ = std::make_shared<const ParameterSets>(std::move(sets));
+    }
   }
   return true;
-}
-
-void UnitSource::BeginAnew() {
-  is_discontinuous_ = true;
-  wants_keyframe_ = true;
-}
-
-void UnitSource::SkipToLive() {
-  ring_.SkipToLive();
-  BeginAnew();
 }
 
 UnitSource::Counters UnitSource::counters() const {

@@ -1,9 +1,9 @@
 // The units that go on: from the first that a decoder can begin with, and after a loss again.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
-#include <optional>
-#include <span>
+#include <memory>
 #include <vector>
 
 #include "gstreamer/nal_units.h"
@@ -26,12 +26,14 @@ struct UnitPolicy {
 };
 
 struct OutgoingUnit {
-  std::span<const std::uint8_t> bytes;  // until the next call of Next
-  bool is_keyframe = false;             // opens with a sound SPS, or holds an IDR slice
+  std::vector<std::uint8_t> bytes;
+  std::chrono::steady_clock::time_point found;
+  bool is_keyframe = false;  // opens with a sound SPS, or holds an IDR slice
   bool has_parameter_sets = false;
   bool is_discontinuous = false;  // something is missing before it
   bool is_backlog = false;        // published before we began
   std::uint64_t steps = 1;        // units since the one before, lost and skipped ones included
+  std::shared_ptr<const ParameterSets> sets;  // in force; null until there are an SPS and a PPS
 };
 
 class UnitSource {
@@ -47,20 +49,9 @@ class UnitSource {
   // count as time.
   RingState Next(const UnitPolicy& policy, std::chrono::milliseconds patience, OutgoingUnit& unit);
 
-  // The unit before was not wanted: the next one is to be a keyframe.
-  void BeginAnew();
-
-  // The same, and passes over what the ring holds now.
-  void SkipToLive();
-
-  // From any thread.
+  // From any thread; for good.
   void Interrupt() { ring_.Interrupt(); }
-  void Continue() { ring_.Continue(); }
 
-  // Null until there are an SPS and a PPS.
-  [[nodiscard]] const ParameterSets* parameter_sets() const { return sets_ ? &*sets_ : nullptr; }
-  [[nodiscard]] bool wants_keyframe() const { return wants_keyframe_; }
-  [[nodiscard]] std::size_t backlog() const { return ring_.backlog(); }
   [[nodiscard]] Counters counters() const;
 
  private:
@@ -70,9 +61,8 @@ class UnitSource {
 
   RingFollower ring_;
   RingFollower::Counters seen_;  // as of the latest unit
-  std::vector<std::uint8_t> bytes_;
   std::vector<NalUnit> nals_;
-  std::optional<ParameterSets> sets_;
+  std::shared_ptr<const ParameterSets> sets_;
   bool first_ = true;
   bool wants_keyframe_ = false;
   bool is_discontinuous_ = false;

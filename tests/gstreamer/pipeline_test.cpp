@@ -2,6 +2,7 @@
 // camera tool, GStreamer's own elements.
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <span>
 #include <string>
@@ -58,6 +59,8 @@ class Pipeline {
     gst_clear_message(&message);
     return problem;
   }
+
+  GstElement* pipeline() const { return pipeline_; }
 
   GstElement* Element(const char* name) {
     GstElement* element = gst_bin_get_by_name(GST_BIN(pipeline_), name);
@@ -154,6 +157,15 @@ TEST_F(PipelineTest, ShownInTimeNoPictureIsDropped) {
   gst_structure_free(stats);
   EXPECT_EQ(rendered + dropped, 150U);
   EXPECT_LE(dropped, 5U) << "on a machine that is busy with other tests";
+}
+
+// Each unit is held for most of a second, and the source waits with it.
+TEST_F(PipelineTest, ASinkThatWaitsDoesNotFallBehind) {
+  Pipeline pipeline("kestrelbridgesrc num-buffers=150 ! fakesink sync=true");
+  gst_pipeline_set_latency(GST_PIPELINE(pipeline.pipeline()), 800 * GST_MSECOND);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(pipeline.Run(), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << "of 5 s";
 }
 
 TEST_F(PipelineTest, TheCameraIsListedWithItsPicture) {
