@@ -261,7 +261,9 @@ TEST_F(SourceTest, WhenItWasTooSlowItGoesOnWithAKeyframeOrAtOnce) {
     Publish(1);
     ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 2; }));
     // It keeps 200 for the time when it can, and one in hand.
-    Publish(201);
+    Publish(100);
+    ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 102; }));
+    Publish(101);
     ASSERT_TRUE(Eventually([&] { return source.Stat("units") == 203; }));
     Publish(310);
     held_up.End();

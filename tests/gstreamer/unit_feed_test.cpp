@@ -44,7 +44,7 @@ TEST(UnitFeed, HandsOutEachUnitInOrderHoweverOftenItIsInterrupted) {
     while (!done) {
       feed.Interrupt();
       feed.Continue();
-      std::this_thread::yield();
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   });
   OutgoingUnit unit;
