@@ -34,8 +34,8 @@ TEST(UnitFeed, HandsOutEachUnitInOrderHoweverOftenItIsInterrupted) {
   std::atomic<std::uint32_t> taken{0};
   std::thread writer([&] {
     for (std::uint32_t number = 0; number < kUnits; ++number) {
-      // Never a lap ahead of who takes them.
-      EXPECT_TRUE(Eventually([&] { return number < taken + 150; }));
+      // Who comes late still finds the first one: the oldest of the ring are a hundred.
+      EXPECT_TRUE(Eventually([&] { return number < taken + 90; }));
       PublishVideoUnit(NumberedSlice(number));
     }
   });
@@ -49,7 +49,7 @@ TEST(UnitFeed, HandsOutEachUnitInOrderHoweverOftenItIsInterrupted) {
   });
   OutgoingUnit unit;
   bool in_order = true;
-  while (taken < kUnits) {
+  while (taken < kUnits && in_order) {
     const RingState state = feed.Take(unit, milliseconds(100));
     if (state == RingState::kUnit) {
       in_order = in_order && unit.bytes == NumberedSlice(taken);
