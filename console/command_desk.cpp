@@ -198,7 +198,10 @@ std::string CommandStateJson(int id, std::string_view state, std::string_view wh
 std::uint64_t CommandDesk::Open(std::uint64_t viewer, const PageCommand& command,
                                 const tools::TelemetryRecord& before, SteadyTime now) {
   const tools::CommandEffect& effect = command.request.effect;
-  const bool stands = effect.kind == EffectKind::kRecordingStands;
+  // Proven by what does not come any more: the daemon itself sends a histogram for three seconds
+  // after the camera's last one.
+  const bool stands =
+      effect.kind == EffectKind::kRecordingStands || effect.kind == EffectKind::kHistogramOff;
   // One that nothing shows stays as well: sending it may fail.
   pending_.push_back({.ticket = ++last_ticket_,
                       .viewer = viewer,
