@@ -34,7 +34,7 @@ The file's first line is NAME:PASSWORD, and it is not for everybody to read (chm
 
 constexpr char kDefaultPort[] = "8554";
 constexpr int kMostViewers = 200;
-constexpr int kLongestTimeout_s = 3600;
+constexpr int kLongestTimeoutSeconds = 3600;
 
 struct Words {
   std::string listen = "127.0.0.1";
@@ -74,7 +74,7 @@ void AddOptions(CLI::App& app, Words& words, ServerOptions& options) {
                  "seconds after which a viewer who is not heard of is dropped")
       ->type_name("SECONDS")
       ->capture_default_str()
-      ->check(WholeNumberBetween(1, kLongestTimeout_s));
+      ->check(WholeNumberBetween(1, kLongestTimeoutSeconds));
   app.set_version_flag("--version", "kestrel-rtsp " KESTRELBRIDGE_VERSION);
 }
 

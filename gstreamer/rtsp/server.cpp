@@ -13,8 +13,10 @@
 
 #include "base/log.h"
 #include "base/service_notify.h"
+#include "gstreamer/rtsp/kept_media.h"
 #include "gstreamer/rtsp/picture.h"
 #include "gstreamer/rtsp/viewer.h"
+#include "gstreamer/rtsp/weak.h"
 #include "tools/common/tool_error.h"
 
 namespace kestrelbridge::rtsp {
@@ -28,10 +30,11 @@ constexpr char kViewerRole[] = "viewer";
 constexpr guint kContentLimit = 4096;    // bytes of a request's body; viewers need none
 constexpr int kBacklog = 64;             // connections that wait to be accepted
 constexpr int kSendBuffer = 128 * 1024;  // bytes of a connection; the kernel doubles it
-constexpr int kSilenceLimit_ms = 10'000;
-constexpr guint kHousekeepingPeriod_s = 1;
+constexpr int kSilenceLimitMilliseconds = 10'000;
+constexpr guint kHousekeepingPeriodSeconds = 1;
 // Who has connected and looks at nothing.
 constexpr std::chrono::seconds kIdleLimit{30};
+constexpr char kSessionKey[] = "kestrelbridge-session";
 constexpr char kIdleSinceKey[] = "kestrelbridge-idle-since";
 
 struct Unref {
@@ -74,6 +77,7 @@ GstRTSPStatusCode ExpectPicture(GstRTSPClient* /*client*/, GstRTSPContext* conte
   }
   const std::string reason = WhyNoPicture();
   if (reason.empty()) {
+    ExpectDemand();
     return GST_RTSP_STS_OK;
   }
   Log("kestrel-rtsp: no picture for %s: %s\n", NameOf(context), reason.c_str());
@@ -110,6 +114,7 @@ GstRTSPStatusCode BeforeSetup(GstRTSPClient* client, GstRTSPContext* context, gp
 }
 
 void OnSetup(GstRTSPClient* /*client*/, GstRTSPContext* context, gpointer /*data*/) {
+  KeepMedia(context->media);
   AdmitViewer(context);
 }
 
@@ -139,8 +144,27 @@ void OnResponse(GstRTSPClient* /*client*/, GstRTSPContext* /*context*/, GstRTSPM
   }
 }
 
-void OnNewSession(GstRTSPClient* /*client*/, GstRTSPSession* session, gpointer server) {
+void OnNewSession(GstRTSPClient* client, GstRTSPSession* session, gpointer server) {
   gst_rtsp_session_set_timeout(session, static_cast<Server*>(server)->session_timeout_s);
+  g_object_set_data_full(G_OBJECT(client), kSessionKey, NewWeak(session), FreeWeak);
+}
+
+bool IsEmpty(GstRTSPSession* session) {
+  GList* const media = gst_rtsp_session_filter(session, nullptr, nullptr);
+  g_list_free_full(media, g_object_unref);
+  return media == nullptr;
+}
+
+// The library keeps the session of a viewer who has hung up, and it counts, until its time is over.
+void OnClosed(GstRTSPClient* client, gpointer server) {
+  gpointer session_of_client = g_object_get_data(G_OBJECT(client), kSessionKey);
+  if (session_of_client != nullptr) {
+    WithObject<GstRTSPSession>(session_of_client, [server](GstRTSPSession* session) {
+      if (IsEmpty(session)) {
+        gst_rtsp_session_pool_remove(static_cast<Server*>(server)->sessions.get(), session);
+      }
+    });
+  }
 }
 
 // --- connections: the main thread ---------------------------------------------------------------
@@ -160,7 +184,7 @@ void KeepConnectionShort(GstRTSPClient* client) {
       connection == nullptr ? nullptr : gst_rtsp_connection_get_write_socket(connection);
   if (socket != nullptr) {
     g_socket_set_option(socket, SOL_SOCKET, SO_SNDBUF, kSendBuffer, nullptr);
-    g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, kSilenceLimit_ms, nullptr);
+    g_socket_set_option(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, kSilenceLimitMilliseconds, nullptr);
     g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
   }
 }
@@ -186,6 +210,7 @@ void OnConnected(GstRTSPServer* rtsp, GstRTSPClient* client, gpointer data) {
   g_signal_connect(client, "pause-request", G_CALLBACK(OnPause), nullptr);
   g_signal_connect(client, "send-message", G_CALLBACK(OnResponse), nullptr);
   g_signal_connect(client, "new-session", G_CALLBACK(OnNewSession), data);
+  g_signal_connect(client, "closed", G_CALLBACK(OnClosed), data);
 }
 
 GstRTSPFilterResult RemoveIfIdle(GstRTSPServer* /*rtsp*/, GstRTSPClient* client,
@@ -207,6 +232,7 @@ GstRTSPFilterResult RemoveIfIdle(GstRTSPServer* /*rtsp*/, GstRTSPClient* client,
 gboolean KeepHouse(gpointer data) {
   const auto& server = *static_cast<Server*>(data);
   gst_rtsp_session_pool_cleanup(server.sessions.get());
+  LetGoOfUnwanted(gst_rtsp_session_pool_get_n_sessions(server.sessions.get()) != 0);
   gst_rtsp_server_client_filter(server.rtsp.get(), RemoveIfIdle, nullptr);
   return G_SOURCE_CONTINUE;
 }
@@ -315,7 +341,7 @@ void RunServer(const ServerOptions& options) {
   };
   g_unix_signal_add(SIGINT, quit, loop);
   g_unix_signal_add(SIGTERM, quit, loop);
-  g_timeout_add_seconds(kHousekeepingPeriod_s, KeepHouse, &server);
+  g_timeout_add_seconds(kHousekeepingPeriodSeconds, KeepHouse, &server);
   Log("kestrel-rtsp: rtsp://%s:%d%s, for %d viewers%s\n", options.address.c_str(),
       gst_rtsp_server_get_bound_port(server.rtsp.get()), kPath, options.viewers,
       options.user ? ", with a password" : "");

@@ -42,7 +42,8 @@ make_sysroot() {
   local apt=(apt-get -q -o Dpkg::Use-Pty=0 -o "APT::Architecture=$arch" -o "APT::Architectures=$arch"
     -o "Dir::State=$root/apt" -o "Dir::State::status=$root/var/lib/dpkg/status" -o "Dir::Cache=$root/apt"
     -o "APT::Sandbox::User=$(id -un)")
-  { "${apt[@]}" update && "${apt[@]}" install --download-only --no-install-recommends -y "$@"; } \
+  # A list that could not be fetched is none that is needed for sure.
+  { "${apt[@]}" update || true; "${apt[@]}" install --download-only --no-install-recommends -y "$@"; } \
     >"$root/apt.log" 2>&1 || { tail "$root/apt.log" && fail "could not fetch the packages for $arch"; }
   for package in "$root"/apt/archives/*.deb; do
     dpkg-deb --fsys-tarfile "$package" | tar -x --keep-directory-symlink -C "$root"

@@ -4,6 +4,10 @@
 #
 #   in_sysroot.sh FOLDER TRIPLET COMMAND...
 set -euo pipefail
+if [[ ! -d /usr/lib/$2 ]]; then
+  mkdir -p "$1/only/$2"
+  mount -t overlay overlay -o "lowerdir=$1/only:/usr/lib" /usr/lib
+fi
 mount --bind "$1/usr/lib/$2" "/usr/lib/$2"
 mount -t overlay overlay -o "lowerdir=$1/usr/include:/usr/include" /usr/include
 mount --bind "$1/var/lib/dpkg" /var/lib/dpkg

@@ -252,6 +252,18 @@ TEST(Rtsp, TwentyViewersMissNothingAndTheNextOneIsTold) {
   }
 }
 
+// Players do so when they try another way.
+TEST(Rtsp, WhoGoesAndComesBackAtOnceIsServed) {
+  ForgetEarlierRuns();
+  Stage stage;
+  stage.StartDaemon();
+  for (int i = 0; i < 22; ++i) {
+    TestViewer viewer;
+    ASSERT_EQ(viewer.Ask("DESCRIBE").status, 200) << i;
+    ASSERT_EQ(viewer.Watch(), 200) << i;
+  }
+}
+
 TEST(Rtsp, WhoIsNotHeardOfMakesRoomForOthers) {
   ForgetEarlierRuns();
   Stage stage({"--viewers", "2", "--timeout", "1"});
