@@ -72,8 +72,13 @@ void Shut(Viewer& viewer) {
 
 void FreeViewer(gpointer data) {
   auto* const viewer = static_cast<Viewer*>(data);
-  Log("kestrel-rtsp: %s has gone; too slow, and so without pictures up to a keyframe: %llu times\n",
-      viewer->name.c_str(), static_cast<unsigned long long>(viewer->skips));
+  if (viewer->skips == 0) {
+    Log("kestrel-rtsp: %s has gone\n", viewer->name.c_str());
+  } else {
+    Log("kestrel-rtsp: %s has gone; was too slow, and missed pictures up to a keyframe, %llu "
+        "times\n",
+        viewer->name.c_str(), static_cast<unsigned long long>(viewer->skips));
+  }
   Shut(*viewer);
   g_object_unref(viewer->inner);
   FreeWeak(viewer->client);
