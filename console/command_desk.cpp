@@ -198,9 +198,7 @@ std::string CommandStateJson(int id, std::string_view state, std::string_view wh
 std::uint64_t CommandDesk::Open(std::uint64_t viewer, const PageCommand& command,
                                 const tools::TelemetryRecord& before, SteadyTime now) {
   const tools::CommandEffect& effect = command.request.effect;
-  // Proven by what does not come any more: the daemon itself sends a histogram for three seconds
-  // after the camera's last one.
-  const bool stands =
+  const bool is_end =
       effect.kind == EffectKind::kRecordingStands || effect.kind == EffectKind::kHistogramOff;
   // One that nothing shows stays as well: sending it may fail.
   pending_.push_back({.ticket = ++last_ticket_,
@@ -208,7 +206,7 @@ std::uint64_t CommandDesk::Open(std::uint64_t viewer, const PageCommand& command
                       .id = command.id,
                       .effect = effect,
                       .watch = tools::EffectWatch(effect, before),
-                      .deadline = now + (stands ? kPatienceForStanding : kPatience)});
+                      .deadline = now + (is_end ? kPatienceForAnEnd : kPatience)});
   return last_ticket_;
 }
 

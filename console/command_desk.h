@@ -38,8 +38,9 @@ class CommandDesk {
  public:
   static constexpr std::size_t kMost = 64;
   static constexpr std::chrono::seconds kPatience{3};
-  // That a recording stands still takes three text records, which come once a second.
-  static constexpr std::chrono::seconds kPatienceForStanding{5};
+  // That a recording stands still takes three text records, which come once a second; histograms go
+  // on for three seconds after the camera's last.
+  static constexpr std::chrono::seconds kPatienceForAnEnd{6};
 
   struct Outcome {
     std::uint64_t viewer = 0;

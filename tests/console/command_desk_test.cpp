@@ -119,6 +119,10 @@ TEST(CommandDesk, WaitsForTheProofAndNotForever) {
   EXPECT_TRUE(desk.Take(Text("rec_time=00:00:08,")).empty());
   EXPECT_EQ(desk.Take(Text("rec_time=00:00:08,")).size(), 1U);
 
+  open(R"("cmd":"histogram","param":"0")");
+  EXPECT_TRUE(desk.Expire(start + seconds{5}).empty()) << "histograms go on for three seconds";
+  EXPECT_EQ(desk.Expire(start + CommandDesk::kPatienceForAnEnd).size(), 1U);
+
   const auto ticket = open(R"("cmd":"wifi","param":"5.8")");
   EXPECT_EQ(desk.Fail(ticket, "no share").size(), 1U);
   open(R"("cmd":"wifi","param":"5.8")");
