@@ -45,7 +45,8 @@ TEST(MetricsFile, HoldsTheMetricsThatTheDocumentationLists) {
   const std::string documentation = ReadFile(KESTRELBRIDGE_SOURCE_DIR "/docs/metrics.md");
   const auto names = Matches(text, R"(^# TYPE (\w+) )");
   EXPECT_FALSE(names.empty());
-  EXPECT_EQ(names, Matches(documentation, R"(^\| `(\w+)` )"));
+  // The console's stand there as well, and have a test of their own.
+  EXPECT_EQ(names, Matches(documentation, R"(^\| `(?!kestrelbridge_console_)(\w+)` )"));
   // Every value of a label, too.
   const auto documented = Matches(documentation, R"(`(\w+="\w+")`)");
   for (const std::string& label : Matches(text, R"(\{(\w+="\w+")\} )")) {
