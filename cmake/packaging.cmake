@@ -89,6 +89,7 @@ foreach(document IN ITEMS README.md bench/README.md fuzz/README.md tools/clips/R
   install_document(${document})
 endforeach()
 install(PROGRAMS packaging/examples/90-kestrelbridge DESTINATION ${doc_dir}/examples)
+install(FILES docs/console.png DESTINATION ${doc_dir}/docs)
 install(FILES docs/example/main_application.cpp DESTINATION ${doc_dir}/docs/example)
 
 # --- dev --------------------------------------------------------------------------------------
